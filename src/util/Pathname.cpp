@@ -1,0 +1,23 @@
+#include "util/Pathname.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "libzero/syscall-probe.h"
+
+constinit const Pathname Pathname::cur(".");
+constinit const Pathname Pathname::parent("..");
+
+// The faccessat system call takes no flags (glibc emulates AT_EACCESS in user
+// space, by guesswork); faccessat2 does, so the kernel itself checks for the
+// effective user. Kernels before 5.8 lack it: then access(2), which checks
+// for the real user.
+bool Pathname::accessOk(int mode) const {
+    if (can_safely_probe_linux_syscalls()) {
+        if (syscall(SYS_faccessat2, AT_FDCWD, c_str(), mode, AT_EACCESS) == 0) return true;
+        if (errno != ENOSYS) return false;
+    }
+    return access(c_str(), mode) == 0;
+}
