@@ -1,0 +1,54 @@
+#include "libzero/assertion.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+int failWithErrnoExpression(int rv) {
+    errno = EBADF;
+    ASSERT(rv || (0 + errno) != EBADF);
+    return rv;
+}
+
+TEST(AssertionDeathTest, KeepsTheExpandedExpressionWithPlace) {
+    // The text is taken after macro expansion: errno and EBADF appear as
+    // glibc defines them, which is what crash reports quote.
+    EXPECT_DEATH(failWithErrnoExpression(0),
+                 "AssertionTest.cpp:[0-9]+: int .*failWithErrnoExpression\\(int\\): Assertion "
+                 "`rv \\|\\| \\(0 \\+ \\(\\*__errno_location \\(\\)\\)\\) != 9' failed.");
+    EXPECT_EQ(failWithErrnoExpression(1), 1);
+}
+
+TEST(AssertionDeathTest, ActiveWhateverNdebugSays) {
+    // This file is compiled like any other; the macro has no NDEBUG branch.
+    const char* p = nullptr;
+    // clang-format off
+    EXPECT_DEATH(ASSERT(p != ((void *)0)), "Assertion `p != \\(\\(void \\*\\)0\\)' failed");
+    // clang-format on
+}
+
+TEST(AssertionDeathTest, RecordsTheFailureForTheCrashReport) {
+    EXPECT_EXIT(
+        {
+            // Look at the record from inside the dying process, before abort:
+            // a SIGABRT handler sees what the crash report will see.
+            signal(SIGABRT, [](int) {
+                const auto& r = last_assertion_failure;
+                bool ok = r.expression && std::string(r.expression) == "1 + 1 == 3" && r.line > 0 &&
+                          std::string(r.file).ends_with("AssertionTest.cpp") &&
+                          std::string(r.function).find("TestBody") != std::string::npos;
+                _exit(ok ? 42 : 43);
+            });
+            ASSERT(1 + 1 == 3);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+TEST(AssertionDeathTest, ReplacesTheCLibraryAssertForEveryCaller) {
+    // A C library's own assert() reaches __assert_fail too, and is recorded.
+    EXPECT_DEATH(__assert_fail("from a library", "lib.c", 7, "f"),
+                 "lib.c:7: f: Assertion `from a library' failed.");
+}
+
+}  // namespace

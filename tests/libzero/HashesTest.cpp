@@ -1,0 +1,155 @@
+// djb2, the gzip CRC-32 and xorshift128+.
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/time.h>
+#include <zlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "libzero/djb2.h"
+#include "libzero/gzip-crc32.h"
+#include "libzero/xorshift128plus.h"
+
+namespace {
+
+TEST(Djb2, SignedBytesAndTheFamilyAgree) {
+    EXPECT_EQ(djb2_hash(""), 5381u);
+    EXPECT_EQ(djb2_hash("a"), 5381u * 33 + 'a');
+    // Bytes over 0x7F count as negative (computed independently in Python).
+    const char text[] = "Hello, \xff\x80";
+    EXPECT_EQ(djb2_hash_n(text, 9), 249845907288579364u);
+    EXPECT_EQ(djb2_hash(text), djb2_hash_n(text, 9));
+
+    size_t len = 0;
+    EXPECT_EQ(djb2_hash_and_strlen(text, &len), djb2_hash_n(text, 9));
+    EXPECT_EQ(len, 9u);
+
+    // Cumulative: the hash of a piece continues the hash of what came before.
+    EXPECT_EQ(djb2_hash_n_cumulative(djb2_hash_n(text, 4), text + 4, 5), djb2_hash_n(text, 9));
+
+    EXPECT_EQ(djb2_hash_n_nocase("HeLLo-Z[", 8), djb2_hash_n("hello-z[", 8));
+    EXPECT_NE(djb2_hash_n_nocase("\xC9", 1), djb2_hash_n_nocase("\xE9", 1));  // ASCII only
+}
+
+TEST(GzipCrc32, MatchesZlibOverLengthsAndPieces) {
+    std::mt19937 rng(3);
+    std::string data(5000, '\0');
+    for (char& c : data) c = static_cast<char>(rng());
+    for (size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 63, 64, 1000, 4999}) {
+        const uLong expect = crc32(0, reinterpret_cast<const Bytef*>(data.data()), n);
+        ASSERT_EQ(gzip_crc32(0, data.data(), n), expect) << n;
+        // In two pieces, split anywhere.
+        for (size_t cut : {size_t{0}, n / 3, n}) {
+            uint32_t c = gzip_crc32(0, data.data(), cut);
+            c = gzip_crc32(c, data.data() + cut, n - cut);
+            ASSERT_EQ(c, expect) << n << " cut at " << cut;
+        }
+    }
+    EXPECT_EQ(gzip_crc32(0, "123456789", 9), 0xCBF43926u);  // the standard check value
+}
+
+TEST(Xorshift128Plus, StepsAndSeedsMatchIndependentValues) {
+    // Expected values computed by a separate Python model of the generator.
+    xorshift128plus_state s = {{1, 2}};
+    EXPECT_EQ(xorshift128plus_next(&s), 0x800045u);
+    EXPECT_EQ(xorshift128plus_next(&s), 0x2000104u);
+    EXPECT_EQ(xorshift128plus_next(&s), 0x4000020010c3u);
+
+    xorshift128plus_init_with_seed(&s, 12345);
+    EXPECT_EQ(s.s[0], 0xf36cf1164265dd51u);
+    EXPECT_EQ(s.s[1], 0x606dd5207aa46961u);
+    EXPECT_EQ(xorshift128plus_next(&s), 0x788e0006e56cf2bdu);
+    EXPECT_EQ(xorshift128plus_next(&s), 0x9100c35634c611u);
+}
+
+TEST(Xorshift128Plus, FillMemoryUsesWholeOutputsInHostOrder) {
+    xorshift128plus_state a, b;
+    xorshift128plus_init_with_seed(&a, 99);
+    b = a;
+
+    unsigned char buf[32];
+    memset(buf, 0xAA, sizeof buf);
+    xorshift128plus_fill_memory(&a, buf, 0);
+    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "0 bytes leave the state alone";
+    EXPECT_EQ(buf[0], 0xAA);
+
+    xorshift128plus_fill_memory(&a, buf, 1);
+    uint64_t first = xorshift128plus_next(&b);
+    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "1 byte takes one step";
+    EXPECT_EQ(buf[0], static_cast<unsigned char>(first));
+    EXPECT_EQ(buf[1], 0xAA);
+
+    xorshift128plus_fill_memory(&a, buf, 9);
+    uint64_t o1 = xorshift128plus_next(&b), o2 = xorshift128plus_next(&b);
+    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "9 bytes take two steps";
+    EXPECT_EQ(memcmp(buf, &o1, 8), 0);
+    EXPECT_EQ(buf[8], static_cast<unsigned char>(o2));
+    EXPECT_EQ(buf[9], 0xAA);
+}
+
+TEST(Xorshift128Plus, RatioStaysInTheUnitInterval) {
+    xorshift128plus_state s;
+    xorshift128plus_init_with_seed(&s, 1);
+    double sum = 0, lo = 1, hi = 0;
+    const int n = 200000;
+    for (int i = 0; i < n; ++i) {
+        double r = xorshift128plus_get_ratio(&s);
+        ASSERT_GE(r, 0.0);
+        ASSERT_LT(r, 1.0);
+        sum += r;
+        lo = std::min(lo, r);
+        hi = std::max(hi, r);
+    }
+    EXPECT_NEAR(sum / n, 0.5, 0.01);
+    EXPECT_LT(lo, 0.001);
+    EXPECT_GT(hi, 0.999);
+}
+
+TEST(Xorshift128Plus, TimeSeededStatesDiffer) {
+    xorshift128plus_state a, b;
+    xorshift128plus_init(&a);
+    xorshift128plus_init(&b);
+    EXPECT_FALSE(a.s[0] == b.s[0] && a.s[1] == b.s[1]);
+    EXPECT_FALSE(a.s[0] == 0 && a.s[1] == 0);
+
+    xorshift128plus_state c = a;
+    xorshift128plus_mix_in_initial_seed(&c);
+    EXPECT_FALSE(c.s[0] == a.s[0] && c.s[1] == a.s[1]);
+}
+
+uint64_t finisher(uint64_t z) {
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+// With the time-stamp counter forbidden, the counter counts as 0, and word 0
+// is the finisher of the byte-swapped seconds alone. Exits 0 when so.
+[[noreturn]] void seedWithoutCycleCounter() {
+    prctl(PR_SET_TSC, PR_TSC_SIGSEGV, 0, 0, 0);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        struct timeval before;
+        struct timeval after;
+        gettimeofday(&before, nullptr);
+        xorshift128plus_state s;
+        xorshift128plus_init_with_mixers(&s, 0x1234, 0);
+        gettimeofday(&after, nullptr);
+        if (before.tv_sec != after.tv_sec) continue;
+        const uint64_t expect =
+            finisher(0 - __builtin_bswap64(static_cast<uint64_t>(before.tv_sec))) ^ 0x1234;
+        _exit(s.s[0] == expect ? 0 : 1);
+    }
+    _exit(2);
+}
+
+TEST(Xorshift128PlusDeathTest, NoCycleCounterWhereReadingItWouldFault) {
+    // A re-executed child decides afresh, after forbidding the counter.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(seedWithoutCycleCounter(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+// dirclasp as the shell sees it: arguments, messages, exit statuses, timing.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+
+namespace {
+
+using testsupport::fileExists;
+using testsupport::ProcessResult;
+using testsupport::ScratchDir;
+
+const char kUsage[] =
+    "Usage :\n"
+    "lock : [-l | --lock ] [dirToLock] <timeOutSecs>\n"
+    "unlock [-u | --unlock ] [dirToUnlock] <timeOutSecs>\n";
+
+ProcessResult dirclasp(std::vector<std::string> args, std::vector<std::string> env = {}) {
+    args.insert(args.begin(), DIRCLASP_PATH);
+    // The variable must not leak in from the environment of whoever runs this.
+    env.insert(env.begin(), "OPTIMISTIC_ABOUT_FILE_LOCKING=");
+    return testsupport::runProcess(args, env);
+}
+
+class Dirclasp : public testing::Test {
+protected:
+    void SetUp() override {
+        target = dir / "work";
+        ASSERT_EQ(mkdir(target.c_str(), 0777), 0);
+    }
+    ScratchDir dir;
+    std::string target;
+};
+
+TEST_F(Dirclasp, WrongArgumentCountsPrintUsage) {
+    for (auto args :
+         std::vector<std::vector<std::string>>{{}, {"-l"}, {"-l", target, "1", "extra"}}) {
+        ProcessResult r = dirclasp(args);
+        EXPECT_EQ(r.exitStatus, 255);
+        EXPECT_EQ(r.out, kUsage);
+        EXPECT_EQ(r.err, "");
+    }
+}
+
+TEST_F(Dirclasp, AccessIsCheckedBeforeTheAction) {
+    ProcessResult r = dirclasp({"-x", "/no/such/dir"});
+    EXPECT_EQ(r.exitStatus, 254);
+    EXPECT_EQ(r.out, "Unable to access /no/such/dir\n");
+
+    r = dirclasp({"-x", target});
+    EXPECT_EQ(r.exitStatus, 255);
+    EXPECT_EQ(r.out, kUsage);
+
+    // Actions match exactly.
+    for (const char* bad : {"-L", "-lock", "--lockx", "l", ""}) {
+        r = dirclasp({bad, target});
+        EXPECT_EQ(r.exitStatus, 255) << bad;
+        EXPECT_FALSE(fileExists(target + ".lock"));
+    }
+}
+
+TEST_F(Dirclasp, ADirectoryTheUserCannotWriteIsNotAccessible) {
+    const std::string closed = dir / "closed";
+    ASSERT_EQ(mkdir(closed.c_str(), 0755), 0);
+    const int status =
+        testsupport::inChildAs(testsupport::kUnprivilegedUid, testsupport::kUnprivilegedGid, [&] {
+            close(1);  // the message is checked elsewhere; only the status here
+            execl(DIRCLASP_PATH, DIRCLASP_PATH, "-l", closed.c_str(), "0", nullptr);
+            return 127;
+        });
+    EXPECT_EQ(status, 254);
+    EXPECT_FALSE(fileExists(closed + ".lock"));
+}
+
+TEST_F(Dirclasp, LockUnlockRelock) {
+    ProcessResult r = dirclasp({"-l", target});
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(r.out, "") << "success prints nothing";
+    const std::string contents = testsupport::readFile(target + ".lock");
+    EXPECT_NE(contents.find("\ndirclasp"), std::string::npos) << contents;
+    EXPECT_EQ(contents.back(), 'p') << "no line feed at the end";
+
+    r = dirclasp({"--unlock", target});
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_FALSE(fileExists(target + ".lock"));
+
+    r = dirclasp({"--lock", target, "5"});
+    EXPECT_EQ(r.exitStatus, 0);
+    r = dirclasp({"-u", target});
+    EXPECT_EQ(r.exitStatus, 0);
+}
+
+TEST_F(Dirclasp, UnlockingAnUnlockedDirectorySucceeds) {
+    ProcessResult r = dirclasp({"-u", target});
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(r.out, "");
+}
+
+TEST_F(Dirclasp, TimeOutZeroTriesTwiceOneSecondApart) {
+    ASSERT_EQ(dirclasp({"-l", target}).exitStatus, 0);
+    // At once, and again after a second: only then is the time strictly past 0.
+    for (const char* timeout : {"0", "abc"}) {
+        ProcessResult r = dirclasp({"-l", target, timeout});
+        EXPECT_EQ(r.exitStatus, 255) << timeout;
+        EXPECT_EQ(r.out, "Timeout out acquiring lock on " + target + "\n");
+        EXPECT_GE(r.seconds, 0.9) << timeout;
+        EXPECT_LT(r.seconds, 2.9) << timeout;
+    }
+}
+
+TEST_F(Dirclasp, NumericPrefixOfTheTimeOutCounts) {
+    ASSERT_EQ(dirclasp({"-l", target}).exitStatus, 0);
+    // strtol reads 2: the wait ends once more than 2 whole seconds have passed,
+    // which takes more than the 1 second of a time-out of 0.
+    ProcessResult r = dirclasp({"-l", target, "2x"});
+    EXPECT_EQ(r.exitStatus, 255);
+    EXPECT_GE(r.seconds, 1.9);
+    EXPECT_LT(r.seconds, 4.9);
+}
+
+TEST_F(Dirclasp, ANegativeTimeOutWaitsForEver) {
+    ASSERT_EQ(dirclasp({"-l", target}).exitStatus, 0);
+    auto waiter = std::async(std::launch::async, [&] { return dirclasp({"-l", target, "-5"}); });
+    // Still waiting well past what any time-out of 0 would allow...
+    EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(2500)), std::future_status::timeout);
+    // ...and done soon after the holder lets go.
+    ASSERT_EQ(dirclasp({"-u", target}).exitStatus, 0);
+    ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    ProcessResult r = waiter.get();
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(fileExists(target + ".lock"));
+}
+
+TEST_F(Dirclasp, HardFailuresPrintAndReturnTheResult) {
+    // The lock name taken by a directory: unlink fails with EISDIR.
+    ASSERT_EQ(mkdir((target + ".lock").c_str(), 0755), 0);
+    ProcessResult r = dirclasp({"-u", target});
+    EXPECT_EQ(r.exitStatus, 255);
+    EXPECT_EQ(r.out, "Unable to release lock on " + target + "\n");
+    // While it stands there, locking is busy: a time-out, not a failure.
+    r = dirclasp({"-l", target, "0"});
+    EXPECT_EQ(r.exitStatus, 255);
+    EXPECT_EQ(r.out, "Timeout out acquiring lock on " + target + "\n");
+}
+
+TEST_F(Dirclasp, UnusableFileSystemsFailUnlessOptimistic) {
+    struct statfs sfs;
+    if (statfs("/dev/shm", &sfs) != 0 || sfs.f_type != 0x01021994) {
+        GTEST_SKIP() << "no tmpfs at /dev/shm";
+    }
+    char shmTemplate[] = "/dev/shm/dirclasp-test.XXXXXX";
+    ASSERT_NE(mkdtemp(shmTemplate), nullptr);
+    const std::string shm = shmTemplate;
+
+    ProcessResult r = dirclasp({"-l", shm});
+    EXPECT_EQ(r.exitStatus, 255);
+    EXPECT_EQ(r.out, "Unable to acquire lock on " + shm + "\n");
+
+    r = dirclasp({"-l", shm}, {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_TRUE(fileExists(shm + ".lock"));
+    r = dirclasp({"-u", shm}, {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
+    EXPECT_EQ(r.exitStatus, 0);
+    testsupport::removeTree(shm);
+}
+
+}  // namespace

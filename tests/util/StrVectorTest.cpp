@@ -1,0 +1,117 @@
+#include "util/StrVector.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+TEST(StrVector, ConstructionAndLookup) {
+    StrVector v("b", "a", "c", nullptr);
+    ASSERT_EQ(v.size(), 3u);
+    EXPECT_TRUE(v.contains("a"));
+    EXPECT_FALSE(v.contains("d"));
+    EXPECT_TRUE(v.contains("ab", 1));
+    v.push_back("xyz", 2);
+    EXPECT_EQ(v.back(), "xy");
+    EXPECT_TRUE(StrVector::EMPTY_STRVECTOR.empty());
+}
+
+TEST(StrVector, Joins) {
+    StrVector v("a", "b c", "\"d\"", nullptr);
+    Str s("> ");
+    v.joinInto(s, ',');
+    EXPECT_EQ(s, "> a,b c,\"d\"") << "joins append";
+    Str t;
+    v.joinInto(t, " | ");
+    EXPECT_EQ(t, "a | b c | \"d\"");
+    Str q;
+    v.joinIntoAsEscapedSearchTerms(q, ' ');
+    EXPECT_EQ(q, "a \"b c\" \"\\\"d\\\"\"");
+    Str e;
+    StrVector().joinInto(e, ',');
+    EXPECT_EQ(e, "");
+}
+
+TEST(StrVector, SortDedupReverse) {
+    StrVector v("b", "a", "b", "\xff", "a", "c", nullptr);
+    StrVector d = v;
+    d.dedup();
+    EXPECT_EQ(d, StrVector("b", "a", "\xff", "c", nullptr)) << "first occurrences, in order";
+    v.sort();
+    EXPECT_EQ(v, StrVector("a", "a", "b", "b", "c", "\xff", nullptr)) << "bytes sort unsigned";
+    v.dedupAlreadySorted();
+    EXPECT_EQ(v, StrVector("a", "b", "c", "\xff", nullptr));
+    v.reverse();
+    EXPECT_EQ(v.front(), "\xff");
+
+    // A shared history spans vectors, single elements included.
+    StrSet seen;
+    StrVector first("x", "y", nullptr), second("y", "z", "x", nullptr), third("z", nullptr);
+    first.dedup(seen);
+    second.dedup(seen);
+    third.dedup(seen);
+    EXPECT_EQ(first, StrVector("x", "y", nullptr));
+    EXPECT_EQ(second, StrVector("z", nullptr));
+    EXPECT_TRUE(third.empty());
+}
+
+TEST(StrVector, DestructiveAppends) {
+    StrVector v;
+    Str s(std::string(100, 'q'));
+    const char* buf = s.data();
+    v.appendDestructive(&s);
+    EXPECT_TRUE(s.empty());
+    EXPECT_EQ(v[0].data(), buf) << "swapped in, not copied";
+
+    StrVector source("a", "b", nullptr);
+    StrVector empty;
+    const Str* array = source.data();
+    empty.appendDestructive(&source);
+    EXPECT_EQ(empty.data(), array) << "an empty receiver takes the whole array";
+    EXPECT_TRUE(source.empty());
+
+    StrVector big;
+    big.reserve(64);
+    StrVector small("c", nullptr);
+    big.appendDestructive(&small);
+    EXPECT_EQ(big, StrVector("c", nullptr));
+    EXPECT_GE(big.capacity(), 64u) << "a larger receiver keeps its array";
+    EXPECT_TRUE(small.empty());
+
+    StrVector more("d", nullptr);
+    big.appendDestructive(&more);
+    EXPECT_EQ(big, StrVector("c", "d", nullptr));
+}
+
+TEST(StrVector, Text) {
+    StrVector v("a", "b c", "", nullptr);
+    EXPECT_EQ(v.toString(), "{[0]='a' [1]='b c' [2]=''}");
+    EXPECT_EQ(v.toString_concise(), "[a 'b c' ]");
+    EXPECT_EQ(StrVector().toString(), "{}");
+    EXPECT_EQ(StrVector().toString_concise(), "[]");
+}
+
+TEST(StrVector, HeapEstimateCountsInObjectElements) {
+    StrVector v;
+    v.reserve(4);
+    v.push_back("short");
+    v.push_back(Str(std::string(100, 'x')));
+    EXPECT_EQ(v.estimateHeapUsage(), 4 * sizeof(Str) + 15 + v[1].capacity());
+}
+
+TEST(StrSegmentVector, ViewsAndJoins) {
+    StrVector owner("a", "bb", nullptr);
+    StrSegmentVector segs;
+    segs.append(owner);
+    segs.push_back("ccc");
+    EXPECT_EQ(segs[1].data(), owner[1].data());
+    Str s;
+    segs.joinInto(s, "+");
+    EXPECT_EQ(s, "a+bb+ccc");
+    StrVector copies;
+    copies.append(segs);
+    EXPECT_EQ(copies, StrVector("a", "bb", "ccc", nullptr));
+}
+
+}  // namespace
