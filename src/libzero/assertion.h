@@ -21,8 +21,7 @@ extern struct assertion_failure_record last_assertion_failure;
 
 // Our definition replaces glibc's for the whole process, so that assertions
 // in C libraries we call are recorded for the crash report as well.
-void __assert_fail(const char* assertion, const char* file, unsigned int line,
-                   const char* function)
+void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function)
 #ifdef __cplusplus
     noexcept
 #endif
@@ -33,6 +32,7 @@ void __assert_fail(const char* assertion, const char* file, unsigned int line,
 #endif
 
 #define ASSERT(expr) ASSERT_EXPANDED_(expr)
-#define ASSERT_EXPANDED_(expr) \
-    (__builtin_expect(!!(expr), 1) ? (void)0 \
-                                   : __assert_fail(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+#define ASSERT_EXPANDED_(expr)     \
+    (__builtin_expect(!!(expr), 1) \
+         ? (void)0                 \
+         : __assert_fail(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))

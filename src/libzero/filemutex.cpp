@@ -226,7 +226,10 @@ filemutex_fs_class filemutex_classify_fs(const char* path) {
 }
 
 int32_t filemutex_lock(const char* path) {
+    // The text is what crash reports quote: kept as written.
+    // clang-format off
     ASSERT(lockfile_text != ((void *)0));
+    // clang-format on
     if (filemutex_optimistic_about_file_locking()) return lock_by_exclusive_create(path);
     switch (filemutex_classify_fs(path)) {
         case FILEMUTEX_FS_LOCAL:

@@ -7,8 +7,8 @@
 
 #include "libzero/syscall-probe.h"
 
-constinit const Pathname Pathname::cur(".");
-constinit const Pathname Pathname::parent("..");
+TX_EARLY_CONSTANT const Pathname Pathname::cur(".");
+TX_EARLY_CONSTANT const Pathname Pathname::parent("..");
 
 // The faccessat system call takes no flags (glibc emulates AT_EACCESS in user
 // space, by guesswork); faccessat2 does, so the kernel itself checks for the

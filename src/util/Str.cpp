@@ -18,8 +18,7 @@ constinit const CharacterClass CharacterClass::ALPHA_NUM(TX_LETTERS "0123456789"
 constinit const CharacterClass CharacterClass::ALPHA_NUM_UNDER(TX_LETTERS "0123456789_");
 constinit const CharacterClass CharacterClass::ALPHA_NUM_UNDER_DOT(TX_LETTERS "0123456789_.");
 constinit const CharacterClass CharacterClass::ALPHA_NUM_UNDER_DASH(TX_LETTERS "0123456789_-");
-constinit const CharacterClass CharacterClass::ALPHA_NUM_UNDER_DASH_DOT(TX_LETTERS
-                                                                       "0123456789_-.");
+constinit const CharacterClass CharacterClass::ALPHA_NUM_UNDER_DASH_DOT(TX_LETTERS "0123456789_-.");
 constinit const CharacterClass CharacterClass::COMMA_OR_SPACE(" ,");
 constinit const CharacterClass CharacterClass::SEARCH_ESC("\"\\");
 constinit const CharacterClass CharacterClass::ALL_WHITESPACES(" \t\n\v\f\r");
@@ -27,9 +26,9 @@ constinit const CharacterClass CharacterClass::ALL_WHITESPACES(" \t\n\v\f\r");
 
 constinit const CharacterClass StrlikeTraits::default_trimchars(" \t");
 
-constinit const Str Str::EMPTY_STR;
-constinit const Str Str::LITERAL_TRUE("true");
-constinit const Str Str::LITERAL_FALSE("false");
+TX_EARLY_CONSTANT const Str Str::EMPTY_STR;
+TX_EARLY_CONSTANT const Str Str::LITERAL_TRUE("true");
+TX_EARLY_CONSTANT const Str Str::LITERAL_FALSE("false");
 constinit const StrSegment StrSegment::EMPTY_STRSEGMENT;
 
 namespace {

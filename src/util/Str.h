@@ -14,6 +14,16 @@
 
 #include "libzero/assertion.h"
 
+// For constants that other translation units may read from their own static
+// initialisers. GCC evaluates the platform string at compile time; clang 14
+// cannot with libstdc++ 12, so there such constants are initialised before
+// every ordinary static initialiser instead.
+#if defined(__clang__)
+#define TX_EARLY_CONSTANT __attribute__((init_priority(101)))
+#else
+#define TX_EARLY_CONSTANT constinit
+#endif
+
 class Str;
 class StrSegment;
 class AppendStr;
@@ -146,8 +156,8 @@ bool mem_endswith(const char* data, size_t length, const CharacterClass& cls);
 // Occurrences from `offset`, over at most `count` bytes.
 size_t mem_count_char(const char* data, size_t length, char c, size_t offset = 0,
                       size_t count = MEM_NPOS);
-size_t mem_count_char(const char* data, size_t length, const CharacterClass& cls,
-                      size_t offset = 0, size_t count = MEM_NPOS);
+size_t mem_count_char(const char* data, size_t length, const CharacterClass& cls, size_t offset = 0,
+                      size_t count = MEM_NPOS);
 
 bool mem_contains_whitespace(const char* data, size_t length);
 bool mem_contains_non_ascii(const char* data, size_t length);
@@ -192,8 +202,8 @@ bool mem_tryToDouble(const char* data, size_t length, double* out);
 // Caseless "t", "true", "yes", exactly "1"; caseless "f", "false", "no", exactly "0".
 bool mem_tryToBool(const char* data, size_t length, bool* out);
 
-unsigned long long mem_toUnsignedLongLong(const char* data, size_t length,
-                                          unsigned long long dflt, int base = 10);
+unsigned long long mem_toUnsignedLongLong(const char* data, size_t length, unsigned long long dflt,
+                                          int base = 10);
 unsigned long mem_toUnsignedLong(const char* data, size_t length, unsigned long dflt,
                                  int base = 10);
 size_t mem_toSizet(const char* data, size_t length, size_t dflt, int base = 10);
@@ -229,8 +239,8 @@ void mem_split_mbytez(const char* data, size_t length, StrSegmentTokenAcceptor& 
                       const char* sep, uint32_t maximum = SPLIT_NO_LIMIT);
 // Runs of separators are skipped and no empty token is emitted; after
 // `maximum` tokens the rest, from its first non-separator, is the last one.
-void mem_splitNonEmpty(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor,
-                       char sep, uint32_t maximum = SPLIT_NO_LIMIT);
+void mem_splitNonEmpty(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor, char sep,
+                       uint32_t maximum = SPLIT_NO_LIMIT);
 void mem_splitNonEmpty(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor,
                        const CharacterClass& sep, uint32_t maximum = SPLIT_NO_LIMIT);
 void mem_splitNonEmpty_mbyte(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor,
@@ -281,7 +291,9 @@ public:
     }
     // Moves the start to `p`, which must lie within the view.
     void advanceTo(const char* p) {
+        // clang-format off
         ASSERT(_len >= (size_type) (p - _data));
+        // clang-format on
         _len -= static_cast<size_t>(p - _data);
         _data = p;
     }
@@ -312,8 +324,8 @@ public:
 
     // When at least 2 long and both ends are `quote`, drops both.
     bool stripQuotes(char quote = '"');
-    StrSegment trim(const CharacterClass& cls = StrlikeTraits::default_trimchars,
-                    bool left = true, bool right = true) const;
+    StrSegment trim(const CharacterClass& cls = StrlikeTraits::default_trimchars, bool left = true,
+                    bool right = true) const;
     StrSegment& trimInPlace(const CharacterClass& cls = StrlikeTraits::default_trimchars,
                             bool left = true, bool right = true);
 
@@ -350,8 +362,8 @@ struct utf8_character_buffer {
 // below.
 class Str : public std::string {
 public:
-    using std::string::basic_string;
     using std::string::append;
+    using std::string::basic_string;
     using std::string::find;
     using std::string::rfind;
     using std::string::operator=;
@@ -421,8 +433,8 @@ public:
 
     Str trim(const CharacterClass& cls = StrlikeTraits::default_trimchars, bool left = true,
              bool right = true) const;
-    Str& trimInPlace(const CharacterClass& cls = StrlikeTraits::default_trimchars,
-                     bool left = true, bool right = true);
+    Str& trimInPlace(const CharacterClass& cls = StrlikeTraits::default_trimchars, bool left = true,
+                     bool right = true);
     // When at least 2 long and both ends are `quote`, removes both.
     bool stripQuotes(char quote = '"');
 

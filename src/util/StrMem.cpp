@@ -261,68 +261,115 @@ size_t mem_find_first_cr_or_lf(const char* data, size_t length, size_t offset) {
 
 // ---------------------------------------------------------------- UTF-8
 
+// Valid UTF-8 has a consistent structure: every continuation byte stands
+// exactly where a lead byte before it says, and nowhere else. So a block is
+// checked by comparing two masks, then the ranges of the second bytes that
+// rule out overlong forms, surrogates and values over U+10FFFF.
+namespace {
+
+struct Utf8Validator {
+    unsigned owed = 0;     // continuation bytes the previous block's leads require here
+    unsigned afterE0 = 0;  // bit 0: the previous block ended in E0 (next must be >= A0)
+    unsigned afterED = 0;  // ... ED (next <= 9F)
+    unsigned afterF0 = 0;  // ... F0 (next >= 90)
+    unsigned afterF4 = 0;  // ... F4 (next <= 8F)
+
+    bool block(const char* p) {
+        const __m128i v = bytescan::load16(p);
+        const unsigned nonAscii = static_cast<unsigned>(_mm_movemask_epi8(v));
+        if (nonAscii == 0 && owed == 0) return true;
+        const bytescan::Utf8Block b(v, nonAscii);
+
+        const unsigned required = b.requiredContinuations(owed);
+        if ((required & 0xFFFF) != b.continuation) return false;
+        if (b.above_F4 != 0) return false;
+        // Two-byte leads from C2: C0 and C1 only make overlong forms.
+        if ((b.lead2 & ~bytescan::aboveMask16(v, 0xC1)) != 0) return false;
+
+        const unsigned eq_E0 = equal(v, 0xE0), eq_ED = equal(v, 0xED);
+        const unsigned eq_F0 = equal(v, 0xF0), eq_F4 = equal(v, 0xF4);
+        // Only continuation bytes are looked at here: A0-BF and 90-BF.
+        const unsigned from_A0 = bytescan::aboveMask16(v, 0x9F);
+        const unsigned from_90 = bytescan::aboveMask16(v, 0x8F);
+        if ((((eq_E0 << 1) | afterE0) & ~from_A0 & 0xFFFF) != 0) return false;
+        if ((((eq_ED << 1) | afterED) & from_A0 & 0xFFFF) != 0) return false;
+        if ((((eq_F0 << 1) | afterF0) & ~from_90 & 0xFFFF) != 0) return false;
+        if ((((eq_F4 << 1) | afterF4) & from_90 & 0xFFFF) != 0) return false;
+
+        owed = required >> 16;
+        afterE0 = eq_E0 >> 15;
+        afterED = eq_ED >> 15;
+        afterF0 = eq_F0 >> 15;
+        afterF4 = eq_F4 >> 15;
+        return true;
+    }
+
+    static unsigned equal(__m128i v, unsigned char c) {
+        return static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(static_cast<char>(c)))));
+    }
+};
+
+}  // namespace
+
 bool mem_is_valid_utf8(const char* data, size_t length) {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(data);
+    Utf8Validator validator;
     size_t i = 0;
-    while (i < length) {
-        if (i + 16 <= length) {
-            unsigned mask = bytescan::nonAsciiMask16(data + i);
-            if (mask == 0) {
-                i += 16;
+    while (i + 16 <= length) {
+        // ASCII runs, 64 bytes at a time, while nothing is owed.
+        if (validator.owed == 0 && i + 64 <= length) {
+            const __m128i any = _mm_or_si128(
+                _mm_or_si128(bytescan::load16(data + i), bytescan::load16(data + i + 16)),
+                _mm_or_si128(bytescan::load16(data + i + 32), bytescan::load16(data + i + 48)));
+            if (_mm_movemask_epi8(any) == 0) {
+                i += 64;
                 continue;
             }
-            i += static_cast<size_t>(__builtin_ctz(mask));
         }
-        const unsigned char b = p[i];
-        if (b < 0x80) {
-            ++i;
-            continue;
-        }
-        const size_t rest = length - i;
-        if (b < 0xC2) return false;  // a stray continuation, or an overlong lead
-        if (b < 0xE0) {
-            if (rest < 2 || (p[i + 1] & 0xC0) != 0x80) return false;
-            i += 2;
-        } else if (b < 0xF0) {
-            if (rest < 3) return false;
-            const unsigned char b1 = p[i + 1];
-            // E0 needs A0.. (no overlong forms), ED at most 9F (no surrogates).
-            const unsigned char lo = b == 0xE0 ? 0xA0 : 0x80;
-            const unsigned char hi = b == 0xED ? 0x9F : 0xBF;
-            if (b1 < lo || b1 > hi || (p[i + 2] & 0xC0) != 0x80) return false;
-            i += 3;
-        } else if (b < 0xF5) {
-            if (rest < 4) return false;
-            const unsigned char b1 = p[i + 1];
-            // F0 needs 90.. (no overlong forms), F4 at most 8F (U+10FFFF).
-            const unsigned char lo = b == 0xF0 ? 0x90 : 0x80;
-            const unsigned char hi = b == 0xF4 ? 0x8F : 0xBF;
-            if (b1 < lo || b1 > hi || (p[i + 2] & 0xC0) != 0x80 || (p[i + 3] & 0xC0) != 0x80) {
-                return false;
-            }
-            i += 4;
-        } else {
-            return false;
-        }
+        if (!validator.block(data + i)) return false;
+        i += 16;
     }
-    return true;
+    if (i < length) {
+        // The tail, padded with zero bytes: a sequence cut off by the end
+        // meets a zero where a continuation byte is owed.
+        char last[16] = {};
+        memcpy(last, data + i, length - i);
+        if (!validator.block(last)) return false;
+    }
+    return validator.owed == 0;
 }
 
+// Where the structure is consistent, the lead-byte walk visits exactly the
+// bytes that are not continuation bytes, so a block is counted by popcount.
+// Elsewhere the walk is done byte by byte, from where the walker stands.
 size_t mem_count_utf8_codepoints(const char* data, size_t length) {
     size_t count = 0;
     size_t i = 0;
-    while (i < length) {
-        // ASCII runs: a code point a byte.
-        while (i + 16 <= length) {
-            unsigned mask = bytescan::nonAsciiMask16(data + i);
-            size_t run = mask == 0 ? 16 : static_cast<size_t>(__builtin_ctz(mask));
-            i += run;
-            count += run;
-            if (mask != 0) break;
+    unsigned owed = 0;  // positions at the start of this block the walker steps over
+    while (i + 16 <= length) {
+        const __m128i v = bytescan::load16(data + i);
+        const unsigned nonAscii = static_cast<unsigned>(_mm_movemask_epi8(v));
+        if (nonAscii == 0 && owed == 0) {
+            count += 16;
+            i += 16;
+            continue;
         }
-        if (i >= length) break;
-        i += utf8Step(ubyte(data[i]));
-        ++count;
+        const bytescan::Utf8Block b(v, nonAscii);
+        const unsigned required = b.requiredContinuations(owed);
+        if ((required & 0xFFFF) == b.continuation) {
+            count += 16 - static_cast<size_t>(__builtin_popcount(b.continuation));
+            owed = required >> 16;
+            i += 16;
+            continue;
+        }
+        // The carried bits are contiguous from bit 0: the walker stands past them.
+        size_t pos = i + static_cast<size_t>(__builtin_popcount(owed));
+        owed = 0;
+        for (const size_t end = i + 16; pos < end; ++count) pos += utf8Step(ubyte(data[pos]));
+        i = pos;
+    }
+    for (size_t pos = i + static_cast<size_t>(__builtin_popcount(owed)); pos < length; ++count) {
+        pos += utf8Step(ubyte(data[pos]));
     }
     return count;
 }

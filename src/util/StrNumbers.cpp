@@ -7,10 +7,12 @@
 
 #include <double-conversion/double-conversion.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "util/Str.h"
@@ -21,13 +23,29 @@ inline bool isCSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
-inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
+// Above 9 for anything but a digit.
+inline unsigned digitValue(char c) { return static_cast<unsigned>(c - '0'); }
+
+// Eight ASCII digits at once, in one 64-bit word (first digit lowest).
+inline bool eightDigits(uint64_t w) {
+    return (w & 0xF0F0F0F0F0F0F0F0) == 0x3030303030303030 &&
+           ((w + 0x0606060606060606) & 0xF0F0F0F0F0F0F0F0) == 0x3030303030303030;
+}
+
+inline uint64_t eightDigitsValue(uint64_t w) {
+    w -= 0x3030303030303030;
+    w = w * 10 + (w >> 8);  // pairs
+    return (((w & 0x000000FF000000FF) * (100 + (1000000ull << 32))) +
+            (((w >> 16) & 0x000000FF000000FF) * (1 + (10000ull << 32)))) >>
+           32;
+}
 
 // Base 10 as strtoul/strtol read it: white space, a sign, digits, then the end
 // of the data. `negativeLimit` is the magnitude a minus sign may reach (0 when
 // a minus is refused). Sets errno to 0, or to ERANGE on overflow.
-bool parseDecimal(const char* p, size_t n, uint64_t positiveLimit, uint64_t negativeLimit,
-                  bool allowMinus, uint64_t* magnitude, bool* negative) {
+[[gnu::always_inline]] inline bool parseDecimal(const char* p, size_t n, uint64_t positiveLimit,
+                                                uint64_t negativeLimit, bool allowMinus,
+                                                uint64_t* magnitude, bool* negative) {
     errno = 0;
     size_t i = 0;
     while (i < n && isCSpace(p[i])) ++i;
@@ -37,18 +55,26 @@ bool parseDecimal(const char* p, size_t n, uint64_t positiveLimit, uint64_t nega
         if (minus && !allowMinus) return false;
         ++i;
     }
-    if (i == n || !isDigit(p[i])) return false;
-    const uint64_t limit = minus ? negativeLimit : positiveLimit;
+    // Nineteen digits stay below 10^19 < 2^64; only longer runs (leading
+    // zeros, or overflow) need checked arithmetic.
+    const size_t first = i;
+    const size_t unchecked = std::min(n, i + 19);
     uint64_t v = 0;
-    bool overflow = false;
-    for (; i < n && isDigit(p[i]); ++i) {
-        if (__builtin_mul_overflow(v, 10u, &v) || __builtin_add_overflow(v, p[i] - '0', &v) ||
-            v > limit) {
-            overflow = true;
-        }
+    for (uint64_t w; i + 8 <= unchecked && (memcpy(&w, p + i, 8), eightDigits(w)); i += 8) {
+        v = v * 100000000 + eightDigitsValue(w);
     }
-    if (overflow) errno = ERANGE;
-    if (i != n || overflow) return false;
+    for (unsigned d; i < unchecked && (d = digitValue(p[i])) <= 9; ++i) v = v * 10 + d;
+    if (i == first) return false;
+    bool overflow = false;
+    for (unsigned d; i < n && (d = digitValue(p[i])) <= 9; ++i) {
+        overflow =
+            overflow || __builtin_mul_overflow(v, 10u, &v) || __builtin_add_overflow(v, d, &v);
+    }
+    if (overflow || v > (minus ? negativeLimit : positiveLimit)) {
+        errno = ERANGE;
+        return false;
+    }
+    if (i != n) return false;
     *magnitude = v;
     *negative = minus;
     return true;
@@ -56,7 +82,8 @@ bool parseDecimal(const char* p, size_t n, uint64_t positiveLimit, uint64_t nega
 
 // Any base, by the C library on a terminated copy.
 template <class T, class Fn>
-bool parseWithLibc(const char* data, size_t length, int base, Fn fn, T* value) {
+[[gnu::noinline, gnu::cold]] bool parseWithLibc(const char* data, size_t length, int base, Fn fn,
+                                                T* value) {
     if (length == 0) return false;
     char stackBuf[64];
     std::unique_ptr<char[]> heapBuf;
@@ -83,7 +110,8 @@ bool startsWithMinus(const char* data, size_t length) {
     return i < length && data[i] == '-';
 }
 
-bool tryUnsigned64(const char* data, size_t length, uint64_t* out, int base) {
+[[gnu::always_inline]] inline bool tryUnsigned64(const char* data, size_t length, uint64_t* out,
+                                                 int base) {
     if (base == 10) {
         uint64_t v;
         bool negative;
@@ -98,7 +126,8 @@ bool tryUnsigned64(const char* data, size_t length, uint64_t* out, int base) {
     return true;
 }
 
-bool trySigned64(const char* data, size_t length, int64_t* out, int base) {
+[[gnu::always_inline]] inline bool trySigned64(const char* data, size_t length, int64_t* out,
+                                               int base) {
     if (base == 10) {
         uint64_t magnitude;
         bool negative;
@@ -134,8 +163,7 @@ bool equalsCaseless(const char* p, size_t n, const char* lower) {
 
 }  // namespace
 
-bool mem_tryToUnsignedLongLong(const char* data, size_t length, unsigned long long* out,
-                               int base) {
+bool mem_tryToUnsignedLongLong(const char* data, size_t length, unsigned long long* out, int base) {
     uint64_t v;
     if (!tryUnsigned64(data, length, &v, base)) return false;
     *out = v;
@@ -190,8 +218,7 @@ bool mem_tryToUnsigned(const char* data, size_t length, unsigned* out, int base)
 bool mem_tryToDouble(const char* data, size_t length, double* out) {
     if (data == nullptr || length == 0 || length > INT_MAX) return false;
     int processed = 0;
-    const double v =
-        doubleConverter().StringToDouble(data, static_cast<int>(length), &processed);
+    const double v = doubleConverter().StringToDouble(data, static_cast<int>(length), &processed);
     if (static_cast<size_t>(processed) != length || !std::isfinite(v)) return false;
     *out = v;
     return true;
@@ -212,8 +239,8 @@ bool mem_tryToBool(const char* data, size_t length, bool* out) {
     return false;
 }
 
-unsigned long long mem_toUnsignedLongLong(const char* data, size_t length,
-                                          unsigned long long dflt, int base) {
+unsigned long long mem_toUnsignedLongLong(const char* data, size_t length, unsigned long long dflt,
+                                          int base) {
     mem_tryToUnsignedLongLong(data, length, &dflt, base);
     return dflt;
 }

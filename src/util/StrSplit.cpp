@@ -124,8 +124,8 @@ void mem_split_mbytez(const char* data, size_t length, StrSegmentTokenAcceptor& 
     mem_split_mbyte(data, length, acceptor, sep, strlen(sep), maximum);
 }
 
-void mem_splitNonEmpty(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor,
-                       char sep, uint32_t maximum) {
+void mem_splitNonEmpty(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor, char sep,
+                       uint32_t maximum) {
     splitNonEmpty(data, length, acceptor, ByteSep{sep}, maximum);
 }
 
@@ -178,49 +178,49 @@ struct AcceptorFor<StrSegmentVector> {
 
 }  // namespace
 
-#define TX_DEFINE_SPLIT_INTO(Vector)                                                            \
+#define TX_DEFINE_SPLIT_INTO(Vector)                                                              \
     void mem_split_into(Vector* v, const char* data, size_t length, char sep, uint32_t maximum) { \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_split(data, length, acceptor, sep, maximum);                                        \
-    }                                                                                           \
-    void mem_split_into(Vector* v, const char* data, size_t length, const CharacterClass& sep,  \
-                        uint32_t maximum) {                                                     \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_split(data, length, acceptor, sep, maximum);                                        \
-    }                                                                                           \
-    void mem_split_into_mbyte(Vector* v, const char* data, size_t length, const char* sep,      \
-                              size_t seplen, uint32_t maximum) {                                \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_split_mbyte(data, length, acceptor, sep, seplen, maximum);                          \
-    }                                                                                           \
-    void mem_split_into_mbytez(Vector* v, const char* data, size_t length, const char* sep,     \
-                               uint32_t maximum) {                                              \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_split_mbytez(data, length, acceptor, sep, maximum);                                 \
-    }                                                                                           \
-    void mem_split_into_nonempty(Vector* v, const char* data, size_t length, char sep,          \
-                                 uint32_t maximum) {                                            \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_splitNonEmpty(data, length, acceptor, sep, maximum);                                \
-    }                                                                                           \
-    void mem_split_into_nonempty(Vector* v, const char* data, size_t length,                    \
-                                 const CharacterClass& sep, uint32_t maximum) {                 \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_splitNonEmpty(data, length, acceptor, sep, maximum);                                \
-    }                                                                                           \
-    void mem_split_into_nonempty_mbyte(Vector* v, const char* data, size_t length,              \
-                                       const char* sep, size_t seplen, uint32_t maximum) {      \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_splitNonEmpty_mbyte(data, length, acceptor, sep, seplen, maximum);                  \
-    }                                                                                           \
-    void mem_split_into_nonempty_mbytez(Vector* v, const char* data, size_t length,             \
-                                        const char* sep, uint32_t maximum) {                    \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_splitNonEmpty_mbytez(data, length, acceptor, sep, maximum);                         \
-    }                                                                                           \
-    void mem_split_lines_into(Vector* v, const char* data, size_t length) {                     \
-        AcceptorFor<Vector>::type acceptor(v);                                                  \
-        mem_split_lines(data, length, acceptor);                                                \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_split(data, length, acceptor, sep, maximum);                                          \
+    }                                                                                             \
+    void mem_split_into(Vector* v, const char* data, size_t length, const CharacterClass& sep,    \
+                        uint32_t maximum) {                                                       \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_split(data, length, acceptor, sep, maximum);                                          \
+    }                                                                                             \
+    void mem_split_into_mbyte(Vector* v, const char* data, size_t length, const char* sep,        \
+                              size_t seplen, uint32_t maximum) {                                  \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_split_mbyte(data, length, acceptor, sep, seplen, maximum);                            \
+    }                                                                                             \
+    void mem_split_into_mbytez(Vector* v, const char* data, size_t length, const char* sep,       \
+                               uint32_t maximum) {                                                \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_split_mbytez(data, length, acceptor, sep, maximum);                                   \
+    }                                                                                             \
+    void mem_split_into_nonempty(Vector* v, const char* data, size_t length, char sep,            \
+                                 uint32_t maximum) {                                              \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_splitNonEmpty(data, length, acceptor, sep, maximum);                                  \
+    }                                                                                             \
+    void mem_split_into_nonempty(Vector* v, const char* data, size_t length,                      \
+                                 const CharacterClass& sep, uint32_t maximum) {                   \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_splitNonEmpty(data, length, acceptor, sep, maximum);                                  \
+    }                                                                                             \
+    void mem_split_into_nonempty_mbyte(Vector* v, const char* data, size_t length,                \
+                                       const char* sep, size_t seplen, uint32_t maximum) {        \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_splitNonEmpty_mbyte(data, length, acceptor, sep, seplen, maximum);                    \
+    }                                                                                             \
+    void mem_split_into_nonempty_mbytez(Vector* v, const char* data, size_t length,               \
+                                        const char* sep, uint32_t maximum) {                      \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_splitNonEmpty_mbytez(data, length, acceptor, sep, maximum);                           \
+    }                                                                                             \
+    void mem_split_lines_into(Vector* v, const char* data, size_t length) {                       \
+        AcceptorFor<Vector>::type acceptor(v);                                                    \
+        mem_split_lines(data, length, acceptor);                                                  \
     }
 
 TX_DEFINE_SPLIT_INTO(StrVector)

@@ -102,24 +102,24 @@ private:
 };
 
 // The split family into vectors. They append: the target is not cleared.
-#define TX_DECLARE_SPLIT_INTO(Vector)                                                          \
-    void mem_split_into(Vector* v, const char* data, size_t length, char sep,                  \
-                        uint32_t maximum = SPLIT_NO_LIMIT);                                    \
-    void mem_split_into(Vector* v, const char* data, size_t length, const CharacterClass& sep, \
-                        uint32_t maximum = SPLIT_NO_LIMIT);                                    \
-    void mem_split_into_mbyte(Vector* v, const char* data, size_t length, const char* sep,     \
-                              size_t seplen, uint32_t maximum = SPLIT_NO_LIMIT);               \
-    void mem_split_into_mbytez(Vector* v, const char* data, size_t length, const char* sep,    \
-                               uint32_t maximum = SPLIT_NO_LIMIT);                             \
-    void mem_split_into_nonempty(Vector* v, const char* data, size_t length, char sep,         \
-                                 uint32_t maximum = SPLIT_NO_LIMIT);                           \
-    void mem_split_into_nonempty(Vector* v, const char* data, size_t length,                   \
+#define TX_DECLARE_SPLIT_INTO(Vector)                                                           \
+    void mem_split_into(Vector* v, const char* data, size_t length, char sep,                   \
+                        uint32_t maximum = SPLIT_NO_LIMIT);                                     \
+    void mem_split_into(Vector* v, const char* data, size_t length, const CharacterClass& sep,  \
+                        uint32_t maximum = SPLIT_NO_LIMIT);                                     \
+    void mem_split_into_mbyte(Vector* v, const char* data, size_t length, const char* sep,      \
+                              size_t seplen, uint32_t maximum = SPLIT_NO_LIMIT);                \
+    void mem_split_into_mbytez(Vector* v, const char* data, size_t length, const char* sep,     \
+                               uint32_t maximum = SPLIT_NO_LIMIT);                              \
+    void mem_split_into_nonempty(Vector* v, const char* data, size_t length, char sep,          \
+                                 uint32_t maximum = SPLIT_NO_LIMIT);                            \
+    void mem_split_into_nonempty(Vector* v, const char* data, size_t length,                    \
                                  const CharacterClass& sep, uint32_t maximum = SPLIT_NO_LIMIT); \
-    void mem_split_into_nonempty_mbyte(Vector* v, const char* data, size_t length,             \
-                                       const char* sep, size_t seplen,                         \
-                                       uint32_t maximum = SPLIT_NO_LIMIT);                     \
-    void mem_split_into_nonempty_mbytez(Vector* v, const char* data, size_t length,            \
-                                        const char* sep, uint32_t maximum = SPLIT_NO_LIMIT);   \
+    void mem_split_into_nonempty_mbyte(Vector* v, const char* data, size_t length,              \
+                                       const char* sep, size_t seplen,                          \
+                                       uint32_t maximum = SPLIT_NO_LIMIT);                      \
+    void mem_split_into_nonempty_mbytez(Vector* v, const char* data, size_t length,             \
+                                        const char* sep, uint32_t maximum = SPLIT_NO_LIMIT);    \
     void mem_split_lines_into(Vector* v, const char* data, size_t length);
 
 TX_DECLARE_SPLIT_INTO(StrVector)
