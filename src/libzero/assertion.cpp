@@ -16,7 +16,9 @@ struct StderrLine {
     char buf[2048];
     size_t len = 0;
 
-    void add(const char* s) { add(s, strlen(s)); }
+    void add(const char* s) {
+        if (s != nullptr) add(s, strlen(s));
+    }
     void add(const char* s, size_t n) {
         if (n > sizeof(buf) - len) n = sizeof(buf) - len;
         memcpy(buf + len, s, n);
@@ -48,8 +50,11 @@ extern "C" void __assert_fail(const char* assertion, const char* file, unsigned 
     out.add(":");
     out.add(digits, convertU32ToAscii(line, digits));
     out.add(": ");
-    out.add(function);
-    out.add(": Assertion `");
+    if (function != nullptr) {
+        out.add(function);
+        out.add(": ");
+    }
+    out.add("Assertion `");
     out.add(assertion);
     out.add("' failed.\n");
     out.flush();

@@ -168,11 +168,22 @@ int32_t lock_by_link(const char* path) {
 const char* lockfile_text = nullptr;
 size_t lockfile_text_len = 0;
 
+namespace {
+
+// Every text that was ever in force stays allocated to the end of the process
+// (another thread may be writing it into a lock file), chained so that it
+// stays reachable rather than leaked. The text follows its header.
+struct LockfileTextBlock {
+    LockfileTextBlock* previous;
+};
+LockfileTextBlock* lockfileTextBlocks = nullptr;
+
+}  // namespace
+
 void filemutex_init_contents(const char* program_name) {
-    const char* previous = lockfile_text;
+    const char* const current = lockfile_text;
     lockfile_text = kFallbackText;
     lockfile_text_len = sizeof kFallbackText - 1;
-    if (previous != nullptr && previous != kFallbackText) free(const_cast<char*>(previous));
 
     // A name that does not fit fails gethostname() with ENAMETOOLONG on glibc,
     // and the fallback text is used.
@@ -181,9 +192,10 @@ void filemutex_init_contents(const char* program_name) {
     host[sizeof host - 1] = '\0';
 
     // Room for a 64-bit decimal, two line feeds and the terminator.
-    size_t size = strlen(host) + strlen(program_name) + 23;
-    char* text = static_cast<char*>(malloc(size));
-    if (text == nullptr) return;
+    const size_t size = strlen(host) + strlen(program_name) + 23;
+    auto* block = static_cast<LockfileTextBlock*>(malloc(sizeof(LockfileTextBlock) + size));
+    if (block == nullptr) return;
+    char* text = reinterpret_cast<char*>(block + 1);
     string_builder sb;
     string_builder_start(&sb, text, size);
     string_builder_append_decimal_i64(&sb, getpid());
@@ -192,11 +204,18 @@ void filemutex_init_contents(const char* program_name) {
     string_builder_append1(&sb, '\n');
     string_builder_appendz(&sb, program_name);
     if (string_builder_finish(&sb) != 0) {
-        free(text);
+        free(block);
         return;
     }
-    lockfile_text = text;
-    lockfile_text_len = strlen(text);
+    if (current != nullptr && strcmp(current, text) == 0) {
+        free(block);  // the same text again: keep the one in force
+        lockfile_text = current;
+    } else {
+        block->previous = lockfileTextBlocks;
+        lockfileTextBlocks = block;
+        lockfile_text = text;
+    }
+    lockfile_text_len = strlen(lockfile_text);
 }
 
 bool filemutex_optimistic_about_file_locking() {
@@ -317,6 +336,8 @@ int32_t filemutex_unlock_forced(const char* path, int64_t cutoff) {
                 break;
         }
     }
+    // Releasing the lock of the lock must not hide why breaking failed.
+    SavedErrno keep;
     filemutex_unlock(lock.path);
     return result;
 }

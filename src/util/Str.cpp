@@ -342,6 +342,7 @@ Str& Str::makeSafeForLogging() {
 }
 
 Str& Str::appendDroppingControlCharacters(const char* p, size_t n) {
+    if (_aliases(p)) return appendDroppingControlCharacters(Str(p, n).data(), n);
     for (size_t i = 0; i < n; ++i) {
         if (ubyte(p[i]) >= 32) push_back(p[i]);
     }
@@ -349,6 +350,7 @@ Str& Str::appendDroppingControlCharacters(const char* p, size_t n) {
 }
 
 Str& Str::appendAsCSV(const char* p, size_t n) {
+    if (_aliases(p)) return appendAsCSV(Str(p, n).data(), n);
     if (mem_find(p, n, kCsvSpecial, 0, true) == MEM_NPOS) {
         std::string::append(p, n);
         return *this;
@@ -394,6 +396,7 @@ void Str::_appendUtf8Multibyte(uint32_t codepoint) {
 }
 
 Str& Str::appendUriEscaped(const char* p, size_t n) {
+    if (_aliases(p)) return appendUriEscaped(Str(p, n).data(), n);
     for (size_t i = 0; i < n; ++i) {
         const unsigned char b = ubyte(p[i]);
         std::string::append(kUriEscapes.text[b], kUriEscapes.len[b]);

@@ -11,6 +11,7 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "libzero/assertion.h"
 
@@ -469,6 +470,10 @@ public:
     }
     void _appendUtf8Multibyte(uint32_t codepoint);
 
+    // Whether `p` points into this string's buffer: an append from there
+    // must copy first, since growing may move the buffer.
+    bool _aliases(const char* p) const { return p >= data() && p <= data() + capacity(); }
+
     // Unreserved bytes (letters, digits, "-_.~") stay; all others are %XX.
     Str& appendUriEscaped(const char* data, size_t length);
     Str asUriEncoded() const;
@@ -485,13 +490,19 @@ public:
     Str& unescapeSearchTerm();
 };
 
-// New strings of exactly the needed size.
+// New strings of exactly the needed size. The template takes any pair of
+// string-likes of which one is a Str: forwarding references bind exactly,
+// so it beats the platform string's own overloads for every value category.
 Str operator+(StrSegment a, StrSegment b);
-inline Str operator+(const Str& a, const Str& b) { return StrSegment(a) + StrSegment(b); }
-inline Str operator+(const Str& a, const char* b) { return StrSegment(a) + StrSegment(b); }
-inline Str operator+(const char* a, const Str& b) { return StrSegment(a) + StrSegment(b); }
-inline Str operator+(const Str& a, StrSegment b) { return StrSegment(a) + b; }
-inline Str operator+(StrSegment a, const Str& b) { return a + StrSegment(b); }
+
+template <class A, class B>
+concept StrConcatenation = (std::is_base_of_v<Str, std::remove_cvref_t<A>> ||
+                            std::is_base_of_v<Str, std::remove_cvref_t<B>>)&&std::
+    is_constructible_v<StrSegment, A>&& std::is_constructible_v<StrSegment, B>;
+
+template <class A, class B>
+requires StrConcatenation<A, B>
+inline Str operator+(A&& a, B&& b) { return StrSegment(a) + StrSegment(b); }
 inline Str operator+(const Str& a, char c) { return StrSegment(a) + StrSegment(&c, 1); }
 
 template <>

@@ -248,6 +248,7 @@ size_t mem_linecount(const char* data, size_t length) {
 }
 
 size_t mem_find_first_cr_or_lf(const char* data, size_t length, size_t offset) {
+    if (offset >= length) return MEM_NPOS;
     size_t i = offset;
     for (; i + 16 <= length; i += 16) {
         unsigned mask = bytescan::crOrLfMask16(data + i);

@@ -46,10 +46,13 @@ inline void countDown(uint32_t* left) {
     if (*left != SPLIT_NO_LIMIT) --*left;
 }
 
+// Empty input gives no token in the byte and class forms, and one empty
+// token with a separator of two bytes or more, whose rule is that the rest is
+// always emitted.
 template <class Sep>
 void splitAll(const char* data, size_t length, StrSegmentTokenAcceptor& acceptor, Sep sep,
               uint32_t maximum) {
-    if (length == 0) return;
+    if (length == 0 && sep.size() == 1) return;
     uint32_t left = maximum;
     size_t start = 0;
     while (left > 0) {

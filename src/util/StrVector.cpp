@@ -85,12 +85,12 @@ void StrVector::sort() {
 }
 
 void StrVector::dedup() {
-    if (size() < 2) return;
     StrSet seen;
     dedup(seen);
 }
 
 void StrVector::dedup(StrSet& seen) {
+    if (size() < 2) return;  // also with a shared history: a single value is not recorded
     size_t kept = 0;
     for (size_t i = 0; i < size(); ++i) {
         if (!seen.insert((*this)[i]).second) continue;

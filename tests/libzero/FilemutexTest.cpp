@@ -97,6 +97,19 @@ TEST_F(FileMutex, LockFileContentsAreForPeople) {
     EXPECT_EQ(st.st_mode & 0777, 0644 & ~umask(umask(0)));
 }
 
+TEST_F(FileMutex, EarlierContentsStayValid) {
+    // Another thread may still be writing the earlier text into a lock file.
+    const char* first = lockfile_text;
+    const std::string firstCopy = first;
+    filemutex_init_contents("filemutex_test");
+    EXPECT_EQ(lockfile_text, first) << "the same text again keeps the one in force";
+    filemutex_init_contents("another_name");
+    EXPECT_NE(lockfile_text, first);
+    EXPECT_TRUE(std::string(lockfile_text).ends_with("\nanother_name"));
+    EXPECT_EQ(std::string(first), firstCopy);
+    EXPECT_EQ(lockfile_text_len, strlen(lockfile_text));
+}
+
 TEST(FileMutexDeathTest, LockingBeforeInitIsAProgrammingError) {
     // A fresh process, where the contents were never set up.
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -1,8 +1,18 @@
 #include "util/Pathname.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iterator>
 
 #include "libzero/syscall-probe.h"
 #include "support/TestSupport.h"
@@ -61,6 +71,40 @@ TEST(PathnameAccess, ChecksTheEffectiveUserNotTheRealOne) {
     });
     ASSERT_TRUE(can_safely_probe_linux_syscalls()) << "this kernel fails unknown calls cleanly";
     EXPECT_EQ(status, 1) << "access(2) yes, rw_ok no";
+}
+
+// Refuses faccessat2 with `err` from here on, as some container profiles do.
+bool refuseFaccessat2(int err) {
+    struct sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_faccessat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (static_cast<unsigned>(err) & 0xFFFF)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    struct sock_fprog prog = {static_cast<unsigned short>(std::size(filter)), filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
+}
+
+TEST(PathnameAccess, FallsBackToAccessWhereTheCallIsRefused) {
+    ScratchDir dir;
+    const std::string rw = dir / "rw", ro = dir / "ro";
+    ASSERT_EQ(mkdir(rw.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(ro.c_str(), 0500), 0);
+    ASSERT_EQ(chown(rw.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
+    ASSERT_EQ(chown(ro.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
+    for (int err : {EPERM, ENOSYS}) {
+        const int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
+            if (!refuseFaccessat2(err)) return 100;
+            if (syscall(SYS_faccessat2, AT_FDCWD, rw.c_str(), 6, AT_EACCESS) != -1 ||
+                errno != err) {
+                return 101;  // the filter is not in force
+            }
+            return (Pathname(rw).rw_ok() ? 1 : 0) | (Pathname(ro).rw_ok() ? 2 : 0) |
+                   (Pathname(ro).r_ok() ? 4 : 0);
+        });
+        EXPECT_EQ(status, 1 | 4) << strerror(err);
+    }
 }
 
 TEST(SyscallProbe, AnswerIsStable) {

@@ -139,6 +139,11 @@ TEST(MemScan, BlockScannersAtEveryPosition) {
         }
     }
     EXPECT_EQ(mem_count_char("a,b,c", 5, CharacterClass::COMMA_OR_SPACE, 2), 1u);
+    // Offsets at or past the end, also the largest one, find nothing.
+    const std::string lines(40, '\n');
+    EXPECT_EQ(mem_find_first_cr_or_lf(lines.data(), lines.size(), lines.size()), npos);
+    EXPECT_EQ(mem_find_first_cr_or_lf(lines.data(), lines.size(), npos), npos);
+    EXPECT_EQ(mem_find_first_cr_or_lf(lines.data(), lines.size(), npos - 8), npos);
     EXPECT_TRUE(mem_contains_whitespace("a\fb", 3));
     EXPECT_FALSE(mem_contains_whitespace("a\xa0z", 3));
 }

@@ -132,6 +132,9 @@ TEST(StrConcat, ExactReservation) {
     Str s = StrSegment("x", 1) + StrSegment("yz");
     EXPECT_EQ(s, "xyz");
     EXPECT_EQ("<" + Str("a") + '>', "<a>");
+    const Str mixed = Str("s") + std::string("t") + Str("u");
+    EXPECT_EQ(mixed, "stu");
+    EXPECT_EQ(std::string("p") + Str("q"), "pq");
 }
 
 TEST(StrErrors, TheStandardMessages) {
@@ -247,6 +250,24 @@ TEST(StrEscape, DroppingControlCharacters) {
     const std::string in("a\tb\nc\x1f\x7f\xc3\xa9");
     s.appendDroppingControlCharacters(in.data(), in.size());
     EXPECT_EQ(s, "<abc\x7f\xc3\xa9");
+}
+
+TEST(StrEscape, AppendingFromItselfCopiesFirst) {
+    // Each of these grows the string while reading the source: a source
+    // inside the string would be read after it moved.
+    Str csv(std::string(40, 'q') + ",\"");
+    const Str csvBefore = csv;
+    csv.appendAsCSV(csv.data(), csv.size());
+    EXPECT_EQ(csv, csvBefore + "\"" + std::string(40, 'q') + ",\"\"\"");
+
+    Str uri(std::string(30, ' '));
+    uri.appendUriEscaped(uri.data(), uri.size());
+    EXPECT_EQ(uri.size(), 30u + 90u);
+    EXPECT_EQ(uri.substr(30, 6), "%20%20");
+
+    Str ctl(std::string(50, 'x') + "\t");
+    ctl.appendDroppingControlCharacters(ctl.data(), ctl.size());
+    EXPECT_EQ(ctl, std::string(50, 'x') + "\t" + std::string(50, 'x'));
 }
 
 TEST(StrEscape, Csv) {

@@ -45,7 +45,8 @@ TEST(StrVector, SortDedupReverse) {
     v.reverse();
     EXPECT_EQ(v.front(), "\xff");
 
-    // A shared history spans vectors, single elements included.
+    // A shared history spans vectors; a vector of one is left alone, and its
+    // value is not recorded.
     StrSet seen;
     StrVector first("x", "y", nullptr), second("y", "z", "x", nullptr), third("z", nullptr);
     first.dedup(seen);
@@ -53,7 +54,11 @@ TEST(StrVector, SortDedupReverse) {
     third.dedup(seen);
     EXPECT_EQ(first, StrVector("x", "y", nullptr));
     EXPECT_EQ(second, StrVector("z", nullptr));
-    EXPECT_TRUE(third.empty());
+    EXPECT_EQ(third, StrVector("z", nullptr));
+    StrVector fourth("w", "w", nullptr);
+    fourth.dedup(seen);
+    EXPECT_EQ(fourth, StrVector("w", nullptr));
+    EXPECT_EQ(seen.size(), 4u);
 }
 
 TEST(StrVector, DestructiveAppends) {
