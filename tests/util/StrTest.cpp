@@ -450,12 +450,7 @@ TEST(StrSegment, SubstrNeverRaises) {
     EXPECT_EQ(s.substr(1, 3), StrSegment("ell"));
     EXPECT_TRUE(s.substr(9).empty());
     EXPECT_EQ(s.substr(2), StrSegment("llo"));
-    EXPECT_EQ(s.find('l'), 2u);
-    EXPECT_EQ(s.rfind('l'), 3u);
-    EXPECT_EQ(s.find(StrSegment("lo")), 3u);
-    EXPECT_TRUE(s.startsWith("he"));
-    EXPECT_TRUE(s.endsWith("lo"));
-    EXPECT_LT(StrSegment("a"), StrSegment("b"));
+    EXPECT_EQ(s.substr(5).data(), s.data() + 5) << "an empty view at the end";
 }
 
 TEST(StrSegmentDeathTest, AdvancePastTheEndIsAFault) {
