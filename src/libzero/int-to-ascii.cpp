@@ -31,16 +31,32 @@ inline uint64_t magnitude(int64_t value) {
 
 }  // namespace
 
+// An estimate of log10 from the bit length (1233/4096 ~ log10(2)), then one
+// comparison to correct it. Entry 0 is 0 so that 0 and 1 count one digit.
 unsigned decimalCharactersU64(uint64_t value) {
-    unsigned n = 1;
-    for (;;) {
-        if (value < 10) return n;
-        if (value < 100) return n + 1;
-        if (value < 1000) return n + 2;
-        if (value < 10000) return n + 3;
-        value /= 10000;
-        n += 4;
-    }
+    static constexpr uint64_t kPowers[20] = {0,
+                                             10ull,
+                                             100ull,
+                                             1000ull,
+                                             10000ull,
+                                             100000ull,
+                                             1000000ull,
+                                             10000000ull,
+                                             100000000ull,
+                                             1000000000ull,
+                                             10000000000ull,
+                                             100000000000ull,
+                                             1000000000000ull,
+                                             10000000000000ull,
+                                             100000000000000ull,
+                                             1000000000000000ull,
+                                             10000000000000000ull,
+                                             100000000000000000ull,
+                                             1000000000000000000ull,
+                                             10000000000000000000ull};
+    const unsigned bits = 64 - static_cast<unsigned>(__builtin_clzll(value | 1));
+    const unsigned t = (bits * 1233) >> 12;
+    return t + 1 - (value < kPowers[t] ? 1 : 0);
 }
 
 unsigned decimalCharactersU32(uint32_t value) { return decimalCharactersU64(value); }

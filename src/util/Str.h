@@ -383,6 +383,15 @@ public:
     static const Str LITERAL_TRUE;
     static const Str LITERAL_FALSE;
 
+    // A new Str holding append_stringified of the value. The Str* argument
+    // makes the call find every overload declared where this is used.
+    template <class T>
+    static Str from(const T& value) {
+        Str s;
+        append_stringified(&s, value);
+        return s;
+    }
+
     // (Conversion to StrSegment goes through StrSegment's constructor.)
     StrSegment seg() const { return StrSegment(data(), size()); }
 
