@@ -7,11 +7,11 @@
 
 #include <charconv>
 #include <cmath>
-#include <random>
-#include <vector>
 #include <cstdio>
 #include <iterator>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "BenchSupport.h"
 #include "libzero/int-to-ascii.h"
@@ -36,8 +36,8 @@ const Inputs& inputs() {
         Inputs v;
         std::mt19937_64 rng(42);
         const char* files[] = {"TcpChannel.cpp", "EventLoop.cpp", "HttpListener.cpp", "Logger.cpp"};
-        const char* messages[] = {"connection closed by peer", "request finished",
-                                  "timer expired", "reply sent, keeping alive"};
+        const char* messages[] = {"connection closed by peer", "request finished", "timer expired",
+                                  "reply sent, keeping alive"};
         for (int i = 0; i < 1024; ++i) {
             v.files.push_back(files[rng() % 4]);
             v.messages.push_back(messages[rng() % 4]);
@@ -45,10 +45,17 @@ const Inputs& inputs() {
             v.ints.push_back(static_cast<int>(rng()) >> (rng() % 31));
             v.counters.push_back(rng() >> (rng() % 64));
             switch (rng() % 4) {
-                case 0: v.doubles.push_back(static_cast<double>(rng() % 2000000) / 1000); break;
-                case 1: v.doubles.push_back(static_cast<double>(rng() % 1000000) / 1e6); break;
-                case 2: v.doubles.push_back(static_cast<double>(rng() % 1000000000) * 1.5); break;
-                default: v.doubles.push_back(std::ldexp(static_cast<double>(rng() % 1000000), -40));
+                case 0:
+                    v.doubles.push_back(static_cast<double>(rng() % 2000000) / 1000);
+                    break;
+                case 1:
+                    v.doubles.push_back(static_cast<double>(rng() % 1000000) / 1e6);
+                    break;
+                case 2:
+                    v.doubles.push_back(static_cast<double>(rng() % 1000000000) * 1.5);
+                    break;
+                default:
+                    v.doubles.push_back(std::ldexp(static_cast<double>(rng() % 1000000), -40));
             }
         }
         return v;
@@ -119,8 +126,8 @@ void IntsTarvex(State& state) {
     for (auto _ : state) {
         const size_t k = i++ & 1023;
         s.clear();
-        s.appendFormat("%d %d %u %lu %x", in.ints[k], in.lines[k], in.ints[k ^ 1],
-                       in.counters[k], in.ints[k ^ 2]);
+        s.appendFormat("%d %d %u %lu %x", in.ints[k], in.lines[k], in.ints[k ^ 1], in.counters[k],
+                       in.ints[k ^ 2]);
         DoNotOptimize(s.data());
     }
 }
@@ -252,7 +259,8 @@ void ShortestToChars(State& state) {
     size_t i = 0;
     for (auto _ : state) {
         DoNotOptimize(
-            std::to_chars(buf, buf + sizeof buf, in.doubles[i++ & 1023], std::chars_format::fixed).ptr);
+            std::to_chars(buf, buf + sizeof buf, in.doubles[i++ & 1023], std::chars_format::fixed)
+                .ptr);
         DoNotOptimize(buf);
     }
 }

@@ -33,11 +33,11 @@ void crashFormat(CrashLogWriteHandler& h, const char* fmt, ...) {
 // Eight doubles fill the vector registers and twenty pointers to strings fill
 // the rest in order, so any format needing at most that many of each reads
 // only arguments that were passed, each usable by any directive of its class.
-#define ARGUMENT_PACK                                                                          \
-    1.5, -0.0, 1e300, 5e-324, 0.1, -2.5, 123456.789, 1e-7, kStrings[0], kStrings[1],         \
-        kStrings[2], kStrings[3], kStrings[4], kStrings[0], kStrings[1], kStrings[2],         \
-        kStrings[3], kStrings[4], kStrings[0], kStrings[1], kStrings[2], kStrings[3],         \
-        kStrings[4], kStrings[0], kStrings[1], kStrings[2], kStrings[3], kStrings[4]
+#define ARGUMENT_PACK                                                                              \
+    1.5, -0.0, 1e300, 5e-324, 0.1, -2.5, 123456.789, 1e-7, kStrings[0], kStrings[1], kStrings[2],  \
+        kStrings[3], kStrings[4], kStrings[0], kStrings[1], kStrings[2], kStrings[3], kStrings[4], \
+        kStrings[0], kStrings[1], kStrings[2], kStrings[3], kStrings[4], kStrings[0], kStrings[1], \
+        kStrings[2], kStrings[3], kStrings[4]
 
 bool isFloat(const PrintfFormatAtom& a) {
     return a.conversion >= PrintfFormatAtom::CONV_FLOAT_EXPONENT &&

@@ -107,11 +107,15 @@ bool mem_parse_into(const char* p, size_t n, bool* dest) {
     return p != nullptr && mem_tryToBool(p, n, dest);
 }
 bool mem_parse_into(const char* p, size_t n, short* dest) { return parseInteger(p, n, dest); }
-bool mem_parse_into(const char* p, size_t n, unsigned short* dest) { return parseInteger(p, n, dest); }
+bool mem_parse_into(const char* p, size_t n, unsigned short* dest) {
+    return parseInteger(p, n, dest);
+}
 bool mem_parse_into(const char* p, size_t n, int* dest) { return parseInteger(p, n, dest); }
 bool mem_parse_into(const char* p, size_t n, unsigned* dest) { return parseInteger(p, n, dest); }
 bool mem_parse_into(const char* p, size_t n, long* dest) { return parseInteger(p, n, dest); }
-bool mem_parse_into(const char* p, size_t n, unsigned long* dest) { return parseInteger(p, n, dest); }
+bool mem_parse_into(const char* p, size_t n, unsigned long* dest) {
+    return parseInteger(p, n, dest);
+}
 bool mem_parse_into(const char* p, size_t n, long long* dest) { return parseInteger(p, n, dest); }
 bool mem_parse_into(const char* p, size_t n, unsigned long long* dest) {
     return parseInteger(p, n, dest);
@@ -179,8 +183,8 @@ bool parse_sizeBytes_string(const Str& text, unsigned long& result, bool decimal
     while (digits < lower.size() && lower[digits] >= '0' && lower[digits] <= '9') ++digits;
     unsigned long long number;
     if (!mem_tryToUnsignedLongLong(lower.data(), digits, &number, 10)) return false;
-    const StrSegment unit =
-        StrSegment(lower.data() + digits, lower.size() - digits).trim(CharacterClass::ALL_WHITESPACES);
+    const StrSegment unit = StrSegment(lower.data() + digits, lower.size() - digits)
+                                .trim(CharacterClass::ALL_WHITESPACES);
 
     struct Unit {
         const char* name;
@@ -239,7 +243,8 @@ struct Base64Values {
     signed char v[256];
     constexpr Base64Values() : v{} {
         for (int i = 0; i < 256; ++i) v[i] = -1;
-        for (int i = 0; i < 64; ++i) v[static_cast<unsigned char>(kBase64[i])] = static_cast<signed char>(i);
+        for (int i = 0; i < 64; ++i)
+            v[static_cast<unsigned char>(kBase64[i])] = static_cast<signed char>(i);
     }
 };
 constexpr Base64Values kBase64Values;

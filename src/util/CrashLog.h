@@ -78,7 +78,5 @@ void crashlog_write(CrashLogWriteHandler& h, StrSegment v);
 void crashlog_write(CrashLogWriteHandler& h, const std::exception& e);
 
 template <class T>
-    requires requires(const T& t, CrashLogWriteHandler& h) { t.renderCrashLogInfoTo(h); }
-void crashlog_write(CrashLogWriteHandler& h, const T& v) {
-    v.renderCrashLogInfoTo(h);
-}
+requires requires(const T& t, CrashLogWriteHandler& h) { t.renderCrashLogInfoTo(h); }
+void crashlog_write(CrashLogWriteHandler& h, const T& v) { v.renderCrashLogInfoTo(h); }

@@ -25,15 +25,15 @@ Str Logger::vformat(const char* format, va_list args) { return vformat(errno, fo
 
 // Each variadic form hands its list to one of the above; va_end runs on every
 // way out.
-#define TX_WITH_ARGS(last, call)   \
-    va_list args;                  \
-    va_start(args, last);          \
-    try {                          \
-        call;                      \
-    } catch (...) {                \
-        va_end(args);              \
-        throw;                     \
-    }                              \
+#define TX_WITH_ARGS(last, call) \
+    va_list args;                \
+    va_start(args, last);        \
+    try {                        \
+        call;                    \
+    } catch (...) {              \
+        va_end(args);            \
+        throw;                   \
+    }                            \
     va_end(args)
 
 void Logger::format(Str& dest, const char* fmt, ...) {

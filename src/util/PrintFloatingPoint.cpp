@@ -94,7 +94,8 @@ bool ConvertDoubleToStringShortest::shouldRoundAwayFromZero(unsigned originalLen
 void ConvertDoubleToStringShortest::roundForSigfigsAndPrecision(
     const DoubleWithSignificantFigures& d) {
     int keep = _length;
-    if (d.sigfigs != DoubleWithSignificantFigures::MAX_SIGFIGS) keep = std::min<int>(keep, d.sigfigs);
+    if (d.sigfigs != DoubleWithSignificantFigures::MAX_SIGFIGS)
+        keep = std::min<int>(keep, d.sigfigs);
     if (d.precision != DoubleWithSignificantFigures::MAX_PRECISION) {
         keep = std::min(keep, d.precision + _point);
     }

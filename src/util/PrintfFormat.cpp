@@ -67,6 +67,47 @@ constexpr uint64_t kMaxFieldSize = INT_MAX;
 
 // ---------------------------------------------------------------- parsing
 
+namespace {
+
+// Conversion letters that settle a directive with nothing between "%" and
+// them. (%z, which options turn into a string, always takes the long way.)
+struct ConversionLetter {
+    bool plain = false;
+    bool upper = false;
+    PrintfFormatAtom::Conversion conversion = PrintfFormatAtom::CONV_CONSTANT_STRING;
+};
+
+struct ConversionLetters {
+    ConversionLetter letters[256];
+    constexpr ConversionLetters() : letters{} {
+        using A = PrintfFormatAtom;
+        auto set = [&](char c, A::Conversion conversion, bool upper) {
+            letters[static_cast<unsigned char>(c)] = {true, upper, conversion};
+        };
+        set('d', A::CONV_SIGNED_DECIMAL, false);
+        set('i', A::CONV_SIGNED_DECIMAL, false);
+        set('u', A::CONV_UNSIGNED_DECIMAL, false);
+        set('x', A::CONV_UNSIGNED_HEX, false);
+        set('X', A::CONV_UNSIGNED_HEX, true);
+        set('o', A::CONV_UNSIGNED_OCTAL, false);
+        set('e', A::CONV_FLOAT_EXPONENT, false);
+        set('E', A::CONV_FLOAT_EXPONENT, true);
+        set('f', A::CONV_FLOAT_NORMAL, false);
+        set('F', A::CONV_FLOAT_NORMAL, true);
+        set('g', A::CONV_FLOAT_CHOOSE, false);
+        set('G', A::CONV_FLOAT_CHOOSE, true);
+        set('a', A::CONV_FLOAT_HEX, false);
+        set('A', A::CONV_FLOAT_HEX, true);
+        set('c', A::CONV_CHAR, false);
+        set('s', A::CONV_STRING, false);
+        set('m', A::CONV_STRERROR, false);
+        set('p', A::CONV_POINTER, false);
+    }
+};
+constexpr ConversionLetters kConversionLetters;
+
+}  // namespace
+
 bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
     const char* p = format->_data;
     const char* const end = p + format->_len;
@@ -95,6 +136,25 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
     }
 
     const char* const start = p++;
+
+    // The common case: a conversion letter right after the "%", or after "l".
+    if (p < end) {
+        const char* q = p;
+        if (*q == 'l' && q + 1 < end) {
+            size = 8;
+            ++q;
+        }
+        const ConversionLetter& c = kConversionLetters.letters[static_cast<unsigned char>(*q)];
+        if (c.plain && (c.conversion != CONV_POINTER || (options & PRINTF_POINTER)) &&
+            (c.conversion != CONV_STRERROR || (options & PRINTF_ALLOW_STRERROR))) {
+            conversion = c.conversion;
+            flags = c.upper ? uint32_t{FLAG_UPPERCASE} : 0u;
+            format->advanceTo(q + 1);
+            return true;
+        }
+        size = 4;
+    }
+
     auto isIntegerLetter = [](char c) { return c && strchr("dioxXu", c) != nullptr; };
     auto at = [&](const char* q) { return q < end ? *q : '\0'; };
 
@@ -129,8 +189,8 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
                 break;
             case 'I':
                 // A flag without effect, unless it is the I32/I64/I modifier.
-                if ((at(p + 1) == '3' && at(p + 2) == '2') || (at(p + 1) == '6' && at(p + 2) == '4') ||
-                    isIntegerLetter(at(p + 1))) {
+                if ((at(p + 1) == '3' && at(p + 2) == '2') ||
+                    (at(p + 1) == '6' && at(p + 2) == '4') || isIntegerLetter(at(p + 1))) {
                     more = false;
                 } else {
                     ++p;
@@ -309,7 +369,8 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
 
 void PrintfFormatAtom::setVariableWidth(int w) {
     if (w < 0) {
-        width = std::min<uint64_t>(0 - static_cast<uint64_t>(static_cast<int64_t>(w)), kMaxFieldSize);
+        width =
+            std::min<uint64_t>(0 - static_cast<uint64_t>(static_cast<int64_t>(w)), kMaxFieldSize);
         padding = PAD_RIGHT_SPACES;
     } else {
         width = static_cast<uint64_t>(w);
@@ -375,52 +436,120 @@ void renderPadded(PrintfOutput& out, const Atom& a, const char* text, size_t len
     out.fill(' ', pad.right);
 }
 
+size_t exponentText(char* out, char letter, int exponent, bool twoDigits) {
+    size_t n = 0;
+    out[n++] = letter;
+    out[n++] = exponent < 0 ? '-' : '+';
+    const unsigned magnitude = static_cast<unsigned>(exponent < 0 ? -exponent : exponent);
+    if (twoDigits && magnitude < 10) out[n++] = '0';
+    return n + convertU32ToAscii(magnitude, out + n);
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------- integers
 
-// Digits of `value` written backwards from `end`; returns the first.
-char* integerDigits(const Atom& a, uint64_t value, char* end) {
-    char* p = end;
-    switch (a.conversion) {
-        case Atom::CONV_UNSIGNED_HEX:
-        case Atom::CONV_POINTER: {
-            const char* hex = a.isUpper() ? kUpperHex : kLowerHex;
-            do {
-                *--p = hex[value & 15];
-                value >>= 4;
-            } while (value);
-            break;
-        }
-        case Atom::CONV_UNSIGNED_OCTAL:
-            do {
-                *--p = static_cast<char>('0' + (value & 7));
-                value >>= 3;
-            } while (value);
-            break;
-        default:
-            if (a.flags & Atom::FLAG_GROUPING) {
-                int inGroup = 0;
-                do {
-                    if (inGroup++ == 3) {
-                        *--p = ',';
-                        inGroup = 1;
-                    }
-                    *--p = static_cast<char>('0' + value % 10);
-                    value /= 10;
-                } while (value);
-            } else {
-                const unsigned n = decimalCharactersU64(value);
-                p -= n;
-                convertU64ToAsciiSizeKnown(value, p, n);
-            }
-    }
-    return p;
+void PrintfIntegerRenderingBuffer::addU64(uint64_t value) {
+    const unsigned n = decimalCharactersU64(value);
+    ASSERT(_p + n <= &_buf[sizeof(_buf)]);
+    convertU64ToAsciiSizeKnown(value, _p, n);
+    _p += n;
 }
+
+void PrintfIntegerRenderingBuffer::addCommaSeparators() {
+    const size_t digits = size();
+    if (digits <= 3) return;
+    const size_t commas = (digits - 1) / 3;
+    ASSERT(_p + commas <= &_buf[sizeof(_buf)]);
+    // From the back: three digits, a comma, and so on.
+    char* from = _p;
+    char* to = _p + commas;
+    _p = to;
+    for (size_t moved = 0; from > _buf; ++moved) {
+        if (moved > 0 && moved % 3 == 0) *--to = ',';
+        *--to = *--from;
+    }
+}
+
+PrintfRenderedUnsignedInteger::PrintfRenderedUnsignedInteger(const Atom& a, uint64_t value) {
+    render(a, value, false);
+}
+
+PrintfRenderedSignedInteger::PrintfRenderedSignedInteger(const Atom& a, int64_t value) {
+    render(a, value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value),
+           value < 0);
+}
+
+void PrintfRenderedUnsignedInteger::render(const Atom& a, uint64_t magnitude, bool negative) {
+    // Zero with precision 0: no digits and no sign, only padding.
+    const bool nothing = magnitude == 0 && a.precision == 0;
+    if (!nothing) {
+        switch (a.conversion) {
+            case Atom::CONV_UNSIGNED_HEX:
+            case Atom::CONV_POINTER: {
+                const char* hex = a.isUpper() ? kUpperHex : kLowerHex;
+                for (int shift = (63 - __builtin_clzll(magnitude | 1)) & ~3; shift >= 0;
+                     shift -= 4) {
+                    _digits.push_back(hex[(magnitude >> shift) & 15]);
+                }
+                break;
+            }
+            case Atom::CONV_UNSIGNED_OCTAL:
+                for (int shift = (63 - __builtin_clzll(magnitude | 1)) / 3 * 3; shift >= 0;
+                     shift -= 3) {
+                    _digits.push_back(static_cast<char>('0' + ((magnitude >> shift) & 7)));
+                }
+                break;
+            default:
+                _digits.addU64(magnitude);
+                if (a.flags & Atom::FLAG_GROUPING) _digits.addCommaSeparators();
+        }
+    }
+
+    const size_t ndigits = _digits.size();  // commas count as digits for the precision
+    _zeros = a.precision != Atom::NONE && a.precision > ndigits ? a.precision - ndigits : 0;
+    const bool alternate = a.flags & Atom::FLAG_ALTERNATE;
+    // Octal alternate form: the digits begin with a zero, added if need be.
+    if (alternate && a.conversion == Atom::CONV_UNSIGNED_OCTAL && _zeros == 0 &&
+        (ndigits == 0 || _digits.data()[0] != '0')) {
+        _zeros = 1;
+    }
+    if (!nothing) {
+        if (const char sign = signChar(a, negative)) _prefix[_prefixLength++] = sign;
+    }
+    const bool hexPrefix = (a.conversion == Atom::CONV_UNSIGNED_HEX && alternate) ||
+                           a.conversion == Atom::CONV_POINTER;
+    if (hexPrefix && magnitude != 0) {
+        _prefix[_prefixLength++] = '0';
+        _prefix[_prefixLength++] = a.isUpper() ? 'X' : 'x';
+    }
+    const FieldPadding pad(a, _prefixLength + _zeros + ndigits, true);
+    _leftSpaces = pad.left;
+    _zeros += pad.zeros;
+    _rightSpaces = pad.right;
+}
+
+size_t PrintfRenderedUnsignedInteger::size() const {
+    return _leftSpaces + _prefixLength + _zeros + _digits.size() + _rightSpaces;
+}
+
+void PrintfRenderedUnsignedInteger::writeTo(PrintfOutput& out) const {
+    out.fill(' ', _leftSpaces);
+    out.put(_prefix, _prefixLength);
+    out.fill('0', _zeros);
+    out.put(_digits.data(), _digits.size());
+    out.fill(' ', _rightSpaces);
+}
+
+namespace {
 
 // The common case, "%d" or "%u" with nothing else, written in place.
 bool isPlainDecimal(const Atom& a) {
     return a.width == Atom::NONE && a.precision == Atom::NONE &&
-           a.sign_nonnegative == Atom::SIGN_NONNEGATIVE_NONE && (a.flags & Atom::FLAG_GROUPING) == 0 &&
-           (a.conversion == Atom::CONV_SIGNED_DECIMAL || a.conversion == Atom::CONV_UNSIGNED_DECIMAL);
+           a.sign_nonnegative == Atom::SIGN_NONNEGATIVE_NONE &&
+           (a.flags & Atom::FLAG_GROUPING) == 0 &&
+           (a.conversion == Atom::CONV_SIGNED_DECIMAL ||
+            a.conversion == Atom::CONV_UNSIGNED_DECIMAL);
 }
 
 void renderPlainDecimal(PrintfOutput& out, uint64_t magnitude, bool negative) {
@@ -431,147 +560,134 @@ void renderPlainDecimal(PrintfOutput& out, uint64_t magnitude, bool negative) {
     out.commit(n + negative);
 }
 
-void renderInteger(PrintfOutput& out, const Atom& a, uint64_t magnitude, bool negative) {
-    if (isPlainDecimal(a)) return renderPlainDecimal(out, magnitude, negative);
-    char buf[32];  // 22 octal digits, or 20 decimal ones and 6 commas
-    char* const end = buf + sizeof buf;
-    const char* digits = integerDigits(a, magnitude, end);
-    size_t ndigits = static_cast<size_t>(end - digits);
-
-    // Zero with precision 0: no digits and no sign, only padding.
-    const bool nothing = magnitude == 0 && a.precision == 0;
-    if (nothing) ndigits = 0;
-
-    size_t zeros = a.precision != Atom::NONE && a.precision > ndigits ? a.precision - ndigits : 0;
-    const bool alternate = a.flags & Atom::FLAG_ALTERNATE;
-    // Octal alternate form: the digits begin with a zero, added if need be.
-    if (alternate && a.conversion == Atom::CONV_UNSIGNED_OCTAL && zeros == 0 &&
-        (ndigits == 0 || digits[0] != '0')) {
-        zeros = 1;
+void renderSigned(PrintfOutput& out, const Atom& a, int64_t v) {
+    if (isPlainDecimal(a)) {
+        return renderPlainDecimal(out, v < 0 ? 0 - static_cast<uint64_t>(v) : v, v < 0);
     }
-
-    char prefix[3];
-    size_t prefixLength = 0;
-    if (!nothing) {
-        if (const char s = signChar(a, negative)) prefix[prefixLength++] = s;
-    }
-    const bool hexPrefix = (a.conversion == Atom::CONV_UNSIGNED_HEX && alternate) ||
-                           a.conversion == Atom::CONV_POINTER;
-    if (hexPrefix && magnitude != 0) {
-        prefix[prefixLength++] = '0';
-        prefix[prefixLength++] = a.isUpper() ? 'X' : 'x';
-    }
-
-    const FieldPadding pad(a, prefixLength + zeros + ndigits, true);
-    out.fill(' ', pad.left);
-    out.put(prefix, prefixLength);
-    out.fill('0', zeros + pad.zeros);
-    out.put(digits, ndigits);
-    out.fill(' ', pad.right);
+    PrintfRenderedSignedInteger(a, v).writeTo(out);
 }
+
+void renderUnsigned(PrintfOutput& out, const Atom& a, uint64_t v) {
+    if (isPlainDecimal(a)) return renderPlainDecimal(out, v, false);
+    PrintfRenderedUnsignedInteger(a, v).writeTo(out);
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------- floats
 
-void renderNonfinite(PrintfOutput& out, const Atom& a, double v) {
+PrintfNonfiniteFloatingPointRenderingBuffer::PrintfNonfiniteFloatingPointRenderingBuffer(
+    const Atom& a, double v) {
     StrSegment repl;
     get_nonfinite_double_repl(&repl, v);
     // The first three letters of the text, cased by the conversion.
     const char* word = repl._data + (repl._data[0] == '-' ? 1 : 0);
-    char text[4];
-    size_t n = 0;
-    if (const char s = signChar(a, std::signbit(v))) text[n++] = s;
+    if (const char sign = signChar(a, std::signbit(v))) _text[_length++] = sign;
     for (int i = 0; i < 3; ++i) {
         const char c = word[i];
         const bool upper = c >= 'A' && c <= 'Z';
-        text[n++] = a.isUpper() ? (upper ? c : static_cast<char>(c - 32))
-                                : (upper ? static_cast<char>(c + 32) : c);
+        _text[_length++] = a.isUpper() ? (upper ? c : static_cast<char>(c - 32))
+                                       : (upper ? static_cast<char>(c + 32) : c);
     }
-    renderPadded(out, a, text, n);
 }
 
-// Integer part, point and `fractionDigits` places of a rounded value.
-void renderFixed(PrintfOutput& out, const Atom& a, const ConvertDoubleToStringShortest& c,
-                 size_t fractionDigits, bool keepPoint) {
-    const int point = c._point;
-    const bool grouping = a.flags & Atom::FLAG_GROUPING;
-
-    // The integer part: at most 309 digits and their commas.
-    char intBuf[420];
-    size_t intLength = 0;
-    const size_t intDigits = point > 0 ? static_cast<size_t>(point) : 1;
-    for (size_t i = 0; i < intDigits; ++i) {
-        if (grouping && i > 0 && (intDigits - i) % 3 == 0) intBuf[intLength++] = ',';
-        intBuf[intLength++] = point > 0 ? c.digitAt(static_cast<int>(i)) : '0';
+PrintfRenderedNormalFloat::PrintfRenderedNormalFloat(const Atom& a,
+                                                     const ConvertDoubleToStringShortest& value,
+                                                     size_t fractionDigits)
+    : _value(value) {
+    const int point = value._point;
+    _sign = signChar(a, value._negative);
+    _grouping = a.flags & Atom::FLAG_GROUPING;
+    _withPoint = fractionDigits > 0 || (a.flags & Atom::FLAG_ALTERNATE);
+    if (point > 0) {
+        _intDigits =
+            std::min<size_t>(static_cast<size_t>(point), static_cast<size_t>(value._length));
+        _intZeros = static_cast<size_t>(point) - _intDigits;
+    } else {
+        _intZeros = 1;  // "0"
     }
-
-    // The fraction: leading zeros, digits, trailing zeros.
-    size_t leadZeros = 0, fracStart = 0, fracCount = 0;
     if (fractionDigits > 0) {
-        leadZeros = point < 0 ? std::min<size_t>(fractionDigits, static_cast<size_t>(-point)) : 0;
-        fracStart = point > 0 ? static_cast<size_t>(point) : 0;
+        _fracLeadZeros =
+            point < 0 ? std::min<size_t>(fractionDigits, static_cast<size_t>(-point)) : 0;
+        _fracStart = point > 0 ? static_cast<size_t>(point) : 0;
         const size_t available =
-            static_cast<size_t>(c._length) > fracStart ? c._length - fracStart : 0;
-        fracCount = std::min(available, fractionDigits - leadZeros);
+            static_cast<size_t>(value._length) > _fracStart ? value._length - _fracStart : 0;
+        _fracCount = std::min(available, fractionDigits - _fracLeadZeros);
     }
-    const size_t trailZeros = fractionDigits - leadZeros - fracCount;
-    const bool withPoint = fractionDigits > 0 || keepPoint;
-
-    const char sign = signChar(a, c._negative);
-    const size_t used = (sign ? 1 : 0) + intLength + (withPoint ? 1 : 0) + fractionDigits;
+    _fracTrailZeros = fractionDigits - _fracLeadZeros - _fracCount;
+    const size_t intTotal = _intDigits + _intZeros;
+    const size_t commas = _grouping && intTotal > 3 ? (intTotal - 1) / 3 : 0;
+    const size_t used = (_sign ? 1 : 0) + intTotal + commas + (_withPoint ? 1 : 0) + fractionDigits;
     const FieldPadding pad(a, used, true);
-    out.fill(' ', pad.left);
-    if (sign) out.put1(sign);
-    out.fill('0', pad.zeros);
-    out.put(intBuf, intLength);
-    if (withPoint) out.put1('.');
-    out.fill('0', leadZeros);
-    out.put(c._digits + fracStart, fracCount);
-    out.fill('0', trailZeros);
-    out.fill(' ', pad.right);
+    _leftSpaces = pad.left;
+    _leftZeros = pad.zeros;
+    _rightSpaces = pad.right;
 }
 
-// One digit, the point, `fractionDigits` digits, and the exponent.
-void renderExponent(PrintfOutput& out, const Atom& a, const ConvertDoubleToStringShortest& c,
-                    size_t fractionDigits, bool keepPoint) {
-    const int exponent = c.isZero() ? 0 : c._point - 1;
-    const char first = c.isZero() ? '0' : c._digits[0];
-    const size_t available = c._length > 1 ? static_cast<size_t>(c._length - 1) : 0;
-    const size_t fracCount = std::min(available, fractionDigits);
-    const bool withPoint = fractionDigits > 0 || keepPoint;
+size_t PrintfRenderedNormalFloat::size() const {
+    const size_t intTotal = _intDigits + _intZeros;
+    const size_t commas = _grouping && intTotal > 3 ? (intTotal - 1) / 3 : 0;
+    return _leftSpaces + (_sign ? 1 : 0) + _leftZeros + intTotal + commas + (_withPoint ? 1 : 0) +
+           _fracLeadZeros + _fracCount + _fracTrailZeros + _rightSpaces;
+}
 
-    char exp[8];
-    size_t expLength = 0;
-    exp[expLength++] = a.isUpper() ? 'E' : 'e';
-    exp[expLength++] = exponent < 0 ? '-' : '+';
-    const unsigned magnitude = static_cast<unsigned>(exponent < 0 ? -exponent : exponent);
-    if (magnitude < 10) exp[expLength++] = '0';
-    expLength += convertU32ToAscii(magnitude, exp + expLength);
+void PrintfRenderedNormalFloat::writeTo(PrintfOutput& out) const {
+    out.fill(' ', _leftSpaces);
+    if (_sign) out.put1(_sign);
+    out.fill('0', _leftZeros);
+    const size_t intTotal = _intDigits + _intZeros;
+    if (_grouping) {
+        for (size_t i = 0; i < intTotal; ++i) {
+            if (i > 0 && (intTotal - i) % 3 == 0) out.put1(',');
+            out.put1(i < _intDigits ? _value._digits[i] : '0');
+        }
+    } else {
+        out.put(_value._digits, _intDigits);
+        out.fill('0', _intZeros);
+    }
+    if (_withPoint) out.put1('.');
+    out.fill('0', _fracLeadZeros);
+    out.put(_value._digits + _fracStart, _fracCount);
+    out.fill('0', _fracTrailZeros);
+    out.fill(' ', _rightSpaces);
+}
 
-    const char sign = signChar(a, c._negative);
-    const size_t used = (sign ? 1 : 0) + 1 + (withPoint ? 1 : 0) + fractionDigits + expLength;
+PrintfRenderedExponentialFloat::PrintfRenderedExponentialFloat(
+    const Atom& a, const ConvertDoubleToStringShortest& value, size_t fractionDigits)
+    : _value(value) {
+    _sign = signChar(a, value._negative);
+    _withPoint = fractionDigits > 0 || (a.flags & Atom::FLAG_ALTERNATE);
+    const size_t available = value._length > 1 ? static_cast<size_t>(value._length - 1) : 0;
+    _fracCount = std::min(available, fractionDigits);
+    _fracTrailZeros = fractionDigits - _fracCount;
+    _exponentLength = static_cast<uint8_t>(exponentText(
+        _exponent, a.isUpper() ? 'E' : 'e', value.isZero() ? 0 : value._point - 1, true));
+    const size_t used =
+        (_sign ? 1 : 0) + 1 + (_withPoint ? 1 : 0) + fractionDigits + _exponentLength;
     const FieldPadding pad(a, used, true);
-    out.fill(' ', pad.left);
-    if (sign) out.put1(sign);
-    out.fill('0', pad.zeros);
-    out.put1(first);
-    if (withPoint) out.put1('.');
-    out.put(c._digits + 1, fracCount);
-    out.fill('0', fractionDigits - fracCount);
-    out.put(exp, expLength);
-    out.fill(' ', pad.right);
+    _leftSpaces = pad.left;
+    _leftZeros = pad.zeros;
+    _rightSpaces = pad.right;
 }
 
-// Fraction digits of a value shown with `fractionDigits` places, without the
-// zeros at the end.
-size_t significantFraction(const ConvertDoubleToStringShortest& c, int firstFractionIndex,
-                           size_t fractionDigits) {
-    int n = static_cast<int>(std::min<size_t>(fractionDigits, INT_MAX));
-    n = std::min(n, c._length - firstFractionIndex);
-    while (n > 0 && c.digitAt(firstFractionIndex + n - 1) == '0') --n;
-    return n > 0 ? static_cast<size_t>(n) : 0;
+size_t PrintfRenderedExponentialFloat::size() const {
+    return _leftSpaces + (_sign ? 1 : 0) + _leftZeros + 1 + (_withPoint ? 1 : 0) + _fracCount +
+           _fracTrailZeros + _exponentLength + _rightSpaces;
 }
 
-void renderHexFloat(PrintfOutput& out, const Atom& a, double v) {
+void PrintfRenderedExponentialFloat::writeTo(PrintfOutput& out) const {
+    out.fill(' ', _leftSpaces);
+    if (_sign) out.put1(_sign);
+    out.fill('0', _leftZeros);
+    out.put1(_value.isZero() ? '0' : _value._digits[0]);
+    if (_withPoint) out.put1('.');
+    out.put(_value._digits + 1, _fracCount);
+    out.fill('0', _fracTrailZeros);
+    out.put(_exponent, _exponentLength);
+    out.fill(' ', _rightSpaces);
+}
+
+PrintfRenderedHexFloat::PrintfRenderedHexFloat(const Atom& a, double v) {
     uint64_t bits;
     memcpy(&bits, &v, sizeof bits);
     const int biased = static_cast<int>((bits >> 52) & 0x7FF);
@@ -579,10 +695,9 @@ void renderHexFloat(PrintfOutput& out, const Atom& a, double v) {
     int lead = biased == 0 ? 0 : 1;
     const int exponent = biased == 0 ? (mantissa == 0 ? 0 : -1022) : biased - 1023;
 
-    char hex[13];
-    for (int i = 0; i < 13; ++i) hex[i] = static_cast<char>((mantissa >> (48 - 4 * i)) & 15);
+    int hex[13];
+    for (int i = 0; i < 13; ++i) hex[i] = static_cast<int>((mantissa >> (48 - 4 * i)) & 15);
     size_t count = 13;
-    size_t extraZeros = 0;
     if (a.precision == Atom::NONE) {
         while (count > 0 && hex[count - 1] == 0) --count;
     } else if (a.precision < 13) {
@@ -599,68 +714,89 @@ void renderHexFloat(PrintfOutput& out, const Atom& a, double v) {
             }
         }
     } else {
-        extraZeros = a.precision - 13;
+        _trailZeros = a.precision - 13;
     }
 
-    const char* digits = a.isUpper() ? kUpperHex : kLowerHex;
-    char body[40];
-    size_t n = 0;
-    body[n++] = digits[lead];
-    const bool withPoint = count > 0 || extraZeros > 0 || (a.flags & Atom::FLAG_ALTERNATE);
-    if (withPoint) body[n++] = '.';
-    for (size_t i = 0; i < count; ++i) body[n++] = digits[static_cast<int>(hex[i])];
+    _upper = a.isUpper();
+    const char* digits = _upper ? kUpperHex : kLowerHex;
+    _body[_bodyLength++] = digits[lead];
+    if (count > 0 || _trailZeros > 0 || (a.flags & Atom::FLAG_ALTERNATE))
+        _body[_bodyLength++] = '.';
+    for (size_t i = 0; i < count; ++i) _body[_bodyLength++] = digits[hex[i]];
+    _exponentLength =
+        static_cast<uint8_t>(exponentText(_exponent, _upper ? 'P' : 'p', exponent, false));
 
-    char exp[8];
-    size_t expLength = 0;
-    exp[expLength++] = a.isUpper() ? 'P' : 'p';
-    exp[expLength++] = exponent < 0 ? '-' : '+';
-    expLength += convertU32ToAscii(static_cast<unsigned>(exponent < 0 ? -exponent : exponent),
-                                   exp + expLength);
-
-    const char sign = signChar(a, std::signbit(v));
-    const size_t used = (sign ? 1 : 0) + 2 + n + extraZeros + expLength;
+    _sign = signChar(a, std::signbit(v));
+    const size_t used = (_sign ? 1 : 0) + 2 + _bodyLength + _trailZeros + _exponentLength;
     const FieldPadding pad(a, used, true);
-    out.fill(' ', pad.left);
-    if (sign) out.put1(sign);
-    out.put1('0');
-    out.put1(a.isUpper() ? 'X' : 'x');
-    out.fill('0', pad.zeros);
-    out.put(body, n);
-    out.fill('0', extraZeros);
-    out.put(exp, expLength);
-    out.fill(' ', pad.right);
+    _leftSpaces = pad.left;
+    _leftZeros = pad.zeros;
+    _rightSpaces = pad.right;
+}
+
+size_t PrintfRenderedHexFloat::size() const {
+    return _leftSpaces + (_sign ? 1 : 0) + 2 + _leftZeros + _bodyLength + _trailZeros +
+           _exponentLength + _rightSpaces;
+}
+
+void PrintfRenderedHexFloat::writeTo(PrintfOutput& out) const {
+    out.fill(' ', _leftSpaces);
+    if (_sign) out.put1(_sign);
+    out.put(_upper ? "0X" : "0x", 2);
+    out.fill('0', _leftZeros);
+    out.put(_body, _bodyLength);
+    out.fill('0', _trailZeros);
+    out.put(_exponent, _exponentLength);
+    out.fill(' ', _rightSpaces);
+}
+
+namespace {
+
+// Fraction digits of a value shown with `fractionDigits` places, without the
+// zeros at the end.
+size_t significantFraction(const ConvertDoubleToStringShortest& c, int firstFractionIndex,
+                           size_t fractionDigits) {
+    int n = static_cast<int>(std::min<size_t>(fractionDigits, INT_MAX));
+    n = std::min(n, c._length - firstFractionIndex);
+    while (n > 0 && c.digitAt(firstFractionIndex + n - 1) == '0') --n;
+    return n > 0 ? static_cast<size_t>(n) : 0;
 }
 
 void renderFloat(PrintfOutput& out, const Atom& a, double v) {
-    if (!std::isfinite(v)) return renderNonfinite(out, a, v);
-    if (a.conversion == Atom::CONV_FLOAT_HEX) return renderHexFloat(out, a, v);
+    if (!std::isfinite(v)) {
+        const PrintfNonfiniteFloatingPointRenderingBuffer text(a, v);
+        return renderPadded(out, a, text.data(), text.size());
+    }
+    if (a.conversion == Atom::CONV_FLOAT_HEX) return PrintfRenderedHexFloat(a, v).writeTo(out);
 
     const bool alternate = a.flags & Atom::FLAG_ALTERNATE;
-    // Rounding looks at no more places than the digits there are.
     const size_t precision = a.precision == Atom::NONE ? 6 : a.precision;
+    // Rounding looks at no more places than there can be digits.
     const int places = static_cast<int>(std::min<size_t>(precision, 1000));
     ConvertDoubleToStringShortest c(v);
 
     switch (a.conversion) {
         case Atom::CONV_FLOAT_NORMAL:
             c.bankersRounding(places);
-            return renderFixed(out, a, c, precision, alternate);
+            return PrintfRenderedNormalFloat(a, c, precision).writeTo(out);
         case Atom::CONV_FLOAT_EXPONENT:
             if (!c.isZero()) c.bankersRounding(places + 1 - c._point);
-            return renderExponent(out, a, c, precision, alternate);
+            return PrintfRenderedExponentialFloat(a, c, precision).writeTo(out);
         default: {
             // %g: round to P significant digits, then choose the form by the
             // decimal exponent of the rounded value.
             const size_t p = precision == 0 ? 1 : precision;
-            if (!c.isZero()) c.bankersRounding(static_cast<int>(std::min<size_t>(p, 1000)) - c._point);
+            if (!c.isZero())
+                c.bankersRounding(static_cast<int>(std::min<size_t>(p, 1000)) - c._point);
             const int x = c.isZero() ? 0 : c._point - 1;  // -324 to 308
             const bool exponentForm = x < -4 || (x >= 0 && static_cast<size_t>(x) >= p);
-            const size_t wanted = exponentForm ? p - 1 : p - 1 + static_cast<size_t>(-std::min(x, 0)) -
-                                                            static_cast<size_t>(std::max(x, 0));
+            const size_t wanted = exponentForm ? p - 1
+                                               : p - 1 + static_cast<size_t>(-std::min(x, 0)) -
+                                                     static_cast<size_t>(std::max(x, 0));
             const int firstFraction = exponentForm ? 1 : c._point;
             const size_t frac = alternate ? wanted : significantFraction(c, firstFraction, wanted);
-            if (exponentForm) return renderExponent(out, a, c, frac, alternate);
-            return renderFixed(out, a, c, frac, alternate);
+            if (exponentForm) return PrintfRenderedExponentialFloat(a, c, frac).writeTo(out);
+            return PrintfRenderedNormalFloat(a, c, frac).writeTo(out);
         }
     }
 }
@@ -676,7 +812,7 @@ void renderStrerror(PrintfOutput& out, const Atom& a, int errnum) {
 
 void renderPointer(PrintfOutput& out, const Atom& a, const void* pointer) {
     if (pointer == nullptr) return renderPadded(out, a, "(nil)", 5);
-    renderInteger(out, a, reinterpret_cast<uintptr_t>(pointer), false);
+    PrintfRenderedUnsignedInteger(a, reinterpret_cast<uintptr_t>(pointer)).writeTo(out);
 }
 
 // ---------------------------------------------------------------- one atom
@@ -690,17 +826,14 @@ void renderAtom(PrintfOutput& out, Atom& a, va_list* args, int errnum) {
     if (a.flags & Atom::FLAG_VARIABLE_PRECISION) a.setVariablePrecision(va_arg(*args, int));
 
     switch (a.conversion) {
-        case Atom::CONV_SIGNED_DECIMAL: {
-            const int64_t v = a.size <= 4 ? va_arg(*args, int) : va_arg(*args, long long);
-            const uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-            return renderInteger(out, a, magnitude, v < 0);
-        }
+        case Atom::CONV_SIGNED_DECIMAL:
+            return renderSigned(out, a,
+                                a.size <= 4 ? va_arg(*args, int) : va_arg(*args, long long));
         case Atom::CONV_UNSIGNED_DECIMAL:
         case Atom::CONV_UNSIGNED_HEX:
         case Atom::CONV_UNSIGNED_OCTAL: {
-            const uint64_t v =
-                a.size <= 4 ? va_arg(*args, unsigned) : va_arg(*args, unsigned long long);
-            return renderInteger(out, a, v, false);
+            return renderUnsigned(
+                out, a, a.size <= 4 ? va_arg(*args, unsigned) : va_arg(*args, unsigned long long));
         }
         case Atom::CONV_FLOAT_EXPONENT:
         case Atom::CONV_FLOAT_NORMAL:
@@ -831,50 +964,51 @@ Str Str::fromFormat(const char* fmt, ...) {
 
 // ---------------------------------------------------------------- one conversion
 
-#define TX_DEFINE_PRINTERS(SinkType, MakeOutput)                                                 \
-    void printSignedInteger(SinkType sink, const Atom& atom, int64_t value) {                   \
-        MakeOutput;                                                                              \
-        const uint64_t m = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value); \
-        renderInteger(out, atom, m, value < 0);                                                  \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printUnsignedInteger(SinkType sink, const Atom& atom, uint64_t value) {                \
-        MakeOutput;                                                                              \
-        renderInteger(out, atom, value, false);                                                  \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printFloat(SinkType sink, const Atom& atom, double value) {                            \
-        MakeOutput;                                                                              \
-        renderFloat(out, atom, value);                                                           \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printString(SinkType sink, const Atom& atom, const char* text) {                       \
-        MakeOutput;                                                                              \
-        const size_t n =                                                                         \
-            atom.precision == Atom::NONE ? strlen(text) : strnlen(text, atom.precision);         \
-        renderPadded(out, atom, text, n);                                                        \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printString(SinkType sink, const Atom& atom, const char* text, size_t length) {        \
-        MakeOutput;                                                                              \
-        renderPadded(out, atom, text,                                                            \
-                     atom.precision == Atom::NONE ? length : std::min<size_t>(length, atom.precision)); \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printStringNoPrecision(SinkType sink, const Atom& atom, const char* text, size_t length) { \
-        MakeOutput;                                                                              \
-        renderPadded(out, atom, text, length);                                                   \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printPointerValue(SinkType sink, const Atom& atom, const void* pointer) {              \
-        MakeOutput;                                                                              \
-        renderPointer(out, atom, pointer);                                                       \
-        out.flush();                                                                             \
-    }                                                                                            \
-    void printStrerror(SinkType sink, int errnum) {                                             \
-        MakeOutput;                                                                              \
-        renderStrerror(out, Atom(), errnum);                                                     \
-        out.flush();                                                                             \
+#define TX_DEFINE_PRINTERS(SinkType, MakeOutput)                                               \
+    void printSignedInteger(SinkType sink, const Atom& atom, int64_t value) {                  \
+        MakeOutput;                                                                            \
+        renderSigned(out, atom, value);                                                        \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printUnsignedInteger(SinkType sink, const Atom& atom, uint64_t value) {               \
+        MakeOutput;                                                                            \
+        renderUnsigned(out, atom, value);                                                      \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printFloat(SinkType sink, const Atom& atom, double value) {                           \
+        MakeOutput;                                                                            \
+        renderFloat(out, atom, value);                                                         \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printString(SinkType sink, const Atom& atom, const char* text) {                      \
+        MakeOutput;                                                                            \
+        const size_t n =                                                                       \
+            atom.precision == Atom::NONE ? strlen(text) : strnlen(text, atom.precision);       \
+        renderPadded(out, atom, text, n);                                                      \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printString(SinkType sink, const Atom& atom, const char* text, size_t length) {       \
+        MakeOutput;                                                                            \
+        renderPadded(                                                                          \
+            out, atom, text,                                                                   \
+            atom.precision == Atom::NONE ? length : std::min<size_t>(length, atom.precision)); \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printStringNoPrecision(SinkType sink, const Atom& atom, const char* text,             \
+                                size_t length) {                                               \
+        MakeOutput;                                                                            \
+        renderPadded(out, atom, text, length);                                                 \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printPointerValue(SinkType sink, const Atom& atom, const void* pointer) {             \
+        MakeOutput;                                                                            \
+        renderPointer(out, atom, pointer);                                                     \
+        out.flush();                                                                           \
+    }                                                                                          \
+    void printStrerror(SinkType sink, int errnum) {                                            \
+        MakeOutput;                                                                            \
+        renderStrerror(out, Atom(), errnum);                                                   \
+        out.flush();                                                                           \
     }
 
 TX_DEFINE_PRINTERS(Str*, StrOutput out(sink))
@@ -964,8 +1098,8 @@ void append_stringified(Str* dest, const PrintfFormatAtom& a) {
     }
     static constexpr char kLetters[] = "?duxoefgacsmp";  // by Conversion
     char letter = kLetters[a.conversion];
-    const bool integer = a.conversion >= Atom::CONV_SIGNED_DECIMAL &&
-                         a.conversion <= Atom::CONV_UNSIGNED_OCTAL;
+    const bool integer =
+        a.conversion >= Atom::CONV_SIGNED_DECIMAL && a.conversion <= Atom::CONV_UNSIGNED_OCTAL;
     if (integer) {
         if (a.size == 8) dest->append("ll");
         if (a.size == 2) dest->append("h");
@@ -1065,12 +1199,12 @@ void toCrashLog(CrashLogWriteHandler& h, Render render) {
 
 }  // namespace
 
-#define TX_PRINT_OBJECT(Type, body)                                                        \
-    void append_stringified(Str* dest, const Type& v) {                                    \
-        toStr(dest, [&](PrintfOutput& out) { body; });                                     \
-    }                                                                                      \
-    void crashlog_write(CrashLogWriteHandler& h, const Type& v) {                          \
-        toCrashLog(h, [&](PrintfOutput& out) { body; });                                   \
+#define TX_PRINT_OBJECT(Type, body)                               \
+    void append_stringified(Str* dest, const Type& v) {           \
+        toStr(dest, [&](PrintfOutput& out) { body; });            \
+    }                                                             \
+    void crashlog_write(CrashLogWriteHandler& h, const Type& v) { \
+        toCrashLog(h, [&](PrintfOutput& out) { body; });          \
     }
 
 TX_PRINT_OBJECT(print_decimal_number_with_commas, renderWithCommas(out, v))

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <vector>
 
+#include "util/PrintFloatingPoint.h"
 #include "util/Str.h"
 
 class CrashLogWriteHandler;
@@ -120,8 +121,7 @@ void printPointerValue(Str* sink, const PrintfFormatAtom& atom, const void* poin
 void printStrerror(Str* sink, int errnum);
 
 void printSignedInteger(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom, int64_t value);
-void printUnsignedInteger(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom,
-                          uint64_t value);
+void printUnsignedInteger(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom, uint64_t value);
 void printFloat(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom, double value);
 void printString(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom, const char* text);
 void printString(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom, const char* text,
@@ -182,6 +182,128 @@ private:
     void putLarge(const char* data, size_t length);
     char _buf[256];
     size_t _used = 0;
+};
+
+// ---------------------------------------------------------------- rendered values
+// The pieces of one rendered value and its padding, worked out once and then
+// written alike to every sink; size() is known before anything is written.
+
+// Digits (and commas) of an integer, on the stack.
+class PrintfIntegerRenderingBuffer {
+public:
+    static constexpr size_t CAPACITY = 32;  // 22 octal digits, or 20 decimal and 6 commas
+
+    void addU32(uint32_t value) { addU64(value); }
+    void addU64(uint64_t value);  // decimal
+    void push_back(char c) {
+        ASSERT(_p < &_buf[sizeof(_buf)]);
+        *_p++ = c;
+    }
+    // Groups the digits by three from the right with ",".
+    void addCommaSeparators();
+    const char* data() const { return _buf; }
+    size_t size() const { return static_cast<size_t>(_p - _buf); }
+    void clear() { _p = _buf; }
+
+private:
+    char _buf[CAPACITY];
+    char* _p = _buf;
+};
+
+// Left spaces, sign byte or prefix, zeros, the digits, right spaces.
+class PrintfRenderedUnsignedInteger {
+public:
+    // Also %p (CONV_POINTER, non-null): alternate hexadecimal, sign allowed.
+    PrintfRenderedUnsignedInteger(const PrintfFormatAtom& atom, uint64_t value);
+    size_t size() const;
+    void writeTo(PrintfOutput& out) const;
+
+protected:
+    PrintfRenderedUnsignedInteger() = default;
+    void render(const PrintfFormatAtom& atom, uint64_t magnitude, bool negative);
+
+    size_t _leftSpaces = 0;
+    char _prefix[3];
+    uint8_t _prefixLength = 0;
+    size_t _zeros = 0;
+    PrintfIntegerRenderingBuffer _digits;
+    size_t _rightSpaces = 0;
+};
+
+class PrintfRenderedSignedInteger : public PrintfRenderedUnsignedInteger {
+public:
+    PrintfRenderedSignedInteger(const PrintfFormatAtom& atom, int64_t value);
+};
+
+// "nan", "-inf", "INF"...: a sign and three letters.
+class PrintfNonfiniteFloatingPointRenderingBuffer {
+public:
+    PrintfNonfiniteFloatingPointRenderingBuffer(const PrintfFormatAtom& atom, double value);
+    const char* data() const { return _text; }
+    size_t size() const { return _length; }
+
+private:
+    char _text[4];
+    uint8_t _length = 0;
+};
+
+// %f, and %g in its fixed form, of a value already rounded to the places
+// shown: digits before the point (grouped on request), zeros up to the
+// point; after it leading zeros, digits, trailing zeros.
+class PrintfRenderedNormalFloat {
+public:
+    PrintfRenderedNormalFloat(const PrintfFormatAtom& atom,
+                              const ConvertDoubleToStringShortest& value, size_t fractionDigits);
+    size_t size() const;
+    void writeTo(PrintfOutput& out) const;
+
+private:
+    ConvertDoubleToStringShortest _value;
+    char _sign = 0;
+    bool _grouping = false;
+    bool _withPoint = false;
+    size_t _leftSpaces = 0, _leftZeros = 0, _rightSpaces = 0;
+    size_t _intDigits = 0;  // of the digit string
+    size_t _intZeros = 0;   // behind them, up to the point (at least "0" in all)
+    size_t _fracLeadZeros = 0, _fracStart = 0, _fracCount = 0, _fracTrailZeros = 0;
+};
+
+// %e, and %g in its exponent form: one digit, the point, the digits and
+// their trailing zeros, the exponent with at least two digits.
+class PrintfRenderedExponentialFloat {
+public:
+    PrintfRenderedExponentialFloat(const PrintfFormatAtom& atom,
+                                   const ConvertDoubleToStringShortest& value,
+                                   size_t fractionDigits);
+    size_t size() const;
+    void writeTo(PrintfOutput& out) const;
+
+private:
+    ConvertDoubleToStringShortest _value;
+    char _sign = 0;
+    bool _withPoint = false;
+    size_t _leftSpaces = 0, _leftZeros = 0, _rightSpaces = 0;
+    size_t _fracCount = 0, _fracTrailZeros = 0;
+    char _exponent[8];
+    uint8_t _exponentLength = 0;
+};
+
+// %a: sign, "0x", zeros, the leading digit, mantissa digits and trailing
+// zeros, "p" and the binary exponent.
+class PrintfRenderedHexFloat {
+public:
+    PrintfRenderedHexFloat(const PrintfFormatAtom& atom, double value);
+    size_t size() const;
+    void writeTo(PrintfOutput& out) const;
+
+private:
+    char _sign = 0;
+    bool _upper = false;
+    size_t _leftSpaces = 0, _leftZeros = 0, _rightSpaces = 0, _trailZeros = 0;
+    char _body[16];  // leading digit, point, 13 mantissa digits
+    uint8_t _bodyLength = 0;
+    char _exponent[8];
+    uint8_t _exponentLength = 0;
 };
 
 // The engine itself: renders `format` into `out`, with %m as the text of

@@ -18,8 +18,9 @@ std::atomic<long> counted{0};
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers own malloc; they call these hooks on every allocation. (GCC
 // ships no header for this; libasan and libtsan export it.)
-extern "C" int __sanitizer_install_malloc_and_free_hooks(
-    void (*malloc_hook)(const volatile void*, size_t), void (*free_hook)(const volatile void*));
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*,
+                                                                             size_t),
+                                                         void (*free_hook)(const volatile void*));
 
 namespace {
 void onMalloc(const volatile void*, size_t) { alloccounter::note(); }

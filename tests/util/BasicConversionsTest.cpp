@@ -96,7 +96,8 @@ TEST(ParseInto, BooleansDoublesAndStrings) {
         b = false;
         EXPECT_TRUE(mem_parse_into(t, strlen(t), &b) && b) << t;
     }
-    for (const char* bad : {"y", "n", "", "on", "2"}) EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &b)) << bad;
+    for (const char* bad : {"y", "n", "", "on", "2"})
+        EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &b)) << bad;
     EXPECT_FALSE(mem_parse_into(nullptr, 0, &b));
     double d = 3;
     EXPECT_FALSE(mem_parse_into("Infinity", 8, &d));
@@ -143,7 +144,9 @@ TEST(IntegerFromDouble, OnlyDistinctIntegralValues) {
 
 TEST(ByteSizes, UnitsAndThresholds) {
     unsigned long n = 0;
-    auto parse = [&](const char* t, bool decimal) { return parse_sizeBytes_string(Str(t), n, decimal); };
+    auto parse = [&](const char* t, bool decimal) {
+        return parse_sizeBytes_string(Str(t), n, decimal);
+    };
     EXPECT_TRUE(parse("2kb", false));
     EXPECT_EQ(n, 2048u);
     EXPECT_TRUE(parse("2kb", true));
@@ -264,7 +267,7 @@ TEST(Environment, ValuesBooleansAndTheCache) {
     const struct {
         const char* value;
         EnvironmentVariable::ParsedBool expect;
-    } cases[] = {{"", EnvironmentVariable::BOOL_UNSET},  {"0", EnvironmentVariable::BOOL_FALSE},
+    } cases[] = {{"", EnvironmentVariable::BOOL_UNSET},   {"0", EnvironmentVariable::BOOL_FALSE},
                  {"No", EnvironmentVariable::BOOL_FALSE}, {"f", EnvironmentVariable::BOOL_FALSE},
                  {"Y", EnvironmentVariable::BOOL_TRUE},   {"2", EnvironmentVariable::BOOL_INVALID},
                  {"x", EnvironmentVariable::BOOL_INVALID}};

@@ -41,15 +41,15 @@ struct FixedBufferHandler : backtrace_writing_handler {
 };
 
 // Formats that touch every kind of directive.
-#define MIXED_FORMATS(X)                                                                  \
-    X("%s:%d %s %lu %.3f", "file.cpp", 42, "connection closed", 123456789UL, 2.71828)     \
-    X("[%-8s|%8s|%.2s]", "left", "right", "cut")                                          \
-    X("%+05d %x %#o %#X %c", 42, 0xbeefu, 8u, 0xabcu, 'Z')                                \
-    X("%e %g %G %a %.0f %10.4f|", 1234.5678, 0.0001234, 1e20, 0.5, 2.5, -3.14159)         \
-    X("%p %p %lld %'llu", static_cast<void*>(nullptr), reinterpret_cast<void*>(0xabc),    \
-      -9223372036854775807LL - 1, 1234567890123ULL)                                       \
-    X("%m [%20.6m] %% %5%%q", 0)                                                          \
-    X("%*d|%-*d|%.*s", 6, 1, 6, 2, 3, "abcdef")                                           \
+#define MIXED_FORMATS(X)                                                               \
+    X("%s:%d %s %lu %.3f", "file.cpp", 42, "connection closed", 123456789UL, 2.71828)  \
+    X("[%-8s|%8s|%.2s]", "left", "right", "cut")                                       \
+    X("%+05d %x %#o %#X %c", 42, 0xbeefu, 8u, 0xabcu, 'Z')                             \
+    X("%e %g %G %a %.0f %10.4f|", 1234.5678, 0.0001234, 1e20, 0.5, 2.5, -3.14159)      \
+    X("%p %p %lld %'llu", static_cast<void*>(nullptr), reinterpret_cast<void*>(0xabc), \
+      -9223372036854775807LL - 1, 1234567890123ULL)                                    \
+    X("%m [%20.6m] %% %5%%q", 0)                                                       \
+    X("%*d|%-*d|%.*s", 6, 1, 6, 2, 3, "abcdef")                                        \
     X("%f %f %F %e", NAN, -INFINITY, INFINITY, -0.0)
 
 void crashFormat(CrashLogWriteHandler& h, const char* fmt, ...) {
@@ -59,25 +59,25 @@ void crashFormat(CrashLogWriteHandler& h, const char* fmt, ...) {
     va_end(args);
 }
 
-TEST(CrashLogPrintf, AllSinksWriteTheSameBytes) {
-#define CHECK_SINKS(...)                                                            \
-    {                                                                               \
-        errno = ENOENT;                                                             \
-        const Str viaStr = Str::fromFormat(__VA_ARGS__);                            \
-        errno = ENOENT;                                                             \
-        FixedBufferHandler fixed;                                                   \
-        CrashLogWriteHandler crash(&fixed);                                         \
-        crashFormat(crash, __VA_ARGS__);                                            \
-        errno = ENOENT;                                                             \
-        Str debug;                                                                  \
-        CrashLogWriteHandlerAppendToStr toStr(&debug);                              \
-        crashFormat(toStr, __VA_ARGS__);                                            \
-        errno = ENOENT;                                                             \
-        const Str viaLogger = Logger::fromFormat(__VA_ARGS__);                      \
-        EXPECT_EQ(fixed.text(), viaStr);                                            \
-        EXPECT_EQ(debug, viaStr);                                                   \
-        EXPECT_EQ(viaLogger, viaStr);                                               \
-        EXPECT_FALSE(viaStr.empty());                                               \
+TEST(CrashLogPrintf, AllSinksWriteTheSameBytes){
+#define CHECK_SINKS(...)                                       \
+    {                                                          \
+        errno = ENOENT;                                        \
+        const Str viaStr = Str::fromFormat(__VA_ARGS__);       \
+        errno = ENOENT;                                        \
+        FixedBufferHandler fixed;                              \
+        CrashLogWriteHandler crash(&fixed);                    \
+        crashFormat(crash, __VA_ARGS__);                       \
+        errno = ENOENT;                                        \
+        Str debug;                                             \
+        CrashLogWriteHandlerAppendToStr toStr(&debug);         \
+        crashFormat(toStr, __VA_ARGS__);                       \
+        errno = ENOENT;                                        \
+        const Str viaLogger = Logger::fromFormat(__VA_ARGS__); \
+        EXPECT_EQ(fixed.text(), viaStr);                       \
+        EXPECT_EQ(debug, viaStr);                              \
+        EXPECT_EQ(viaLogger, viaStr);                          \
+        EXPECT_FALSE(viaStr.empty());                          \
     }
     MIXED_FORMATS(CHECK_SINKS)
 #undef CHECK_SINKS

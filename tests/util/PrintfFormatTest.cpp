@@ -29,12 +29,12 @@ namespace {
 // ---------------------------------------------------------------- the generator
 
 struct Directive {
-    std::string flags;     // subset of "-+ #0", in any order
-    std::string width;     // "", digits, or "*"
-    std::string precision; // "", ".", ".digits", or ".*"
-    std::string length;    // "", "hh", "h", "l", "ll", "j", "z", "t"
+    std::string flags;      // subset of "-+ #0", in any order
+    std::string width;      // "", digits, or "*"
+    std::string precision;  // "", ".", ".digits", or ".*"
+    std::string length;     // "", "hh", "h", "l", "ll", "j", "z", "t"
     char conversion;
-    int starWidth = 0;     // values for "*"
+    int starWidth = 0;  // values for "*"
     int starPrecision = 0;
 
     std::string text() const { return "%" + flags + width + precision + length + conversion; }
@@ -106,14 +106,15 @@ const char* documentedDifference(const Directive& d, long long intValue, double 
     // h and hh do not narrow: only values the short types hold print alike.
     if (integer && (d.length == "h" || d.length == "hh")) {
         const bool isSigned = c == 'd' || c == 'i';
-        const long long lo = d.length == "h" ? (isSigned ? SHRT_MIN : 0) : (isSigned ? SCHAR_MIN : 0);
+        const long long lo =
+            d.length == "h" ? (isSigned ? SHRT_MIN : 0) : (isSigned ? SCHAR_MIN : 0);
         const long long hi = d.length == "h" ? (isSigned ? SHRT_MAX : USHRT_MAX)
                                              : (isSigned ? SCHAR_MAX : UCHAR_MAX);
         if (intValue < lo || intValue > hi) return "h/hh do not narrow";
     }
     // A zero with precision 0 prints nothing, not even the sign.
-    if ((c == 'd' || c == 'i') && intValue == 0 && d.precisionGiven() &&
-        d.precisionValue(1) == 0 && (d.has('+') || d.has(' '))) {
+    if ((c == 'd' || c == 'i') && intValue == 0 && d.precisionGiven() && d.precisionValue(1) == 0 &&
+        (d.has('+') || d.has(' '))) {
         return "zero with precision 0 and a sign flag";
     }
     if (isFloat && std::isfinite(floatValue) && floatValue != 0) {
@@ -206,15 +207,16 @@ Directive randomDirective(std::mt19937& rng, char conversion) {
     return d;
 }
 
-const long long kIntegers[] = {0,   1,        -1,        7,         42,        -42,
-                               255, 256,      1000,      -32768,    65535,     123456,
+const long long kIntegers[] = {0,       1,       -1,       7,         42,        -42,
+                               255,     256,     1000,     -32768,    65535,     123456,
                                INT_MAX, INT_MIN, UINT_MAX, LLONG_MAX, LLONG_MIN, 1234567890123LL};
 
 std::vector<double> floatValues() {
-    std::vector<double> v = {0.0,      -0.0,   1.0,      -1.5,       0.1,    0.35,   2.5,
-                             1e-5,     123.456, 1e10,    1e-300,     5e-324, 1e300,  1.7976931348623157e308,
-                             0.000123456, 999.9999, 9.5, 1.0 / 3,    -2.0 / 3, 100000, 1e6,
-                             NAN,      -NAN,   INFINITY, -INFINITY,  0.5,    1.015,  1.005};
+    std::vector<double> v = {
+        0.0,         -0.0,     1.0,      -1.5,      0.1,      0.35,   2.5,
+        1e-5,        123.456,  1e10,     1e-300,    5e-324,   1e300,  1.7976931348623157e308,
+        0.000123456, 999.9999, 9.5,      1.0 / 3,   -2.0 / 3, 100000, 1e6,
+        NAN,         -NAN,     INFINITY, -INFINITY, 0.5,      1.015,  1.005};
     std::mt19937_64 rng(12);
     for (int i = 0; i < 40; ++i) {
         const double mantissa = static_cast<double>(rng() % 100000000) / 1e4;
@@ -443,6 +445,87 @@ TEST(PrintfRules, ShortestDigitsAreTheSameEverywhere) {
     EXPECT_EQ(s, StrSegment("-NaN"));
     get_nonfinite_double_repl(&s, INFINITY);
     EXPECT_EQ(s, StrSegment("Infinity"));
+}
+
+// ---------------------------------------------------------------- rendered values
+
+class CollectingOutput final : public PrintfOutput {
+public:
+    std::string text;
+    ~CollectingOutput() = default;
+
+private:
+    void emit(const char* data, size_t length) override { text.append(data, length); }
+};
+
+PrintfFormatAtom atomOf(const std::string& directive) {
+    StrSegment rest(directive);
+    PrintfFormatAtom a;
+    EXPECT_TRUE(a.getNext(&rest));
+    return a;
+}
+
+TEST(PrintfRendered, SizeIsKnownBeforeWriting) {
+    std::mt19937 rng(5);
+    for (int i = 0; i < 5000; ++i) {
+        Directive d = randomDirective(rng, "diuxXoeEfFaA"[rng() % 12]);
+        if (d.width == "*") d.width = "9";
+        if (d.precision == ".*") d.precision = ".4";
+        if (rng() % 4 == 0) d.flags += "'";
+        const PrintfFormatAtom a = atomOf(d.text());
+        const double v = floatValues()[rng() % 20];
+        const long long n = kIntegers[rng() % std::size(kIntegers)];
+        CollectingOutput out;
+        size_t size = 0;
+        switch (a.conversion) {
+            case PrintfFormatAtom::CONV_SIGNED_DECIMAL: {
+                const PrintfRenderedSignedInteger r(a, n);
+                size = r.size();
+                r.writeTo(out);
+                break;
+            }
+            case PrintfFormatAtom::CONV_FLOAT_NORMAL: {
+                const PrintfRenderedNormalFloat r(a, ConvertDoubleToStringShortest(v), rng() % 12);
+                size = r.size();
+                r.writeTo(out);
+                break;
+            }
+            case PrintfFormatAtom::CONV_FLOAT_EXPONENT: {
+                const PrintfRenderedExponentialFloat r(a, ConvertDoubleToStringShortest(v),
+                                                       rng() % 12);
+                size = r.size();
+                r.writeTo(out);
+                break;
+            }
+            case PrintfFormatAtom::CONV_FLOAT_HEX: {
+                const PrintfRenderedHexFloat r(a, v);
+                size = r.size();
+                r.writeTo(out);
+                break;
+            }
+            default: {
+                const PrintfRenderedUnsignedInteger r(a, static_cast<unsigned long long>(n));
+                size = r.size();
+                r.writeTo(out);
+            }
+        }
+        out.flush();
+        ASSERT_EQ(size, out.text.size()) << d.text() << " [" << out.text << "]";
+    }
+}
+
+TEST(PrintfRendered, IntegerBufferGroupsByThree) {
+    for (const auto& [value, grouped] : std::vector<std::pair<uint64_t, std::string>>{
+             {0, "0"},
+             {999, "999"},
+             {1000, "1,000"},
+             {123456, "123,456"},
+             {18446744073709551615ull, "18,446,744,073,709,551,615"}}) {
+        PrintfIntegerRenderingBuffer b;
+        b.addU64(value);
+        b.addCommaSeparators();
+        EXPECT_EQ(std::string(b.data(), b.size()), grouped);
+    }
 }
 
 // ---------------------------------------------------------------- parsed formats
