@@ -804,8 +804,8 @@ void renderFloat(PrintfOutput& out, const Atom& a, double v) {
 // ---------------------------------------------------------------- strings
 
 void renderStrerror(PrintfOutput& out, const Atom& a, int errnum) {
-    char buf[32];
-    const char* text = strerror_text(errnum, buf, sizeof buf);
+    UnixStrerrorRenderingState state;
+    const char* text = state.render(errnum);
     const size_t n = a.precision == Atom::NONE ? strlen(text) : strnlen(text, a.precision);
     renderPadded(out, a, text, n);
 }
@@ -890,14 +890,14 @@ void printf_render(CrashLogWriteHandler& sink, int errnum, const char* format, v
     va_end(copy);
 }
 
-const char* strerror_text(int errnum, char* buffer, size_t size) {
+const char* UnixStrerrorRenderingState::render(int errnum) {
     if (const char* text = strerrordesc_np(errnum)) return text;
     string_builder sb;
-    string_builder_start(&sb, buffer, size);
+    string_builder_start(&sb, _buffer, sizeof _buffer);
     string_builder_appendz(&sb, "Unknown error ");
     string_builder_append_decimal_i64(&sb, errnum);
     string_builder_finish(&sb);
-    return buffer;
+    return _buffer;
 }
 
 // ---------------------------------------------------------------- Str

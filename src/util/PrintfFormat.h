@@ -132,10 +132,16 @@ void printPointerValue(CrashLogWriteHandler& sink, const PrintfFormatAtom& atom,
                        const void* pointer);
 void printStrerror(CrashLogWriteHandler& sink, int errnum);
 
-// The text of an error number: glibc's description, or "Unknown error N".
-// Constant text or the caller's buffer (at least 32 bytes): no allocation,
-// no locale, safe in a signal handler.
-const char* strerror_text(int errnum, char* buffer, size_t size);
+// The text of an error number, as %m renders it: glibc's description (a
+// constant, the same in every locale), or "Unknown error N" in the state's
+// own buffer. No allocation, no lock: safe in a signal handler.
+class UnixStrerrorRenderingState {
+public:
+    const char* render(int errnum);
+
+private:
+    char _buffer[32];
+};
 
 // Each conversion of the format, without the literal text, rendered into an
 // element of its own (appended).
