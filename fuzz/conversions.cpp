@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Str rebuilt;
         append_stringified(&rebuilt, f);
         PrintfFormatString g;
-        g.set(rebuilt.data(), rebuilt.size());
+        g.set(rebuilt.seg());
         Str twice;
         append_stringified(&twice, g);
         FUZZ_CHECK(twice == rebuilt);  // rebuilding is stable

@@ -23,6 +23,13 @@ Str Logger::vformat(int errnum, const char* format, va_list args) {
 
 Str Logger::vformat(const char* format, va_list args) { return vformat(errno, format, args); }
 
+void Logger::vformat(Str& dest, int errnum, LogFormatCallback* callback, const char* format,
+                     va_list args) {
+    Str s;
+    appendVformat(s, errnum, callback, format, args);
+    dest.swap(s);
+}
+
 // Each variadic form hands its list to one of the above; va_end runs on every
 // way out.
 #define TX_WITH_ARGS(last, call) \

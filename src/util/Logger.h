@@ -22,6 +22,9 @@ public:
     // errno as it stands at the call.
     static Str vformat(const char* format, va_list args);
     static Str vformat(int errnum, const char* format, va_list args);
+    // Replaces `dest`; the callback, when given, runs before and after.
+    static void vformat(Str& dest, int errnum, LogFormatCallback* callback, const char* format,
+                        va_list args);
     // Appends; the callback, when given, runs before and after.
     static void appendVformat(Str& dest, int errnum, LogFormatCallback* callback,
                               const char* format, va_list args);

@@ -123,6 +123,7 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
 
     auto literalUpTo = [&](const char* from, const char* to, const char* resume) {
         conversion = CONV_CONSTANT_STRING;
+        flags = 0;  // stars of a directive that became text take no argument
         literal = from;
         literalLength = static_cast<size_t>(to - from);
         format->advanceTo(resume);
@@ -338,8 +339,10 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
             if (options & PRINTF_POINTER) {
                 conversion = CONV_POINTER;
             } else {
+                // %X of the argument, which is a pointer.
                 conversion = CONV_UNSIGNED_HEX;
                 flags |= FLAG_UPPERCASE;
+                size = sizeof(void*);
             }
             break;
         case '%':
@@ -368,6 +371,9 @@ bool PrintfFormatAtom::getNext(StrSegment* format, unsigned options) {
 }
 
 void PrintfFormatAtom::setVariableWidth(int w) {
+    // clang-format off
+    ASSERT(width == (size_t) -1);
+    // clang-format on
     if (w < 0) {
         width =
             std::min<uint64_t>(0 - static_cast<uint64_t>(static_cast<int64_t>(w)), kMaxFieldSize);
@@ -378,6 +384,9 @@ void PrintfFormatAtom::setVariableWidth(int w) {
 }
 
 void PrintfFormatAtom::setVariablePrecision(int p) {
+    // clang-format off
+    ASSERT(precision == (size_t) -1);
+    // clang-format on
     if (p < 0) {
         precision = NONE;  // as if none were given
         return;
@@ -417,13 +426,14 @@ struct FieldPadding {
 
     FieldPadding(const Atom& a, size_t used, bool zerosAllowed) {
         if (a.width == Atom::NONE || a.width <= used) return;
-        const size_t pad = a.width - used;
+        const size_t padding_needed = a.width - used;
+        ASSERT(padding_needed > 0);
         if (a.padding == Atom::PAD_RIGHT_SPACES) {
-            right = pad;
+            right = padding_needed;
         } else if (a.padding == Atom::PAD_LEFT_ZEROS && zerosAllowed) {
-            zeros = pad;
+            zeros = padding_needed;
         } else {
-            left = pad;
+            left = padding_needed;
         }
     }
 };
@@ -450,21 +460,22 @@ size_t exponentText(char* out, char letter, int exponent, bool twoDigits) {
 // ---------------------------------------------------------------- integers
 
 void PrintfIntegerRenderingBuffer::addU64(uint64_t value) {
-    const unsigned n = decimalCharactersU64(value);
-    ASSERT(_p + n <= &_buf[sizeof(_buf)]);
-    convertU64ToAsciiSizeKnown(value, _p, n);
-    _p += n;
+    const unsigned digits = decimalCharactersU64(value);
+    ASSERT(digits >= 1);
+    _p += digits;
+    ASSERT(_p <= &_buf[sizeof(_buf)]);
+    convertU64ToAsciiSizeKnown(value, _p - digits, digits);
 }
 
 void PrintfIntegerRenderingBuffer::addCommaSeparators() {
     const size_t digits = size();
     if (digits <= 3) return;
     const size_t commas = (digits - 1) / 3;
-    ASSERT(_p + commas <= &_buf[sizeof(_buf)]);
     // From the back: three digits, a comma, and so on.
     char* from = _p;
-    char* to = _p + commas;
-    _p = to;
+    _p += commas;
+    ASSERT(_p <= &_buf[sizeof(_buf)]);
+    char* to = _p;
     for (size_t moved = 0; from > _buf; ++moved) {
         if (moved > 0 && moved % 3 == 0) *--to = ',';
         *--to = *--from;
@@ -647,7 +658,7 @@ void PrintfRenderedNormalFloat::writeTo(PrintfOutput& out) const {
     }
     if (_withPoint) out.put1('.');
     out.fill('0', _fracLeadZeros);
-    out.put(_value._digits + _fracStart, _fracCount);
+    if (_fracCount > 0) out.put(_value._digits + _fracStart, _fracCount);
     out.fill('0', _fracTrailZeros);
     out.fill(' ', _rightSpaces);
 }
@@ -1018,12 +1029,12 @@ TX_DEFINE_PRINTERS(CrashLogWriteHandler&, CrashOutput out(sink))
 // ---------------------------------------------------------------- parsed formats
 
 void PrintfFormatString::set(const char* format, unsigned options) {
-    set(format, strlen(format), options);
+    set(StrSegment(format), options);
 }
 
-void PrintfFormatString::set(const char* format, size_t length, unsigned options) {
+void PrintfFormatString::set(StrSegment format, unsigned options) {
     atoms.clear();
-    StrSegment rest(format, length);
+    StrSegment rest = format;
     Atom a;
     while (a.getNext(&rest, options)) atoms.push_back(a);
 }
@@ -1065,7 +1076,7 @@ void PrintfFormatString::format(Str* dest, ...) const {
 
 bool mem_parse_into(const char* data, size_t length, PrintfFormatString* dest) {
     if (data == nullptr) return false;
-    dest->set(data, length);
+    dest->set(StrSegment(data, length));
     return true;
 }
 

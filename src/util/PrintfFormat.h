@@ -98,7 +98,7 @@ public:
     std::vector<PrintfFormatAtom> atoms;
 
     void set(const char* format, unsigned options = PRINTF_DEFAULT_OPTIONS);
-    void set(const char* format, size_t length, unsigned options = PRINTF_DEFAULT_OPTIONS);
+    void set(StrSegment format, unsigned options = PRINTF_DEFAULT_OPTIONS);
     unsigned inputsNeeded() const;
     // Append the rendering to `dest`.
     void format(Str* dest, ...) const;
@@ -202,8 +202,9 @@ public:
     void addU32(uint32_t value) { addU64(value); }
     void addU64(uint64_t value);  // decimal
     void push_back(char c) {
-        ASSERT(_p < &_buf[sizeof(_buf)]);
-        *_p++ = c;
+        ++_p;
+        ASSERT(_p <= &_buf[sizeof(_buf)]);
+        _p[-1] = c;
     }
     // Groups the digits by three from the right with ",".
     void addCommaSeparators();

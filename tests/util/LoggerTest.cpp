@@ -38,6 +38,15 @@ TEST(LoggerFormat, CallbacksRunAroundTheMessage) {
     };
     append("%d %m", 7);
     EXPECT_EQ(s, "[before] 7 Bad file descriptor [after]");
+
+    auto replace = [&](const char* fmt, ...) {
+        va_list args;
+        va_start(args, fmt);
+        Logger::vformat(s, ENOENT, &decorate, fmt, args);
+        va_end(args);
+    };
+    replace("%s", "new");
+    EXPECT_EQ(s, "[before] new [after]") << "this form replaces";
 }
 
 class FileError : public BaseException {

@@ -364,6 +364,18 @@ TEST(PrintfRules, OptionsOfTheParser) {
         return atoms;
     };
     EXPECT_EQ(parse("%m", 0)[0].conversion, PrintfFormatAtom::CONV_CONSTANT_STRING);
+    EXPECT_EQ(parse("%p", 0)[0].size, sizeof(void*)) << "%X of the pointer, all of it";
+    // Directives that turn into text take no argument, stars or not.
+    for (const char* literal : {"%*y", "%.*%", "%*.*"}) {
+        EXPECT_EQ(parse(literal, PRINTF_DEFAULT_OPTIONS)[0].inputsNeeded(), 0u) << literal;
+    }
+    PrintfFormatString f;
+    f.set("%*y %d %.*%", 0);
+    EXPECT_EQ(f.inputsNeeded(), 1u);
+    Str hex;
+    f.set("%p", 0);
+    f.format(&hex, reinterpret_cast<void*>(0x7fff12345678));
+    EXPECT_EQ(hex, "7FFF12345678");
     EXPECT_EQ(parse("%m", PRINTF_ALLOW_STRERROR)[0].conversion, PrintfFormatAtom::CONV_STRERROR);
     const auto p = parse("%p", 0)[0];
     EXPECT_EQ(p.conversion, PrintfFormatAtom::CONV_UNSIGNED_HEX);
