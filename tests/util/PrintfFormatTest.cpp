@@ -385,23 +385,14 @@ TEST(PrintfRules, OptionsOfTheParser) {
     EXPECT_EQ(parse("%z", 0)[0].conversion, PrintfFormatAtom::CONV_CONSTANT_STRING);
 }
 
-TEST(PrintfRules, NamedEdges) {
-    EXPECT_EQ(Str::fromFormat("%+ d|% +d", 1, 1), "+1|+1");
-    EXPECT_EQ(Str::fromFormat("%05d|%-05d|%05.3d", -42, 42, 42), "-0042|42   |  042");
+// What the differential test cannot show: grouping (glibc ignores it in the C
+// locale) and the signs that a zero with precision 0 drops.
+TEST(PrintfRules, GroupingAndSilentZeros) {
     EXPECT_EQ(Str::fromFormat("%'d|%'d|%'x", 1234567, 999, 0x12345), "1,234,567|999|12345");
     EXPECT_EQ(Str::fromFormat("%'.9d", 1234567), "1,234,567") << "commas count as digits";
     EXPECT_EQ(Str::fromFormat("%'d", INT_MIN), "-2,147,483,648");
     EXPECT_EQ(Str::fromFormat("%'.2f|%'g", 1234567.891, 1234567.0), "1,234,567.89|1.23457e+06");
-    EXPECT_EQ(Str::fromFormat("%#o|%#o|%#x|%#.0o", 8, 0, 0, 0), "010|0|0|0");
-    EXPECT_EQ(Str::fromFormat("%.0d|%5.0d|%+5.0d", 0, 0, 0), "|     |     ");
-    EXPECT_EQ(Str::fromFormat("%p|%8p", nullptr, nullptr), "(nil)|   (nil)");
-    EXPECT_EQ(Str::fromFormat("%.3s|%5c|%c", "abcdef", 'x', 0), std::string("abc|    x|\0", 11));
-    EXPECT_EQ(Str::fromFormat("%f|%F|%05f|%+f|% F", NAN, INFINITY, INFINITY, NAN, -INFINITY),
-              "nan|INF|  inf|+nan|-INF");
-    EXPECT_EQ(Str::fromFormat("%f", -NAN), "-nan") << "the sign bit decides";
-    EXPECT_EQ(Str::fromFormat("%g|%g|%g|%g", 100000.0, 1000000.0, 0.0001, 0.00001),
-              "100000|1e+06|0.0001|1e-05");
-    EXPECT_EQ(Str::fromFormat("%*d|%-*d|%.*f", -4, 1, 3, 2, -1, 0.5), "1   |2  |0.500000");
+    EXPECT_EQ(Str::fromFormat("%.0d|%5.0d|%+5.0d|% .0d", 0, 0, 0, 0), "|     |     |");
 }
 
 TEST(PrintfRules, FloatRoundingOnTheShortestDigits) {

@@ -458,15 +458,6 @@ TEST(StrSegmentDeathTest, AdvancePastTheEndIsAFault) {
     EXPECT_DEATH(s.advanceTo(s.data() + 4), "_len >= \\(size_type\\) \\(p - _data\\)");
 }
 
-TEST(Utf8CharacterBuffer, Encodes) {
-    utf8_character_buffer b(0x20AC);
-    EXPECT_EQ(std::string(b.data(), b.size()), "\xE2\x82\xAC");
-    Str s;
-    s.appendUtf8Codepoint('A');
-    s.appendUtf8Codepoint(0x1F600);
-    EXPECT_EQ(s, "A\xF0\x9F\x98\x80");
-}
-
 TEST(StrParse, IntoStr) {
     Str s("old");
     EXPECT_FALSE(mem_parse_into(nullptr, 0, &s));
