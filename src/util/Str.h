@@ -188,7 +188,7 @@ char* mem_copystr(const char* data, size_t length);
 // The integer forms accept what strtol(3) accepts in the C locale (leading
 // white space, a sign, base 0 auto-detection), consuming every byte, with at
 // least one digit and no overflow. The unsigned forms refuse a minus sign
-// instead of wrapping around.
+// instead of wrapping around. None of them changes errno.
 
 bool mem_tryToUnsignedLongLong(const char* data, size_t length, unsigned long long* out,
                                int base = 10);

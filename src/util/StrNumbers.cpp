@@ -2,8 +2,10 @@
 //
 // The accept set is strtol(3)'s in the C locale, with every byte consumed. For
 // base 10, the common case, the digits are read here directly, with the same
-// accept set and the same errno, instead of copying into a scratch buffer for
-// the C library; other bases go through the C library on a terminated copy.
+// accept set, instead of copying into a scratch buffer for the C library;
+// other bases go through the C library on a terminated copy. The result says
+// everything: errno is the caller's before and after, so that parsing on an
+// error path does not lose the error.
 
 #include <double-conversion/double-conversion.h>
 
@@ -42,15 +44,17 @@ inline uint64_t eightDigitsValue(uint64_t w) {
 
 // Base 10 as strtoul/strtol read it: white space, a sign, digits, then the end
 // of the data. `negativeLimit` is the magnitude a minus sign may reach (0 when
-// a minus is refused). Sets errno to 0, or to ERANGE on overflow.
+// a minus is refused).
 [[gnu::always_inline]] inline bool parseDecimal(const char* p, size_t n, uint64_t positiveLimit,
                                                 uint64_t negativeLimit, bool allowMinus,
                                                 uint64_t* magnitude, bool* negative) {
-    errno = 0;
     size_t i = 0;
-    while (i < n && isCSpace(p[i])) ++i;
+    // Every C-locale space is at or below ' '; digits and signs are above.
+    if (n > 0 && static_cast<unsigned char>(p[0]) <= ' ') {
+        while (i < n && isCSpace(p[i])) ++i;
+    }
     bool minus = false;
-    if (i < n && (p[i] == '+' || p[i] == '-')) {
+    if (i < n && static_cast<unsigned char>(p[i]) <= '-' && (p[i] == '+' || p[i] == '-')) {
         minus = p[i] == '-';
         if (minus && !allowMinus) return false;
         ++i;
@@ -70,11 +74,7 @@ inline uint64_t eightDigitsValue(uint64_t w) {
         overflow =
             overflow || __builtin_mul_overflow(v, 10u, &v) || __builtin_add_overflow(v, d, &v);
     }
-    if (overflow || v > (minus ? negativeLimit : positiveLimit)) {
-        errno = ERANGE;
-        return false;
-    }
-    if (i != n) return false;
+    if (overflow || v > (minus ? negativeLimit : positiveLimit) || i != n) return false;
     *magnitude = v;
     *negative = minus;
     return true;
@@ -94,10 +94,13 @@ template <class T, class Fn>
     }
     memcpy(buf, data, length);
     buf[length] = '\0';
+    const int saved = errno;
     errno = 0;
     char* end = nullptr;
     T v = fn(buf, &end, base);
-    if (end == buf || end != buf + length || errno == ERANGE) return false;
+    const bool outOfRange = errno == ERANGE;
+    errno = saved;
+    if (end == buf || end != buf + length || outOfRange) return false;
     *value = v;
     return true;
 }
