@@ -1,0 +1,315 @@
+// Pathname against the real file system: creation modes, times, directories,
+// and the file system queries checked against stat -f, findmnt and df.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+#include <thread>
+
+#include "support/TestSupport.h"
+#include "util/BasicConversions.h"
+#include "util/Pathname.h"
+
+namespace {
+
+using testsupport::inChildAs;
+using testsupport::kUnprivilegedGid;
+using testsupport::kUnprivilegedUid;
+using testsupport::runProcess;
+using testsupport::ScratchDir;
+
+mode_t modeOf(const Pathname& p) {
+    struct stat st;
+    EXPECT_TRUE(p.stat(&st)) << p;
+    return st.st_mode & 07777;
+}
+
+std::string joined(const StrVector& v) {
+    Str s;
+    v.joinInto(s, '\n');
+    return s;
+}
+
+std::string shell(const std::string& cmd) {
+    auto r = runProcess({"/bin/sh", "-c", cmd});
+    EXPECT_EQ(r.exitStatus, 0) << cmd << ": " << r.err;
+    while (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();
+    return r.out;
+}
+
+TEST(PathnameFiles, CreateModesAndTypes) {
+    ScratchDir dir;
+    umask(022);
+    Pathname f = Pathname(dir.path()) / "f";
+    EXPECT_FALSE(Pathname("").exists());
+    EXPECT_EQ(f.getFileType(), Pathname::FILETYPE_NONE);
+    int fd = f.openCreateOnly(Pathname::CREATE_PRIVATE);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    close(fd);
+    EXPECT_EQ(modeOf(f), 0600u);
+    EXPECT_LT(f.openCreateOnly(Pathname::CREATE_NORMAL), 0);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(f.isZeroLengthFile());
+
+    fd = f.openCreateOrAppend(Pathname::CREATE_NORMAL);
+    ASSERT_EQ(write(fd, "hello", 5), 5);
+    close(fd);
+    long size = -1;
+    EXPECT_TRUE(f.getSize(&size));
+    EXPECT_EQ(size, 5);
+    EXPECT_TRUE(f.getSizeOnDisk(&size));
+    EXPECT_GE(size, 0);
+    fd = f.openCreateOrReplace(Pathname::CREATE_NORMAL);
+    close(fd);
+    EXPECT_TRUE(f.isZeroLengthFile());
+
+    Pathname ro = Pathname(dir.path()) / "ro";
+    close(ro.openReadWriteOrCreate(Pathname::CREATE_READONLY_PRIVATE));
+    EXPECT_EQ(modeOf(ro), 0440u);
+    EXPECT_TRUE(ro.isReadOnly());
+
+    EXPECT_EQ(f.getFileType(), Pathname::FILETYPE_REGULAR);
+    EXPECT_EQ(Pathname(dir.path()).getFileType(), Pathname::FILETYPE_DIRECTORY);
+    EXPECT_EQ(Pathname("/dev/null").getFileType(), Pathname::FILETYPE_OTHER);
+    Pathname link = Pathname(dir.path()) / "link";
+    EXPECT_TRUE(f.symlinkTo(link));
+    EXPECT_TRUE(link.isSymlink());
+    EXPECT_FALSE(f.isSymlink());
+    Pathname hard = Pathname(dir.path()) / "hard";
+    EXPECT_TRUE(f.hardlinkTo(hard));
+    UnixStructStat a, b;
+    ASSERT_TRUE(f.stat(&a) && hard.stat(&b));
+    EXPECT_TRUE(a == b);
+    Pathname fifo = Pathname(dir.path()) / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_TRUE(fifo.isFifo());
+    EXPECT_FALSE(f.isFifo());
+}
+
+TEST(PathnameFiles, TimesAndWriteBits) {
+    ScratchDir dir;
+    Pathname f = Pathname(dir.path()) / "f";
+    close(f.openCreateOnly(Pathname::CREATE_NORMAL));
+    EXPECT_TRUE(f.setMtime(Timeval(1000000000, 250000)));
+    Timeval m;
+    EXPECT_TRUE(f.getMtime(&m));
+    EXPECT_EQ(m, Timeval(1000000000, 250000));
+    struct stat st;
+    ASSERT_TRUE(f.stat(&st));
+    EXPECT_GT(st.st_atime, 1600000000);  // the access time became now
+    EXPECT_TRUE(f.touchExisting());
+    EXPECT_TRUE(f.getMtime(&m));
+    EXPECT_GT(m.sec(), 1600000000);
+    EXPECT_FALSE((Pathname(dir.path()) / "missing").touchExisting());
+
+    // Root writes anything, so the bits are checked by an ordinary user.
+    ASSERT_EQ(chown(dir.path().c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
+    ASSERT_EQ(chown(f.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
+    EXPECT_EQ(inChildAs(kUnprivilegedUid, kUnprivilegedGid,
+                        [&] {
+                            if (!f.makeReadOnly() || f.w_ok() || modeOf(f) != 0444) return 1;
+                            if (!f.makeWriteable() || !f.w_ok() || modeOf(f) != 0644) return 2;
+                            return 0;
+                        }),
+              0);
+}
+
+TEST(PathnameFiles, MkdirP) {
+    ScratchDir dir;
+    Pathname deep = Pathname(dir.path()) / "a/b//c/";
+    EXPECT_TRUE(deep.mkdir_p(Pathname::MKDIR_GROUP));
+    EXPECT_TRUE(deep.isDirectory());
+    EXPECT_TRUE(deep.mkdir_p(Pathname::MKDIR_GROUP));
+    EXPECT_TRUE(Pathname("").mkdir_p(Pathname::MKDIR_PRIVATE));
+    EXPECT_TRUE(Pathname("/").mkdir_p(Pathname::MKDIR_PRIVATE));
+
+    // A file in the way is EEXIST, not success.
+    Pathname file = Pathname(dir.path()) / "file";
+    close(file.openCreateOnly(Pathname::CREATE_NORMAL));
+    errno = 0;
+    EXPECT_FALSE((file / "x").mkdir_p(Pathname::MKDIR_PRIVATE));
+    EXPECT_EQ(errno, EEXIST);
+    errno = 0;
+    EXPECT_FALSE(file.mkdir_p(Pathname::MKDIR_PRIVATE));
+    EXPECT_EQ(errno, EEXIST);
+
+    // Many threads racing for one tree all succeed.
+    Pathname race = Pathname(dir.path()) / "r/s/t/u";
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            if (!race.mkdir_p(Pathname::MKDIR_NORMAL)) ++failures;
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(failures, 0);
+
+    Pathname locked = Pathname(dir.path()) / "locked";
+    ASSERT_TRUE(locked.mkdir(Pathname::MKDIR_NORMAL));  // 0755, owned by root
+    int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
+        errno = 0;
+        bool made = (locked / "a/b/c").mkdir_p(Pathname::MKDIR_PRIVATE);
+        return made ? 1 : errno == EACCES ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(PathnameFiles, CountsEntriesByExtension) {
+    ScratchDir dir;
+    for (const char* name : {"a.log", "b.log", "c.txt", "dlog", "e.log"}) {
+        close((Pathname(dir.path()) / name).openCreateOnly(Pathname::CREATE_NORMAL));
+    }
+    Pathname log(".log");
+    EXPECT_EQ(Pathname(dir.path()).countFilesWithExt(&log), 3);
+    EXPECT_EQ(Pathname(dir.path()).countFilesWithExt(&log, 2), 2);
+    EXPECT_EQ(Pathname(dir.path()).countFilesWithExt(nullptr), 5);
+    EXPECT_EQ((Pathname(dir.path()) / "none").countFilesWithExt(nullptr), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(PathnameFiles, WorkingDirectoryAndRealpath) {
+    ScratchDir dir;
+    Pathname here;
+    ASSERT_TRUE(Pathname::cwd(here));
+    char buf[4096];
+    EXPECT_EQ(here, getcwd(buf, sizeof buf));
+    Pathname target = Pathname(dir.path()) / "t";
+    ASSERT_TRUE(target.mkdir(Pathname::MKDIR_NORMAL));
+    Pathname link = Pathname(dir.path()) / "l";
+    ASSERT_TRUE(target.symlinkTo(link));
+    Pathname resolved = link / "../l/.";
+    ASSERT_TRUE(resolved.realpathInPlace());
+    Pathname expected;
+    ASSERT_TRUE(target.realpath(expected));
+    EXPECT_EQ(resolved, expected);
+    EXPECT_FALSE(Pathname(dir.path() + "/missing/x").realpath(expected));
+}
+
+// ---------------------------------------------------------------- file systems
+
+TEST(PathnameFilesystems, SpaceAgreesWithStatF) {
+    long forUser = -1, free = -1, capacity = -1;
+    StrVector errors;
+    ASSERT_TRUE(Pathname("/tmp").wrap__statfs_or_statvfs(&forUser, &free, &capacity, &errors));
+    EXPECT_TRUE(errors.empty());
+    std::istringstream in(shell("stat -f -c '%b %S %a %f' /tmp"));
+    long blocks, bsize, avail, bfree;
+    in >> blocks >> bsize >> avail >> bfree;
+    EXPECT_EQ(capacity, blocks * bsize);
+    // Other writers move the free counts between the two readings.
+    EXPECT_NEAR(forUser, avail * bsize, 256 << 20);
+    EXPECT_NEAR(free, bfree * bsize, 256 << 20);
+    EXPECT_GE(free, forUser);
+    EXPECT_NEAR(Pathname("/tmp").filesystemBytesFree(), forUser, 256 << 20);
+    long total = 0;
+    EXPECT_TRUE(Pathname("/tmp").filesystemBytesFree_forUserAndTotal(&forUser, &total));
+    EXPECT_EQ(total, capacity);
+
+    errors.clear();
+    EXPECT_FALSE(
+        Pathname("/no/such/dir").wrap__statfs_or_statvfs(nullptr, nullptr, nullptr, &errors));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("wrap__statfs_or_statvfs:"), Str::npos);
+    EXPECT_NE(errors[0].find("Failed to statfs(2): No such file or directory"), Str::npos)
+        << errors[0];
+    EXPECT_EQ(Pathname("/no/such").filesystemBytesFree(), -1);
+}
+
+TEST(PathnameFilesystems, ConstantsAgreeWithTheMountTable) {
+    for (const char* path : {"/tmp", "/dev/shm", TARVEX_TEST_SCRATCH}) {
+        FilesystemConstants fc;
+        StrVector errors;
+        bool ok = Pathname(path).getFilesystemConstants(&fc, &errors);
+        EXPECT_EQ(fc.mount_point, shell(std::string("findmnt -n -o TARGET -T ") + path + " | head -1")) << path;
+        std::istringstream in(shell(std::string("stat -f -c '%b %S %t' ") + path));
+        long blocks, bsize;
+        std::string magic;
+        in >> blocks >> bsize >> std::hex >> magic;
+        EXPECT_EQ(fc.capacity, blocks * bsize) << path;
+        if (magic == "ef53") {
+            EXPECT_TRUE(ok);
+            EXPECT_EQ(fc.fs_type, "ext4");
+            EXPECT_TRUE(errors.empty());
+        } else {
+            // Unknown to the table: looked up in the fstab, which containers leave empty.
+            EXPECT_TRUE(ok) << joined(errors);
+            ASSERT_FALSE(errors.empty()) << path;
+            EXPECT_NE(errors[0].find("Failed to interpret f_type=" + magic), Str::npos)
+                << errors[0];
+        }
+    }
+    FilesystemConstants fc;
+    fc.capacity = 5;
+    StrVector errors;
+    EXPECT_FALSE(Pathname("/no/such/path").getFilesystemConstants(&fc, &errors));
+    ASSERT_FALSE(errors.empty());
+    EXPECT_NE(errors[0].find("Failed to initial stat(2) of ancestorDir='/no/such/path': No such "
+                             "file or directory"),
+              Str::npos)
+        << errors[0];
+    EXPECT_EQ(fc.capacity, 0);
+    EXPECT_EQ(Str::from(fc), "{capacity=0 fs_type= mount_point=}");
+}
+
+TEST(PathnameFilesystems, FstabLookupForUnknownTypes) {
+    ScratchDir dir;
+    std::string fstab = dir / "fstab";
+    testsupport::writeFile(fstab,
+                           "# comment /dev/shm wrongfs\n"
+                           "   # indented comment\n"
+                           "\n"
+                           "none\t/dev/shm  tmpfs  defaults 0 0\n"
+                           "proc /proc proc\n");
+    const char* saved = Pathname::fstab_path;
+    Pathname::fstab_path = fstab.c_str();
+    char type[17] = {};
+    StrVector errors;
+    EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/dev/shm"), type, &errors));
+    EXPECT_STREQ(type, "tmpfs");
+    EXPECT_EQ(errors.size(), 1u);
+
+    errors.clear();
+    EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/elsewhere"), type, &errors));
+    EXPECT_STREQ(type, "");
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_NE(errors[1].find("Failed to find mountPoint='/elsewhere' in /etc/fstab of=3 "
+                             "noncomment lines"),
+              Str::npos)
+        << errors[1];
+
+    Pathname::fstab_path = "/no/such/fstab";
+    errors.clear();
+    EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/dev/shm"), type, &errors));
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_NE(errors[1].find("Failed to stat /etc/fstab, mountPoint='/dev/shm'"), Str::npos);
+    Pathname::fstab_path = saved;
+}
+
+TEST(PathnameFilesystems, AcrossDevices) {
+    ScratchDir tmp;  // under the build tree, ext4 here
+    Pathname onDisk = Pathname(tmp.path()) / "f";
+    close(onDisk.openCreateOnly(Pathname::CREATE_NORMAL));
+    Pathname inMemory("/dev/shm/tarvex-exdev-test");
+    inMemory.unlink();
+    StrVector errors;
+    EXPECT_FALSE(onDisk.inSameFilesystemAs(Pathname("/dev/shm"), &errors));
+    EXPECT_TRUE(errors.empty());
+    EXPECT_TRUE(onDisk.inSameFilesystemAs(Pathname(tmp.path()), &errors));
+    errno = 0;
+    EXPECT_FALSE(onDisk.renameTo(inMemory));
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_FALSE(Pathname("/no/such").inSameFilesystemAs(Pathname("/tmp"), &errors));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("initial stat(2) of ancestorDir='/no/such'"), Str::npos);
+    EXPECT_FALSE(Pathname("/tmp").inSameFilesystemAs(Pathname("/no/such"), &errors));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("stat(2) of childDir='/no/such'"), Str::npos);
+}
+
+}  // namespace
