@@ -68,7 +68,7 @@ Pathname operator/(const Pathname& a, const char* b) {
     return r /= b;
 }
 
-Pathname operator/(const Pathname& a, const Str& b) {
+Pathname operator/(const Pathname& a, const std::string& b) {
     Pathname r(a);
     return r /= b;
 }
@@ -474,7 +474,7 @@ Pathname Pathname::removeDoubleSeps(const Pathname& p) {
     return r.removeDoubleSeps();
 }
 
-void Pathname::splitOnSepInto(PathnameVector& out) const { out.push_back_separated(c_str(), '/'); }
+void Pathname::splitOnSepInto(PathnameVector& out) const { out.push_back_separated(seg(), '/'); }
 
 // ---------------------------------------------------------------- file systems
 
@@ -824,12 +824,13 @@ PathnameVector::PathnameVector(const EnvironmentVariable& v, char sep) {
     if (v.isSet()) push_back_separated(v.value(), sep);
 }
 
-void PathnameVector::push_back_separated(const char* text, char sep) {
-    const char* p = text;
-    for (;;) {
-        const char* q = strchrnul(p, sep);
+void PathnameVector::push_back_separated(StrSegment text, char sep) {
+    const char* p = text._data;
+    const char* end = p + text._len;
+    while (p < end) {
+        const char* q = static_cast<const char*>(memchr(p, sep, end - p));
+        if (q == nullptr) q = end;
         if (q > p) emplace_back(p, q - p);
-        if (*q == '\0') break;
         p = q + 1;
     }
 }

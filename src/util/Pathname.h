@@ -87,7 +87,7 @@ public:
     // is "/a", and an empty text changes nothing.
     Pathname& operator/=(const char* text) { return join(text, strlen(text)); }
     Pathname& operator/=(StrSegment s) { return join(s._data, s._len); }
-    Pathname& operator/=(const Str& s) { return join(s.data(), s.size()); }
+    Pathname& operator/=(const std::string& s) { return join(s.data(), s.size()); }
     Pathname& join(const char* text, size_t length);
 
     // this = parent / the entry's name, reserving exactly; `parent` may be *this.
@@ -233,7 +233,7 @@ private:
 };
 
 Pathname operator/(const Pathname& a, const char* b);
-Pathname operator/(const Pathname& a, const Str& b);
+Pathname operator/(const Pathname& a, const std::string& b);
 Pathname operator+(const Pathname& a, const Pathname& b);
 Pathname operator+(const Pathname& a, const char* b);
 Pathname operator+(const char* a, const Pathname& b);
@@ -249,16 +249,19 @@ public:
 
     PathnameVector() = default;
     // The non-empty pieces between separators.
-    PathnameVector(const Str& text, char sep) { push_back_separated(text.c_str(), sep); }
+    PathnameVector(const Str& text, char sep) { push_back_separated(text.seg(), sep); }
     PathnameVector(const char* text, char sep) { push_back_separated(text, sep); }
-    PathnameVector(const Pathname& text, char sep) { push_back_separated(text.c_str(), sep); }
+    PathnameVector(const Pathname& text, char sep) { push_back_separated(text.seg(), sep); }
     PathnameVector(const EnvironmentVariable& v, char sep);
 
     void push_back(const char* data, size_t length) { emplace_back(data, length); }
     void push_back(const char* z) { emplace_back(z); }
     void push_back(const Str& s) { emplace_back(s); }
     void push_back(Str&& s) { emplace_back(std::move(s)); }
-    void push_back_separated(const char* text, char sep);
+    void push_back_separated(const char* text, char sep) {
+        push_back_separated(StrSegment(text, strlen(text)), sep);
+    }
+    void push_back_separated(StrSegment text, char sep);
     // Moves the path in, leaving it empty.
     void appendDestructive(Pathname* p);
     // "--name=value" as one element.

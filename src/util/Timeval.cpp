@@ -289,7 +289,7 @@ void Timeval::subtractUsec(unsigned long long us) {
     }
 }
 
-void Timeval::_add(Interval v) {
+void Timeval::_addSaturating(Interval v) {
     if (v.isUnbounded()) return setToMax();
     if (!saturatingAdd(_tv.tv_sec, _tv.tv_usec, v.ms() / 1000, (v.ms() % 1000) * 1000,
                        ONE_MILLION)) {
@@ -298,19 +298,13 @@ void Timeval::_add(Interval v) {
     ASSERT(_tv.tv_usec < 2000000);
 }
 
-void Timeval::_subtract(Interval v) {
+void Timeval::_subtractSaturating(Interval v) {
     if (v.isUnbounded()) return setToMin();
     if (!saturatingSubtract(_tv.tv_sec, _tv.tv_usec, v.ms() / 1000, (v.ms() % 1000) * 1000,
                             ONE_MILLION)) {
         return setToMin();
     }
     ASSERT(_tv.tv_usec >= -1000000);
-}
-
-int Timeval::compare(const Timeval& o) const {
-    if (_tv.tv_sec != o._tv.tv_sec) return _tv.tv_sec < o._tv.tv_sec ? -1 : 1;
-    if (_tv.tv_usec != o._tv.tv_usec) return _tv.tv_usec < o._tv.tv_usec ? -1 : 1;
-    return 0;
 }
 
 int64_t Timeval::usecDifference(const Timeval& a, const Timeval& b) {
@@ -328,7 +322,7 @@ double Timeval::secDifferenceAsDouble(const Timeval& a, const Timeval& b) {
     return static_cast<double>(d.sec) + d.frac * 1e-6;
 }
 
-Interval operator-(const Timeval& a, const Timeval& b) {
+Interval Timeval::differenceSaturating(const Timeval& a, const Timeval& b) {
     if (a < b) return Interval(0);
     Difference d =
         laterMinusEarlier(a._tv.tv_sec, a._tv.tv_usec, b._tv.tv_sec, b._tv.tv_usec, ONE_MILLION);

@@ -160,6 +160,11 @@ void crashlog_write(CrashLogWriteHandler& h, MonotonicTime::Ticks v);
 // ---------------------------------------------------------------- Timeval
 
 class Timeval {
+    // Bounds inside which arithmetic cannot overflow: 2^60 seconds and 2^50
+    // milliseconds leave room for every carry.
+    static constexpr int64_t FAST_SEC = int64_t(1) << 60;
+    static constexpr uint64_t FAST_MS = uint64_t(1) << 50;
+
 public:
     static constexpr int64_t MAX_SEC = INT64_MAX;
     static constexpr int64_t MIN_SEC = INT64_MIN;
@@ -194,15 +199,42 @@ public:
     void subtractSec(unsigned s);
     void addUsec(unsigned long long us);
     void subtractUsec(unsigned long long us);
-    void _add(Interval v);
-    void _subtract(Interval v);
+    // Far from both ends (the common case by eons) no step can overflow.
+    void _add(Interval v) {
+        if (__builtin_expect(v.ms() < FAST_MS && _tv.tv_sec < FAST_SEC && _tv.tv_sec > -FAST_SEC &&
+                                 static_cast<unsigned long>(_tv.tv_usec) < 1000000,
+                             1)) {
+            _tv.tv_sec += static_cast<int64_t>(v.ms() / 1000);
+            _tv.tv_usec += static_cast<long>(v.ms() % 1000) * 1000;
+            if (_tv.tv_usec >= 1000000) _tv.tv_usec -= 1000000, ++_tv.tv_sec;
+            return;
+        }
+        _addSaturating(v);
+    }
+    void _subtract(Interval v) {
+        if (__builtin_expect(v.ms() < FAST_MS && _tv.tv_sec < FAST_SEC && _tv.tv_sec > -FAST_SEC &&
+                                 static_cast<unsigned long>(_tv.tv_usec) < 1000000,
+                             1)) {
+            _tv.tv_sec -= static_cast<int64_t>(v.ms() / 1000);
+            _tv.tv_usec -= static_cast<long>(v.ms() % 1000) * 1000;
+            if (_tv.tv_usec < 0) _tv.tv_usec += 1000000, --_tv.tv_sec;
+            return;
+        }
+        _subtractSaturating(v);
+    }
+    void _addSaturating(Interval v);
+    void _subtractSaturating(Interval v);
     Timeval& operator+=(Interval v) { return _add(v), *this; }
     Timeval& operator-=(Interval v) { return _subtract(v), *this; }
     friend Timeval operator+(Timeval t, Interval v) { return t += v; }
     friend Timeval operator-(Timeval t, Interval v) { return t -= v; }
 
     // Seconds, then microseconds: -1, 0 or 1.
-    int compare(const Timeval& o) const;
+    int compare(const Timeval& o) const {
+        if (_tv.tv_sec != o._tv.tv_sec) return _tv.tv_sec < o._tv.tv_sec ? -1 : 1;
+        if (_tv.tv_usec != o._tv.tv_usec) return _tv.tv_usec < o._tv.tv_usec ? -1 : 1;
+        return 0;
+    }
     friend bool operator==(const Timeval& a, const Timeval& b) { return a.compare(b) == 0; }
     friend std::strong_ordering operator<=>(const Timeval& a, const Timeval& b) {
         return a.compare(b) <=> 0;
@@ -213,7 +245,19 @@ public:
     // a - b in seconds, the same magnitude whichever is later.
     static double secDifferenceAsDouble(const Timeval& a, const Timeval& b);
     // a - b in milliseconds, rounded up; 0 when a is before b.
-    friend Interval operator-(const Timeval& a, const Timeval& b);
+    friend Interval operator-(const Timeval& a, const Timeval& b) {
+        int64_t ds = a._tv.tv_sec - b._tv.tv_sec;
+        if (__builtin_expect(a._tv.tv_sec < FAST_SEC && a._tv.tv_sec > -FAST_SEC &&
+                                 b._tv.tv_sec < FAST_SEC && b._tv.tv_sec > -FAST_SEC && ds >= 0,
+                             1)) {
+            long du = a._tv.tv_usec - b._tv.tv_usec;
+            if (du < 0) du += 1000000, --ds;
+            if (ds >= 0) return Interval(static_cast<uint64_t>(ds) * 1000 + (du + 999) / 1000);
+            return Interval(0);
+        }
+        return differenceSaturating(a, b);
+    }
+    static Interval differenceSaturating(const Timeval& a, const Timeval& b);
 
     void setToUnixTimeDouble(double seconds);
     double unixEpochAsDouble() const {
