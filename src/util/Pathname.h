@@ -66,6 +66,7 @@ public:
         FILETYPE_DIRECTORY = 2,
         FILETYPE_OTHER = 3
     };
+    using file_type_t = FileType;
 
     // The device a path lies on; all bits set until set() succeeds.
     struct FilesystemToken {

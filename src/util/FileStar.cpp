@@ -1,0 +1,159 @@
+#include "util/FileStar.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "libzero/assertion.h"
+#include "libzero/int-to-ascii.h"
+#include "util/BasicConversions.h"
+#include "util/FileDescriptor.h"
+
+bool FileStar::open(const Pathname& path, const char* mode) {
+    close();
+    _f = fopen(path.c_str(), mode);
+    return _f != nullptr;
+}
+
+bool FileStar::close() {
+    if (_f == nullptr) return true;
+    bool ok = fclose(_f) == 0;
+    // clang-format off
+    ASSERT(ok || (0 + errno) != EBADF);
+    // clang-format on
+    _f = nullptr;
+    return ok;
+}
+
+bool FileStar::close_saveErrno() {
+    int saved = errno;
+    bool ok = close();
+    errno = saved;
+    return ok;
+}
+
+ssize_t FileStar::read(void* buf, size_t length) {
+    size_t n = fread(buf, 1, length, _f);
+    if (n == 0 && length != 0) return feof(_f) ? 0 : -1;
+    return static_cast<ssize_t>(n);
+}
+
+bool FileStar::write(const void* buf, size_t length) {
+    return fwrite(buf, 1, length, _f) == length;
+}
+
+bool FileStar::readline(Str& line) {
+    line.clear();
+    return ftello(_f) >= 0 ? readlineSeekable(line) : readlineStream(line);
+}
+
+// fgets() gives no length, so the position before and after tells it, and
+// zero bytes in the line survive. A piece of exactly 255 bytes without a line
+// feed means the line goes on.
+bool FileStar::readlineSeekable(Str& line) {
+    char buf[256];
+    bool any = false;
+    for (;;) {
+        off_t before = ftello(_f);
+        if (fgets(buf, sizeof buf, _f) == nullptr) break;
+        any = true;
+        off_t n = ftello(_f) - before;
+        line.append(buf, static_cast<size_t>(n));
+        if (n != 255 || buf[254] == '\n') break;
+    }
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+    }
+    return any;
+}
+
+bool FileStar::readlineStream(Str& line) {
+    char buf[256];
+    size_t used = 0;
+    bool any = false;
+    int c;
+    while ((c = getc(_f)) != EOF) {
+        any = true;
+        if (c == '\n') break;
+        buf[used++] = static_cast<char>(c);
+        if (used == sizeof buf) {
+            line.append(buf, used);
+            used = 0;
+        }
+    }
+    line.append(buf, used);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return any;
+}
+
+bool FileStar::vformat(const char* fmt, va_list args) {
+    Str text;
+    text.appendVformat(fmt, args);
+    return write(text.data(), text.size());
+}
+
+bool FileStar::format(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    bool ok = vformat(fmt, args);
+    va_end(args);
+    return ok;
+}
+
+bool FileStar::_fput_int(long long v) {
+    char buf[24];
+    return write(buf, convertI64ToAscii(v, buf));
+}
+
+bool FileStar::_fput_double(double v) {
+    bool ok = true;
+    write_double_fixed_point(v, [&](const char* p, size_t n) { ok = ok && write(p, n); });
+    return ok;
+}
+
+bool FileStar::setBuf(void* buf, size_t size) {
+    return setvbuf(_f, static_cast<char*>(buf), buf ? _IOFBF : _IONBF, size) == 0;
+}
+
+bool FileStar::getMtime(Timeval* out) const {
+    FileDescriptorStat st;
+    if (fstat(fileno(_f), &st) != 0) return false;
+    st.getMtime(out);
+    return true;
+}
+
+bool FileStar::hasNetworkError() const { return _f != nullptr && ferror(_f) && errno == ESTALE; }
+
+bool FileStar::decideTempDir(Pathname& dir) {
+    dir.assign(EnvironmentVariable("TMPDIR"));
+    if (dir.empty()) dir = "/tmp";
+    return true;
+}
+
+bool FileStar::openTemporary(Pathname* name) {
+    close();
+    Pathname path;
+    decideTempDir(path);
+    path /= "tarvextmp.XXXXXX";
+    int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd < 0) return false;
+    if (name == nullptr) ::unlink(path.c_str());
+    FileDescriptor d(fd);
+    _f = d.fdopen("w+b");
+    if (_f == nullptr) {
+        if (name != nullptr) {
+            int saved = errno;
+            ::unlink(path.c_str());
+            errno = saved;
+        }
+        return false;
+    }
+    if (name != nullptr) *name = std::move(path);
+    return true;
+}
+
+bool FileStar::openTemporaryFile() { return openTemporary(nullptr); }
+bool FileStar::openNamedTemporaryFile(Pathname& name) { return openTemporary(&name); }
