@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,48 +45,42 @@ bool FileStar::write(const void* buf, size_t length) {
     return fwrite(buf, 1, length, _f) == length;
 }
 
+// The line is scanned in stdio's own buffer and appended straight into
+// `line`, the way glibc's getc_unlocked macro reads that buffer (__uflow
+// refills it), so zero bytes survive and nothing is copied twice. Seekable
+// files and pipes differ only for a carriage return at end of file without
+// a line feed: a file keeps it, a pipe drops it. Asking which one this is
+// costs a system call, so it is asked only in that case.
 bool FileStar::readline(Str& line) {
     line.clear();
-    return ftello(_f) >= 0 ? readlineSeekable(line) : readlineStream(line);
-}
-
-// fgets() gives no length, so the position before and after tells it, and
-// zero bytes in the line survive. A piece of exactly 255 bytes without a line
-// feed means the line goes on.
-bool FileStar::readlineSeekable(Str& line) {
-    char buf[256];
-    bool any = false;
+    bool any = false, lineFeed = false;
+    flockfile(_f);
     for (;;) {
-        off_t before = ftello(_f);
-        if (fgets(buf, sizeof buf, _f) == nullptr) break;
-        any = true;
-        off_t n = ftello(_f) - before;
-        line.append(buf, static_cast<size_t>(n));
-        if (n != 255 || buf[254] == '\n') break;
-    }
-    if (!line.empty() && line.back() == '\n') {
-        line.pop_back();
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-    }
-    return any;
-}
-
-bool FileStar::readlineStream(Str& line) {
-    char buf[256];
-    size_t used = 0;
-    bool any = false;
-    int c;
-    while ((c = getc(_f)) != EOF) {
-        any = true;
-        if (c == '\n') break;
-        buf[used++] = static_cast<char>(c);
-        if (used == sizeof buf) {
-            line.append(buf, used);
-            used = 0;
+        char* p = _f->_IO_read_ptr;
+        char* end = _f->_IO_read_end;
+        if (p < end) {
+            any = true;
+            char* nl = static_cast<char*>(memchr(p, '\n', static_cast<size_t>(end - p)));
+            if (nl != nullptr) {
+                line.append(p, static_cast<size_t>(nl - p));
+                _f->_IO_read_ptr = nl + 1;
+                lineFeed = true;
+                break;
+            }
+            line.append(p, static_cast<size_t>(end - p));
+            _f->_IO_read_ptr = end;
         }
+        int c = __uflow(_f);
+        if (c == EOF) break;
+        any = true;
+        if (c == '\n') {
+            lineFeed = true;
+            break;
+        }
+        line.push_back(static_cast<char>(c));
     }
-    line.append(buf, used);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    funlockfile(_f);
+    if (!line.empty() && line.back() == '\r' && (lineFeed || ftello(_f) < 0)) line.pop_back();
     return any;
 }
 

@@ -55,8 +55,6 @@ public:
     static bool decideTempDir(Pathname& dir);
 
 private:
-    bool readlineSeekable(Str& line);
-    bool readlineStream(Str& line);
     bool openTemporary(Pathname* name);
 
     FILE* _f = nullptr;
