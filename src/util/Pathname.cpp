@@ -804,17 +804,11 @@ bool Pathname::splitArgShellQuoted(StrSegment source, Pathname* arg, StrSegment*
     return true;
 }
 
-void Pathname::splitShellQuotedInto(PathnameVector& out) const {
-    StrSegment text = seg().trim(StrlikeTraits::default_trimchars, true, false);
-    Pathname arg;
-    while (splitArgShellQuoted(text, &arg, &text)) out.push_back(std::move(arg));
-}
-
-void Pathname::splitShellQuotedIntoExists(PathnameVector& out) const {
+void Pathname::splitShellQuoted(PathnameVector& out, bool onlyExisting) const {
     StrSegment text = seg().trim(StrlikeTraits::default_trimchars, true, false);
     Pathname arg;
     while (splitArgShellQuoted(text, &arg, &text)) {
-        if (arg.exists()) out.push_back(std::move(arg));
+        if (!onlyExisting || arg.exists()) out.push_back(std::move(arg));
     }
 }
 

@@ -225,12 +225,13 @@ public:
     // follows it. False at the end, on an empty word, or when the text ends
     // inside quotes or after a backslash.
     static bool splitArgShellQuoted(StrSegment source, Pathname* arg, StrSegment* rest);
-    void splitShellQuotedInto(PathnameVector& out) const;
+    void splitShellQuotedInto(PathnameVector& out) const { splitShellQuoted(out, false); }
     // As splitShellQuotedInto, keeping only the words that exist as paths.
-    void splitShellQuotedIntoExists(PathnameVector& out) const;
+    void splitShellQuotedIntoExists(PathnameVector& out) const { splitShellQuoted(out, true); }
 
 private:
     bool accessOk(int mode) const;
+    void splitShellQuoted(PathnameVector& out, bool onlyExisting) const;
 };
 
 Pathname operator/(const Pathname& a, const char* b);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 
 namespace iofaults {
 
@@ -58,65 +57,54 @@ void disarm() { armedFd = -1; }
 
 using namespace iofaults;
 
-extern "C" ssize_t read(int fd, void* buf, size_t n) {
-    if (fd != armedFd) return realRead()(fd, buf, n);
-    ++readCalls;
-    if (readNext >= readScript.size()) return realRead()(fd, buf, n);
-    Step s = readScript[readNext++];
+namespace {
+
+// The next scripted step for a call on the armed descriptor: `real(limit)`
+// makes the real call with at most `limit` bytes.
+template <class Real>
+ssize_t scripted(const std::vector<Step>& script, size_t& next, size_t n, Real real) {
+    if (next >= script.size()) return real(n);
+    Step s = script[next++];
     switch (s.kind) {
         case Step::SHORT:
-            return realRead()(fd, buf, std::min(n, s.limit));
+            return real(std::min(n, s.limit));
         case Step::ZERO:
             return 0;
         case Step::FAIL:
             errno = s.error;
             return -1;
         default:
-            return realRead()(fd, buf, n);
+            return real(n);
     }
+}
+
+}  // namespace
+
+extern "C" ssize_t read(int fd, void* buf, size_t n) {
+    if (fd != armedFd) return realRead()(fd, buf, n);
+    ++readCalls;
+    return scripted(readScript, readNext, n, [&](size_t m) { return realRead()(fd, buf, m); });
 }
 
 extern "C" ssize_t write(int fd, const void* buf, size_t n) {
     if (fd != armedFd) return realWrite()(fd, buf, n);
     ++writeCalls;
-    if (writeNext >= writeScript.size()) return realWrite()(fd, buf, n);
-    Step s = writeScript[writeNext++];
-    switch (s.kind) {
-        case Step::SHORT:
-            return realWrite()(fd, buf, std::min(n, s.limit));
-        case Step::ZERO:
-            return 0;
-        case Step::FAIL:
-            errno = s.error;
-            return -1;
-        default:
-            return realWrite()(fd, buf, n);
-    }
+    return scripted(writeScript, writeNext, n, [&](size_t m) { return realWrite()(fd, buf, m); });
 }
 
 extern "C" ssize_t writev(int fd, const struct iovec* iov, int count) {
     if (fd != armedFd) return realWritev()(fd, iov, count);
     ++writevCalls;
-    if (writeNext >= writeScript.size()) return realWritev()(fd, iov, count);
-    Step s = writeScript[writeNext++];
-    switch (s.kind) {
-        case Step::SHORT: {
-            // Only the elements that fit in the limit, the last one cut.
-            std::vector<struct iovec> cut;
-            size_t left = s.limit;
-            for (int i = 0; i < count && left > 0; ++i) {
-                size_t take = std::min(left, iov[i].iov_len);
-                cut.push_back({iov[i].iov_base, take});
-                left -= take;
-            }
-            return realWritev()(fd, cut.data(), static_cast<int>(cut.size()));
+    size_t total = 0;
+    for (int i = 0; i < count; ++i) total += iov[i].iov_len;
+    return scripted(writeScript, writeNext, total, [&](size_t limit) {
+        // Only the elements that fit in the limit, the last one cut.
+        std::vector<struct iovec> cut;
+        for (int i = 0; i < count && limit > 0; ++i) {
+            size_t take = std::min(limit, iov[i].iov_len);
+            cut.push_back({iov[i].iov_base, take});
+            limit -= take;
         }
-        case Step::ZERO:
-            return 0;
-        case Step::FAIL:
-            errno = s.error;
-            return -1;
-        default:
-            return realWritev()(fd, iov, count);
-    }
+        return realWritev()(fd, cut.data(), static_cast<int>(cut.size()));
+    });
 }

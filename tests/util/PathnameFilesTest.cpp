@@ -189,6 +189,11 @@ TEST(PathnameFiles, WorkingDirectoryAndRealpath) {
     ASSERT_TRUE(target.realpath(expected));
     EXPECT_EQ(resolved, expected);
     EXPECT_FALSE(Pathname(dir.path() + "/missing/x").realpath(expected));
+
+    PathnameVector existing;
+    Pathname words(target.shellQuoted() + " '" + dir.path() + "/missing' " + link.shellQuoted());
+    words.splitShellQuotedIntoExists(existing);
+    EXPECT_EQ(existing, PathnameVector({target, link}));
 }
 
 // ---------------------------------------------------------------- file systems
@@ -226,7 +231,9 @@ TEST(PathnameFilesystems, ConstantsAgreeWithTheMountTable) {
         FilesystemConstants fc;
         StrVector errors;
         bool ok = Pathname(path).getFilesystemConstants(&fc, &errors);
-        EXPECT_EQ(fc.mount_point, shell(std::string("findmnt -n -o TARGET -T ") + path + " | head -1")) << path;
+        EXPECT_EQ(fc.mount_point,
+                  shell(std::string("findmnt -n -o TARGET -T ") + path + " | head -1"))
+            << path;
         std::istringstream in(shell(std::string("stat -f -c '%b %S %t' ") + path));
         long blocks, bsize;
         std::string magic;
