@@ -42,7 +42,9 @@ Flags word of a character from U+0080 on (ASCII is left to the C locale):
 
 Unassigned code points, surrogates and private use get no flags. Ranges hold
 runs of consecutive code points with the same flags word; runs with flags 0 are
-left out, since a failed lookup means 0.
+left out, since a failed lookup means 0. Below U+20000, a block index narrows
+the search, and a bitmap of the 64-code-point blocks that hold any character
+with another case lets case mapping skip the search everywhere else.
 
 Combining marks: the second characters of the two-character canonical
 decompositions of the characters that compose (not Full_Composition_Exclusion).
@@ -85,6 +87,8 @@ PUNCT = 0x01000000
 XOR_MASK = 0x00FFFFFF
 
 MAX_CODEPOINT = 0x10FFFF
+# Code points below this have a block index into the flags ranges.
+INDEXED_LIMIT = 0x20000
 SURROGATES = range(0xD800, 0xE000)
 
 # Unassigned code points in these blocks are Wide (EastAsianWidth.txt header).
@@ -297,6 +301,35 @@ def flag_ranges(ucd):
     return ranges
 
 
+def flag_block_index(ranges):
+    """For each 64-code-point block below INDEXED_LIMIT, and the limit itself:
+    the first range that ends at or after the block's first code point."""
+    index = []
+    i = 0
+    for block in range(INDEXED_LIMIT // 64 + 1):
+        while i < len(ranges) and ranges[i][1] < block * 64:
+            i += 1
+        index.append(i)
+    if len(ranges) > 0xFFFF:
+        fail("too many flags ranges for a 16-bit index")
+    return index
+
+
+def case_block_bits(ranges):
+    """One bit for each 64-code-point block below INDEXED_LIMIT: set when a
+    character there has another case, so that others skip the search."""
+    words = [0] * (INDEXED_LIMIT // 64 // 64)
+    for first, last, word in ranges:
+        if first >= INDEXED_LIMIT:
+            break
+        for cp in range(first, min(last + 1, INDEXED_LIMIT)):
+            _, _, upper, lower = case_answers(cp, word)
+            if upper != cp or lower != cp:
+                block = cp >> 6
+                words[block >> 6] |= 1 << (block & 63)
+    return words
+
+
 # ---------------------------------------------------------------- combining marks
 
 def combiner_marks(ucd):
@@ -418,6 +451,28 @@ def render(ucd):
                                                         first, last))
     w("};")
     w("constinit const size_t utf8_flag_ranges_count = %d;" % len(flags))
+    w("")
+    index = flag_block_index(flags)
+    w("// The first range that ends in or after each 64-code-point block, up to U+%04X." %
+      INDEXED_LIMIT)
+    w("constinit const uint16_t utf8_flag_block_index[%d] = {" % len(index))
+    line = "   "
+    for i in index:
+        item = " %d," % i
+        if len(line) + len(item) > 100:
+            w(line)
+            line = "   "
+        line += item
+    w(line)
+    w("};")
+    w("constinit const uint32_t utf8_flag_block_index_limit = 0x%X;" % INDEXED_LIMIT)
+    w("")
+    bits = case_block_bits(flags)
+    w("// Bit b %% 64 of word b / 64: block b holds a character with another case.")
+    w("constinit const uint64_t utf8_case_block_bits[%d] = {" % len(bits))
+    for i in range(0, len(bits), 4):
+        w("    " + " ".join("0x%016XULL," % x for x in bits[i:i + 4]))
+    w("};")
     w("")
     w("constinit const utf8_combiner_mark utf8_combiner_marks[%d] = {" % len(marks))
     for i, m in enumerate(marks):

@@ -33,20 +33,41 @@ inline size_t validSequenceLength(const unsigned char* p, size_t n) {
     return 4;
 }
 
+inline uint32_t decodePacked(uint32_t v) {
+    if (v < 0x100) return v;
+    if (v < 0x10000) return (v >> 8 & 0x1F) << 6 | (v & 0x3F);
+    if (v < 0x1000000) return (v >> 16 & 0x0F) << 12 | (v >> 8 & 0x3F) << 6 | (v & 0x3F);
+    return (v >> 24 & 0x07) << 18 | (v >> 16 & 0x3F) << 12 | (v >> 8 & 0x3F) << 6 | (v & 0x3F);
+}
+
 inline uint32_t packBytes(const unsigned char* p, size_t n) {
     uint32_t v = 0;
     for (size_t i = 0; i < n; ++i) v = v << 8 | p[i];
     return v;
 }
 
-const utf8_flag_range* findFlagRange(uint32_t utf8bytes) {
+// A malformed value may land in the wrong block, but it lies in no range at
+// all, so whatever slice is searched finds nothing.
+// `cp` is the value decoded.
+inline const utf8_flag_range* findFlagRange(uint32_t utf8bytes, uint32_t cp) {
+    const utf8_flag_range* begin = utf8_flag_ranges;
     const utf8_flag_range* end = utf8_flag_ranges + utf8_flag_ranges_count;
-    const utf8_flag_range* hit =
-        std::upper_bound(utf8_flag_ranges, end, utf8bytes,
-                         [](uint32_t v, const utf8_flag_range& r) { return v < r.first; });
-    if (hit == utf8_flag_ranges) return nullptr;
-    --hit;
-    return utf8bytes < hit->end ? hit : nullptr;
+    if (cp < utf8_flag_block_index_limit) {
+        const uint32_t block = cp >> 6;
+        begin = utf8_flag_ranges + utf8_flag_block_index[block];
+        end = std::min(end, utf8_flag_ranges + utf8_flag_block_index[block + 1] + 1);
+    }
+    // The last range that starts at or below the value, without branches to
+    // mispredict on the short slices of cased scripts.
+    size_t length = static_cast<size_t>(end - begin);
+    if (length == 0) return nullptr;
+    const utf8_flag_range* at = begin;
+    while (length > 1) {
+        const size_t half = length / 2;
+        at = at[half].first <= utf8bytes ? at + half : at;
+        length -= half;
+    }
+    return at->first <= utf8bytes && utf8bytes < at->end ? at : nullptr;
 }
 
 uint32_t caseFormFromFlags(uint32_t utf8bytes, uint32_t flags, bool toUpper) {
@@ -61,6 +82,23 @@ uint32_t caseFormFromFlags(uint32_t utf8bytes, uint32_t flags, bool toUpper) {
         default:
             return utf8bytes;
     }
+}
+
+// The case form of a packed value from 0xC280 up. Blocks without case, the
+// common answer for most scripts, are ruled out before any search.
+inline uint32_t multibyteCaseForm(uint32_t utf8bytes, bool toUpper) {
+    const uint32_t cp = decodePacked(utf8bytes);
+    if (cp < utf8_flag_block_index_limit &&
+        !(utf8_case_block_bits[cp >> 12] >> (cp >> 6 & 63) & 1)) {
+        return utf8bytes;
+    }
+    const uint32_t letter = u1d5_and_u1d6_workaround(utf8bytes);
+    if (letter != utf8bytes) {
+        // 0xC795 ^ 3 is 0xC796.
+        return (letter == 'U') == toUpper ? utf8bytes : utf8bytes ^ 3;
+    }
+    const utf8_flag_range* range = findFlagRange(utf8bytes, cp);
+    return range ? caseFormFromFlags(utf8bytes, range->flags, toUpper) : utf8bytes;
 }
 
 uint32_t flagsOfCodepoint(uint32_t codepoint) {
@@ -123,27 +161,46 @@ void mapCase(const char* src, size_t n, Str* out, bool toUpper) {
     char* limit = base + out->size();
     size_t i = 0;
     while (i < n) {
-        if (n - i >= 16) {
-            const __m128i v = bytescan::load16(src + i);
-            const unsigned nonAscii = static_cast<unsigned>(_mm_movemask_epi8(v));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d), asciiCaseBlock(v, toUpper));
-            const size_t ascii = nonAscii ? static_cast<size_t>(__builtin_ctz(nonAscii)) : 16;
-            d += ascii;
-            i += ascii;
-            if (ascii == 16) continue;
-        } else if (ubyte(src[i]) < 0x80) {
-            const uint32_t c = ubyte(src[i++]);
-            *d++ = static_cast<char>(toUpper ? asciiUpper(c) : asciiLower(c));
+        if (ubyte(src[i]) < 0x80) {
+            // An ASCII run, 16 bytes at a time up to its first byte from 0x80 up.
+            while (n - i >= 16) {
+                const __m128i v = bytescan::load16(src + i);
+                const unsigned nonAscii = static_cast<unsigned>(_mm_movemask_epi8(v));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(d), asciiCaseBlock(v, toUpper));
+                const size_t ascii = nonAscii ? static_cast<size_t>(__builtin_ctz(nonAscii)) : 16;
+                d += ascii;
+                i += ascii;
+                if (ascii < 16) break;
+            }
+            while (i < n && ubyte(src[i]) < 0x80) {
+                const uint32_t c = ubyte(src[i++]);
+                *d++ = static_cast<char>(toUpper ? asciiUpper(c) : asciiLower(c));
+            }
             continue;
         }
+        // Three-byte characters whose lead byte names a 4096-code-point stretch
+        // without case (all of CJK) are copied as they stand.
+        const unsigned char* u = reinterpret_cast<const unsigned char*>(src);
+        while (n - i >= 4 && (u[i] & 0xF0) == 0xE0 && utf8_case_block_bits[u[i] & 0x0F] == 0 &&
+               isContinuation(u[i + 1]) && isContinuation(u[i + 2]) && !isContinuation(u[i + 3])) {
+            memcpy(d, src + i, 4);
+            d += 3;
+            i += 3;
+        }
+        if (i == n || u[i] < 0x80) continue;
         // A byte from 0x80 up with the continuation bytes after it, at most a word.
         size_t k = 1;
         while (k < 4 && i + k < n && isContinuation(ubyte(src[i + k]))) ++k;
         const uint32_t packed = packBytes(reinterpret_cast<const unsigned char*>(src + i), k);
         const uint32_t mapped =
-            packed >= UTF8BYTES_MIN_MULTIBYTE ? replacement_for_utf8bytes(packed, toUpper) : packed;
+            packed >= UTF8BYTES_MIN_MULTIBYTE ? multibyteCaseForm(packed, toUpper) : packed;
         if (mapped == packed) {
-            memcpy(d, src + i, k);
+            // The output margin takes a whole word; the input may end sooner.
+            if (n - i >= 4) {
+                memcpy(d, src + i, 4);
+            } else {
+                memcpy(d, src + i, k);
+            }
             d += k;
             i += k;
             continue;
@@ -196,12 +253,7 @@ uint32_t codepoint_to_utf8bytes(uint32_t cp) {
            (0x80 | (cp >> 6 & 0x3F)) << 8 | (0x80 | (cp & 0x3F));
 }
 
-uint32_t utf8bytes_to_codepoint(uint32_t v) {
-    if (v < 0x100) return v;
-    if (v < 0x10000) return (v >> 8 & 0x1F) << 6 | (v & 0x3F);
-    if (v < 0x1000000) return (v >> 16 & 0x0F) << 12 | (v >> 8 & 0x3F) << 6 | (v & 0x3F);
-    return (v >> 24 & 0x07) << 18 | (v >> 16 & 0x3F) << 12 | (v >> 8 & 0x3F) << 6 | (v & 0x3F);
-}
+uint32_t utf8bytes_to_codepoint(uint32_t utf8bytes) { return decodePacked(utf8bytes); }
 
 size_t utf8bytes_store(uint32_t utf8bytes, char* out) {
     const size_t n = utf8bytes_length(utf8bytes);
@@ -211,7 +263,7 @@ size_t utf8bytes_store(uint32_t utf8bytes, char* out) {
 
 uint32_t flags_from_utf8bytes(uint32_t utf8bytes) {
     ASSERT(utf8bytes >= 0xC280);
-    const utf8_flag_range* range = findFlagRange(utf8bytes);
+    const utf8_flag_range* range = findFlagRange(utf8bytes, decodePacked(utf8bytes));
     return range ? range->flags : 0;
 }
 
@@ -224,13 +276,7 @@ uint32_t u1d5_and_u1d6_workaround(uint32_t utf8bytes) {
 uint32_t replacement_for_utf8bytes(uint32_t utf8bytes, bool toUpper) {
     if (utf8bytes < 0x80) return toUpper ? asciiUpper(utf8bytes) : asciiLower(utf8bytes);
     if (utf8bytes < UTF8BYTES_MIN_MULTIBYTE) return utf8bytes;
-    const uint32_t letter = u1d5_and_u1d6_workaround(utf8bytes);
-    if (letter != utf8bytes) {
-        // 0xC795 ^ 3 is 0xC796.
-        return (letter == 'U') == toUpper ? utf8bytes : utf8bytes ^ 3;
-    }
-    const utf8_flag_range* range = findFlagRange(utf8bytes);
-    return range ? caseFormFromFlags(utf8bytes, range->flags, toUpper) : utf8bytes;
+    return multibyteCaseForm(utf8bytes, toUpper);
 }
 
 // ---------------------------------------------------------------- UnicodeCodepoint

@@ -8,8 +8,9 @@
 // one character in a 32-bit word with the first byte highest (U+00E9 is
 // 0xC3A9), so that string functions work on the bytes as they stand; a case
 // pair is stored as the XOR of the two packed values. Packed values keep the
-// order of code points, and those of one encoded length never reach into
-// those of another, so that a lookup of a malformed value finds nothing.
+// order of code points, and the table's ranges never reach from one encoded
+// length into another, so that a lookup of a lead byte with the continuation
+// bytes after it finds nothing when they are no well-formed character.
 
 #include <array>
 #include <cstddef>
@@ -60,6 +61,13 @@ struct utf8_combiner {
 extern const char unicode_tables_version[];
 extern const utf8_flag_range utf8_flag_ranges[];
 extern const size_t utf8_flag_ranges_count;
+// For code points below the limit: block cp >> 6 has its ranges among
+// [index[block], index[block + 1]], so that a lookup searches a few entries.
+extern const uint16_t utf8_flag_block_index[];
+extern const uint32_t utf8_flag_block_index_limit;
+// Below that limit, bit (cp >> 6) set when the block of cp holds a character
+// that has another case.
+extern const uint64_t utf8_case_block_bits[];
 extern const utf8_combiner_mark utf8_combiner_marks[];  // by packed value, bit i at i
 extern const size_t utf8_combiner_marks_count;
 extern const utf8_combiner utf8_combiners[];  // by base, then mark set
@@ -79,7 +87,8 @@ inline size_t utf8bytes_length(uint32_t utf8bytes) {
 // Writes the bytes of a packed value; returns how many.
 size_t utf8bytes_store(uint32_t utf8bytes, char* out);
 
-// The flags of a multi-byte character; 0 when the value is no character.
+// The flags of a multi-byte character; 0 for a value of continuation bytes
+// after a byte from 0x80 up that is no character.
 uint32_t flags_from_utf8bytes(uint32_t utf8bytes);
 // The upper- or lower-case form of a packed character (possibly ASCII, as
 // for U+212A KELVIN SIGN), or the value itself when it has none.

@@ -543,6 +543,31 @@ TEST(PackedUtf8, RoundTripsEveryCodePoint) {
     EXPECT_EQ(codepoint_to_utf8bytes(0x110000), 0u);
 }
 
+// Any byte from 0x80 up with the continuation bytes that follow it may be
+// looked up: when they are no well-formed character (over-long, a surrogate,
+// too many or too few for the lead) there are no flags and no case form.
+TEST(PackedUtf8, MalformedValuesFindNothing) {
+    std::mt19937 rng(12);
+    size_t found = 0;
+    for (int i = 0; i < 2000000; ++i) {
+        const size_t n = 2 + rng() % 3;
+        char bytes[4] = {static_cast<char>(0x80 + rng() % 0x80)};
+        uint32_t v = static_cast<unsigned char>(bytes[0]);
+        for (size_t k = 1; k < n; ++k) {
+            bytes[k] = static_cast<char>(0x80 + rng() % 0x40);
+            v = v << 8 | static_cast<unsigned char>(bytes[k]);
+        }
+        if (v < UTF8BYTES_MIN_MULTIBYTE) continue;
+        const bool wellFormed = mem_is_valid_utf8(bytes, n);
+        const uint32_t flags = flags_from_utf8bytes(v);
+        found += flags != 0;
+        ASSERT_TRUE(wellFormed || flags == 0) << std::hex << v;
+        ASSERT_TRUE(wellFormed || replacement_for_utf8bytes(v, false) == v) << std::hex << v;
+        ASSERT_TRUE(wellFormed || replacement_for_utf8bytes(v, true) == v) << std::hex << v;
+    }
+    EXPECT_GT(found, 10000u);
+}
+
 TEST(MemDisplayWidth, SumsColumnsAndCountsBadBytesOnce) {
     auto width = [](const std::string& s) { return mem_display_width(s.data(), s.size()); };
     EXPECT_EQ(width(""), 0u);
