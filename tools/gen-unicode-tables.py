@@ -4,9 +4,9 @@
     tools/gen-unicode-tables.py [--ucd DIR] [--output FILE]
 
 The input is Debian's `unicode-data` package (/usr/share/unicode). The version is
-pinned: the run fails unless every file says it is UNICODE_VERSION, so that a
-regenerated file never changes behind a reviewer's back. The build never runs this;
-the output is committed.
+pinned: the run fails unless every file that names its version names
+UNICODE_VERSION, so that a regenerated file never changes behind a reviewer's
+back. The build never runs this; the output is committed.
 
 Characters are looked up by their packed UTF-8 bytes (the bytes of one character
 in a 32-bit word, the first byte highest: U+00E9 is 0xC3A9), so every table key
@@ -19,9 +19,10 @@ Flags word of a character from U+0080 on (ASCII is left to the C locale):
                            12 (upper) and 13 (lower):
              0x20000000    upper case: has a simple lower-case mapping, and the
                            low 24 bits XOR the packed value into that form; or
-                           is Uppercase or a titlecase letter without one (XOR 0).
-             0x40000000    lower case: has a simple upper-case mapping (low 24
-                           bits as above), or is Lowercase without one (XOR 0).
+                           has no mapping and is Uppercase or titlecase (XOR 0).
+             0x40000000    lower case: otherwise has a simple upper-case mapping
+                           (low 24 bits as above), or has no mapping and is
+                           Lowercase (XOR 0).
              0x60000000    alternating range: an even code point is the upper
                            case of the odd one after it (low 24 bits unused).
                            Used wherever it gives exactly the answers above.
