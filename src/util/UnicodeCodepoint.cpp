@@ -46,9 +46,8 @@ inline uint32_t packBytes(const unsigned char* p, size_t n) {
     return v;
 }
 
-// A malformed value may land in the wrong block, but it lies in no range at
-// all, so whatever slice is searched finds nothing.
-// `cp` is the value decoded.
+// `cp` is the value decoded. A malformed value may land in the wrong block,
+// but it lies in no range at all, so whatever slice is searched finds nothing.
 inline const utf8_flag_range* findFlagRange(uint32_t utf8bytes, uint32_t cp) {
     const utf8_flag_range* begin = utf8_flag_ranges;
     const utf8_flag_range* end = utf8_flag_ranges + utf8_flag_ranges_count;
