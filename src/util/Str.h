@@ -114,8 +114,12 @@ bool mem_equals_cstring(const char* a, size_t alen, const char* z);
 // Strips one pair of double quotes, then one pair of single quotes, from the
 // data, and compares the rest exactly.
 bool mem_equalsIgnoreQuotes(const char* data, size_t length, const char* z);
-// Caseless over Unicode; defined with the character tables.
+// Caseless over Unicode, by the simple lower-case mappings: -1, 0 or 1 as for
+// the texts lower-cased, compared by code point. A byte that starts no valid
+// sequence compares as itself, above ASCII and below every multi-byte
+// character. Defined with the character tables.
 int mem_compare_caseless(const char* a, size_t alen, const char* b, size_t blen);
+int mem_compare_caseless(const char* a, size_t alen, const char* z);
 
 // Copies the bytes from `offset` on, at most `count`, and returns how many.
 size_t mem_copy_piece(const char* data, size_t length, char* dest, size_t count, size_t offset);
@@ -176,7 +180,9 @@ size_t mem_count_utf8_codepoints(const char* data, size_t length);
 // data ends before `start`.
 bool mem_substr_utf8_codepoints(const char* data, size_t length, size_t start, size_t count,
                                 size_t* startByte, size_t* endByte);
-// Display columns; defined with the character tables.
+// Display columns: the sum of codepoint_width over the code points, a byte
+// that starts no valid sequence counting one. Defined with the character
+// tables.
 size_t mem_display_width(const char* data, size_t length);
 
 // Zero-terminated copies: by malloc (null on exhaustion), by new[] (raises).
@@ -434,11 +440,18 @@ public:
     size_t replaceAll(const Regex& re, const RegexReplacementPattern& replacement);
     size_t eraseAll(const Regex& re);
 
-    // Case over all of Unicode, with an ASCII fast path.
+    // Case over all of Unicode by the simple case mappings, with an ASCII fast
+    // path. Bytes that are not valid UTF-8 are copied as they stand.
     Str& toLowercase();
     Str& toUppercase();
     Str asLowercase() const;
     Str asUppercase() const;
+    // `out` receives the mapped text; it may be `in` itself.
+    static void str_tolower(const Str& in, Str* out);
+    static void str_toupper(const Str& in, Str* out);
+    // Replaces each base character followed by combining marks with the one
+    // composed character they make, where there is one; otherwise, and for
+    // pure ASCII, the text stays as it is. The marks count as a set.
     Str& resolveUnicodeCombiningMarks();
 
     Str trim(const CharacterClass& cls = StrlikeTraits::default_trimchars, bool left = true,

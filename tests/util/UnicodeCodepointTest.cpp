@@ -1,0 +1,582 @@
+// Classes, case, caseless order and composition, checked for every code point
+// against the Unicode Character Database files read here; the UTF-8 walkers
+// against python3's decoder.
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+#include "support/UcdFiles.h"
+#include "util/UnicodeCodepoint.h"
+
+namespace {
+
+const ucd::Database& db() { return ucd::database(); }
+
+std::string utf8(uint32_t cp) {
+    utf8_character_buffer b(cp);
+    return std::string(b.data(), b.size());
+}
+
+bool isSurrogate(uint32_t cp) { return cp >= 0xD800 && cp <= 0xDFFF; }
+
+std::string hexOf(uint32_t v) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "U+%04X", v);
+    return buf;
+}
+
+// The upper-case form the tables promise: a titlecase letter maps down only.
+uint32_t upperForm(uint32_t c) { return db().lowerOf(c) != c ? c : db().upperOf(c); }
+
+// Mismatches over a large loop, reported once with the first few.
+struct Mismatches {
+    size_t count = 0;
+    std::string first;
+    void add(uint32_t cp, const char* what) {
+        if (count++ < 8) first += " " + hexOf(cp) + ":" + what;
+    }
+};
+
+// Runs a python3 script over inputs written one per line in hex (sys.argv[1])
+// and returns its output lines.
+std::vector<std::string> pythonLines(const char* script, const std::vector<std::string>& inputs) {
+    testsupport::ScratchDir dir;
+    std::string text;
+    for (const std::string& s : inputs) {
+        static const char digits[] = "0123456789abcdef";
+        for (unsigned char c : s) {
+            text.push_back(digits[c >> 4]);
+            text.push_back(digits[c & 15]);
+        }
+        text.push_back('\n');
+    }
+    testsupport::writeFile(dir / "inputs.hex", text);
+    auto r = testsupport::runProcess({"/usr/bin/env", "python3", "-c", script, dir / "inputs.hex"});
+    std::vector<std::string> lines;
+    std::istringstream out(r.out);
+    for (std::string line; std::getline(out, line);) lines.push_back(line);
+    return lines;
+}
+
+// ---------------------------------------------------------------- classes
+
+TEST(UnicodeTables, AreOfTheInstalledDatabaseVersion) {
+    EXPECT_EQ(db().version, unicode_tables_version)
+        << "the installed database changed: run tools/gen-unicode-tables.py";
+}
+
+TEST(UnicodeCodepoint, AsciiIsClassedAndCasedAsTheCLocale) {
+    for (uint32_t c = 0; c < 128; ++c) {
+        const UnicodeCodepoint cp(c);
+        const int i = static_cast<int>(c);
+        EXPECT_EQ(cp.isAlnum(), isalnum(i) != 0) << c;
+        EXPECT_EQ(cp.isAlpha(), isalpha(i) != 0) << c;
+        EXPECT_EQ(cp.isCntrl(), iscntrl(i) != 0) << c;
+        EXPECT_EQ(cp.isGraph(), isgraph(i) != 0) << c;
+        EXPECT_EQ(cp.isPrint(), isprint(i) != 0) << c;
+        EXPECT_EQ(cp.isPunct(), ispunct(i) != 0) << c;
+        EXPECT_EQ(cp.isSpace(), isspace(i) != 0) << c;
+        EXPECT_EQ(cp.isLower(), islower(i) != 0) << c;
+        EXPECT_EQ(cp.isUpper(), isupper(i) != 0) << c;
+        EXPECT_EQ(cp.toLowercase().value(), static_cast<uint32_t>(tolower(i))) << c;
+        EXPECT_EQ(cp.toUppercase().value(), static_cast<uint32_t>(toupper(i))) << c;
+    }
+}
+
+// The flags mean: alphabetic = Alphabetic; digit = Nd; space = White_Space;
+// control = Cc; printable = L, M, N, P, S or Zs; punctuation = printable and
+// none of space, alphabetic, digit; graphic = alphabetic, digit or punctuation.
+TEST(UnicodeCodepoint, EveryCodePointIsClassedAsTheDatabaseSays) {
+    Mismatches bad;
+    for (uint32_t c = 0x80; c < ucd::kCodepoints; ++c) {
+        const char m = db().major(c);
+        const bool alpha = db().has(c, ucd::kAlphabetic);
+        const bool digit = db().is(c, "Nd");
+        const bool space = db().has(c, ucd::kWhiteSpace);
+        const bool print =
+            m == 'L' || m == 'M' || m == 'N' || m == 'P' || m == 'S' || db().is(c, "Zs");
+        const bool punct = print && !space && !alpha && !digit;
+        const UnicodeCodepoint cp(c);
+        if (cp.isAlpha() != alpha) bad.add(c, "alpha");
+        if (cp.isAlnum() != (alpha || digit)) bad.add(c, "alnum");
+        if (cp.isSpace() != space) bad.add(c, "space");
+        if (cp.isCntrl() != db().is(c, "Cc")) bad.add(c, "cntrl");
+        if (cp.isPrint() != print) bad.add(c, "print");
+        if (cp.isPunct() != punct) bad.add(c, "punct");
+        if (cp.isGraph() != (alpha || digit || punct)) bad.add(c, "graph");
+    }
+    EXPECT_EQ(bad.count, 0u) << bad.first;
+    EXPECT_FALSE(UnicodeCodepoint(0x110000).isPrint());
+    EXPECT_FALSE(UnicodeCodepoint(0xFFFFFFFF).isAlpha());
+}
+
+// Upper case: a simple lower-case mapping, or Uppercase or titlecase without
+// any mapping; lower case: otherwise a simple upper-case mapping, or
+// Lowercase. A titlecase letter maps down only.
+TEST(UnicodeCodepoint, EveryCodePointIsCasedByTheSimpleMappings) {
+    Mismatches bad;
+    size_t titlecase = 0;
+    for (uint32_t c = 0x80; c < ucd::kCodepoints; ++c) {
+        const uint32_t lower = db().lowerOf(c);
+        const uint32_t upper = db().upperOf(c);
+        const bool mapped = lower != c || upper != c;
+        const bool isUpper =
+            lower != c || (!mapped && (db().has(c, ucd::kUppercase) || db().is(c, "Lt")));
+        const bool isLower = !isUpper && (upper != c || db().has(c, ucd::kLowercase));
+        titlecase += lower != c && upper != c;
+        const UnicodeCodepoint cp(c);
+        if (cp.isUpper() != isUpper) bad.add(c, "isUpper");
+        if (cp.isLower() != isLower) bad.add(c, "isLower");
+        if (cp.toLowercase().value() != lower) bad.add(c, "toLowercase");
+        if (cp.toUppercase().value() != upperForm(c)) bad.add(c, "toUppercase");
+    }
+    EXPECT_EQ(bad.count, 0u) << bad.first;
+    EXPECT_GT(titlecase, 0u) << "the titlecase rule was exercised";
+    EXPECT_EQ(UnicodeCodepoint(0x110041).toLowercase().value(), 0x110041u);
+}
+
+// ---------------------------------------------------------------- case of texts
+
+// Every code point from U+0080 on, in one text.
+std::string allOfUnicode(uint32_t (*map)(uint32_t)) {
+    std::string s;
+    for (uint32_t c = 0x80; c < ucd::kCodepoints; ++c) {
+        if (!isSurrogate(c)) s += utf8(map(c));
+    }
+    return s;
+}
+
+TEST(UnicodeCase, TextsOfAllOfUnicodeMapAsTheirCharacters) {
+    const Str text(allOfUnicode([](uint32_t c) { return c; }));
+    const std::string lower = allOfUnicode([](uint32_t c) { return db().lowerOf(c); });
+    const std::string upper = allOfUnicode(upperForm);
+    Str out("old contents");
+    Str::str_tolower(text, &out);
+    EXPECT_TRUE(out == lower);
+    Str::str_toupper(text, &out);
+    EXPECT_TRUE(out == upper);
+    EXPECT_TRUE(text.asLowercase() == lower);
+    EXPECT_TRUE(text.asUppercase() == upper);
+    Str inPlace = text;
+    EXPECT_TRUE(inPlace.toUppercase() == upper);
+    Str::str_tolower(inPlace, &inPlace);  // one object on both sides
+    EXPECT_TRUE(inPlace == allOfUnicode([](uint32_t c) { return db().lowerOf(upperForm(c)); }));
+}
+
+// Characters whose other case is longer in UTF-8 make the output outgrow the
+// input; many of them in a row, behind ASCII, grow it again and again.
+TEST(UnicodeCase, OutputGrowsPastTheInputLength) {
+    for (bool toUpper : {false, true}) {
+        std::string text, expected;
+        for (uint32_t c = 0x80; c < 0x800; ++c) {
+            const uint32_t mapped = toUpper ? upperForm(c) : db().lowerOf(c);
+            if (utf8(mapped).size() <= utf8(c).size()) continue;
+            for (int i = 0; i < 500; ++i) {
+                text += "Ab" + utf8(c);
+                expected += (toUpper ? "AB" : "ab") + utf8(mapped);
+            }
+        }
+        ASSERT_FALSE(text.empty());
+        Str out;
+        (toUpper ? Str::str_toupper : Str::str_tolower)(Str(text), &out);
+        EXPECT_TRUE(out == expected) << "toUpper " << toUpper;
+        Str inPlace(text);
+        EXPECT_TRUE((toUpper ? inPlace.toUppercase() : inPlace.toLowercase()) == expected);
+    }
+}
+
+TEST(UnicodeCase, BytesThatAreNotUtf8AreCopiedThrough) {
+    // A lead byte packs every continuation byte after it, up to a word; what
+    // is no character then stays as it is.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"A\xFF"
+         "B",
+         "a\xFF"
+         "b"},
+        {"\xC3", "\xC3"},
+        {"\xC3\x89", "\xC3\xA9"},          // the valid neighbour maps
+        {"\xC3\x89\x80", "\xC3\x89\x80"},  // E-acute with a stray byte: not a character
+        {"\xC3"
+         "E",
+         "\xC3"
+         "e"},                                     // truncated, then ASCII
+        {"\xC1\x81", "\xC1\x81"},                  // over-long "A"
+        {"\xE0\x81\x81", "\xE0\x81\x81"},          // over-long "A"
+        {"\xED\xA0\x80", "\xED\xA0\x80"},          // surrogate
+        {"\xF4\x90\x80\x80", "\xF4\x90\x80\x80"},  // above U+10FFFF
+        {"\x80\x80\x80\x80\x80Q", "\x80\x80\x80\x80\x80q"},
+        {"\xC3\x89\x80\x80\x80\x80\xC3\x89", "\xC3\x89\x80\x80\x80\x80\xC3\xA9"},
+    };
+    for (const auto& [in, expected] : cases) {
+        Str out;
+        Str::str_tolower(Str(in), &out);
+        EXPECT_EQ(out, expected) << testing::PrintToString(in);
+        Str in16(std::string(20, 'X') + in);  // through the 16-byte path
+        EXPECT_EQ(in16.toLowercase(), std::string(20, 'x') + expected);
+    }
+}
+
+TEST(UnicodeCase, LowerCaseContainerParsesLowered) {
+    LStrContainer s;
+    s.assign("keep");
+    EXPECT_FALSE(mem_parse_into(nullptr, 0, &s));
+    EXPECT_EQ(s, "keep");
+    const std::string text =
+        "\xC3\x80"
+        "Bc\xE2\x84\xAA";  // A-grave, B, c, KELVIN SIGN
+    EXPECT_TRUE(mem_parse_into(text.data(), text.size(), &s));
+    EXPECT_EQ(s,
+              "\xC3\xA0"
+              "bck");
+    EXPECT_TRUE(mem_parse_into(s.data(), 2, &s)) << "from its own bytes";
+    EXPECT_EQ(s, "\xC3\xA0");
+}
+
+// ---------------------------------------------------------------- caseless order
+
+TEST(MemCompareCaseless, EdgesOfLengthAndBytes) {
+    auto cmp = [](const std::string& a, const std::string& b) {
+        return mem_compare_caseless(a.data(), a.size(), b.data(), b.size());
+    };
+    EXPECT_EQ(cmp("", ""), 0);
+    EXPECT_EQ(cmp("HeLLo", "hello"), 0);
+    EXPECT_EQ(cmp("abc", "ABCD"), -1) << "a longer right side";
+    EXPECT_EQ(cmp("ABCD", "abc"), 1) << "a longer left side";
+    EXPECT_EQ(cmp("a", ""), 1);
+    EXPECT_EQ(cmp("[", "A"), -1) << "folded, 'A' is 'a', above '['";
+    EXPECT_EQ(cmp("\xC3\x89T\xC3\x89", "\xC3\xA9t\xC3\xA9"), 0);
+    EXPECT_EQ(cmp("\xE2\x84\xAA", "K"), 0) << "KELVIN SIGN folds to ASCII";
+    EXPECT_EQ(cmp("\xC7\x85", "\xC7\x84"), 0) << "titlecase and upper case fold alike";
+    EXPECT_EQ(cmp("\xC7\x95", "\xC7\x96"), 0);
+    EXPECT_NE(cmp("caf\xE9", "caf\xC3\xA9"), 0) << "a Latin-1 byte is no e-acute";
+    EXPECT_EQ(cmp("\xE9", "\xE9"), 0);
+    EXPECT_EQ(cmp("\x80", "z"), 1) << "an invalid byte sorts above ASCII";
+    EXPECT_EQ(cmp("\xFF", "\xC2\x80"), -1) << "and below every multi-byte character";
+    EXPECT_EQ(cmp("\xE2\x82", "\xE2\x82\xAC"), -1) << "a truncated sequence is its bytes";
+    EXPECT_EQ(cmp("\xC0\x80", "\xC0\x81"), -1) << "over-long forms are bytes";
+    EXPECT_EQ(mem_compare_caseless("ABC", 3, "abc"), 0);
+    EXPECT_EQ(mem_compare_caseless("AB", 2, "abc"), -1);
+    EXPECT_EQ(mem_compare_caseless("ABC\xC3\x89", 5, "abc\xC3\xA8"), 1);
+}
+
+// For valid text the order is the byte order of the texts lower-cased by the
+// database's simple mappings.
+TEST(MemCompareCaseless, OrdersAsTheLowerCasedTexts) {
+    std::vector<uint32_t> pool = {'a', 'B', 'z', '0', '_', 0xE9, 0xC9, 0x2126, 0x3C9};
+    for (uint32_t c = 0x80; c < 0x20000 && pool.size() < 400; c += 37) {
+        if (db().lowerOf(c) != c || db().upperOf(c) != c) pool.push_back(c);
+    }
+    for (uint32_t c : {0x130u, 0x131u, 0x212Au, 0x1E9Eu, 0xDFu, 0x10400u, 0x1C5u}) {
+        pool.push_back(c);
+    }
+    std::mt19937 rng(3);
+    auto texts = [](const std::vector<uint32_t>& cps, std::string* text, std::string* lowered) {
+        for (uint32_t c : cps) {
+            *text += utf8(c);
+            *lowered += utf8(db().lowerOf(c));
+        }
+    };
+    int equal = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::vector<uint32_t> x(rng() % 5), y(rng() % 5);
+        for (uint32_t& c : x) c = pool[rng() % pool.size()];
+        for (uint32_t& c : y) c = pool[rng() % pool.size()];
+        if (rng() % 4 == 0) {  // often a case variant of the same text
+            y = x;
+            for (uint32_t& c : y) c = rng() % 2 ? upperForm(c) : db().lowerOf(c);
+        }
+        std::string a, b, la, lb;
+        texts(x, &a, &la);
+        texts(y, &b, &lb);
+        const int expect = la < lb ? -1 : la > lb ? 1 : 0;
+        ASSERT_EQ(mem_compare_caseless(a.data(), a.size(), b.data(), b.size()), expect)
+            << testing::PrintToString(a) << " vs " << testing::PrintToString(b);
+        ASSERT_EQ(mem_compare_caseless(b.data(), b.size(), a.data(), a.size()), -expect);
+        equal += expect == 0;
+    }
+    EXPECT_GT(equal, 1000);
+}
+
+// ---------------------------------------------------------------- combining marks
+
+bool isComposing(uint32_t cp) { return !db().has(cp, ucd::kCompositionExclusion); }
+
+// The second characters of the two-character canonical decompositions of
+// composing characters.
+std::vector<uint32_t> expectedMarks() {
+    std::vector<uint32_t> marks;
+    for (const auto& [cp, parts] : db().decomposition) {
+        if (parts.size() == 2 && isComposing(cp)) marks.push_back(parts[1]);
+    }
+    std::sort(marks.begin(), marks.end());
+    marks.erase(std::unique(marks.begin(), marks.end()), marks.end());
+    return marks;
+}
+
+TEST(CombiningMarks, TableHoldsTheMarksOfCanonicalDecompositions) {
+    const std::vector<uint32_t> marks = expectedMarks();
+    ASSERT_EQ(utf8_combiner_marks_count, marks.size());
+    ASSERT_LE(marks.size(), 64u);
+    for (size_t i = 0; i < marks.size(); ++i) {
+        EXPECT_EQ(utf8_combiner_marks[i].utf8bytes, codepoint_to_utf8bytes(marks[i])) << i;
+        EXPECT_EQ(utf8_combiner_marks[i].bit, uint64_t{1} << i) << hexOf(marks[i]);
+    }
+    EXPECT_EQ(utf8_combiner_marks[0].utf8bytes, 0xCC80u);
+    EXPECT_EQ(utf8_combiner_marks[52].utf8bytes, 0xE38299u);
+    EXPECT_EQ(utf8_combiner_marks[53].utf8bytes, 0xE3829Au);
+}
+
+// Each composing character from its base and mark, and from its starter and
+// all its marks, in one text with neighbours on both sides.
+TEST(CombiningMarks, ComposeWhatCanonicalDecompositionsSplit) {
+    const std::vector<uint32_t> marks = expectedMarks();
+    auto isMark = [&](uint32_t c) { return std::binary_search(marks.begin(), marks.end(), c); };
+    std::string pairs, pairsComposed, full, fullComposed;
+    size_t fullCount = 0;
+    for (const auto& [cp, parts] : db().decomposition) {
+        if (parts.size() != 2 || !isComposing(cp) || !isMark(parts[1])) continue;
+        pairs += "x" + utf8(parts[0]) + utf8(parts[1]) + "\xE2\x80\x94";
+        pairsComposed += "x" + utf8(cp) + "\xE2\x80\x94";
+        std::vector<uint32_t> d = db().fullDecomposition(cp);
+        std::vector<uint32_t> rest(d.begin() + 1, d.end());
+        std::sort(rest.begin(), rest.end());
+        if (isMark(d[0]) || db().combiningClass.at(d[0]) != 0 ||
+            !std::all_of(rest.begin(), rest.end(), isMark) ||
+            std::adjacent_find(rest.begin(), rest.end()) != rest.end()) {
+            continue;
+        }
+        // A mark set has no order: U with macron, then diaeresis, is taken as
+        // U+01D5's diaeresis, then macron.
+        const uint32_t composed = cp == 0x1E7A ? 0x1D5 : cp == 0x1E7B ? 0x1D6 : cp;
+        full += " ";
+        fullComposed += " " + utf8(composed);
+        for (uint32_t c : d) full += utf8(c);
+        ++fullCount;
+    }
+    EXPECT_GT(fullCount, 900u);
+    Str s(pairs);
+    EXPECT_TRUE(s.resolveUnicodeCombiningMarks() == pairsComposed);
+    Str f(full);
+    EXPECT_TRUE(f.resolveUnicodeCombiningMarks() == fullComposed);
+}
+
+TEST(CombiningMarks, EdgesOfComposition) {
+    auto resolved = [](const std::string& s) { return Str(s).resolveUnicodeCombiningMarks(); };
+    EXPECT_EQ(resolved("e\xCC\x81"), "\xC3\xA9");
+    EXPECT_EQ(resolved("\xC3\xA2\xCC\x81"), "\xE1\xBA\xA5") << "a composed base takes more";
+    EXPECT_EQ(resolved("a\xCC\x81\xCC\x82"), "\xE1\xBA\xA5") << "marks count as a set";
+    EXPECT_EQ(resolved("U\xCC\x84\xCC\x88"), "\xC7\x95");
+    EXPECT_EQ(resolved("u\xCC\x88\xCC\x84"), "\xC7\x96");
+    EXPECT_EQ(resolved("\xC5\xAA\xCC\x88"), "\xE1\xB9\xBA") << "U-macron, diaeresis: U+1E7A";
+    EXPECT_EQ(resolved("\xE3\x81\x8B\xE3\x82\x99"), "\xE3\x81\x8C") << "ka + voicing";
+    for (const char* same : {
+             "plain ASCII",
+             "\xCC\x81"
+             "e",                     // a mark with no base
+             "e\xCC\x81\xCC\x81",     // a mark twice
+             "q\xCC\x81",             // no such character
+             "e\xFF\xCC\x81",         // an invalid byte between
+             "e\xCD\x85\xCC\x81x",    // a set with no character
+             "\xEA\xB0\x80\xCC\x81",  // Hangul is left alone
+             "e\xCC",                 // a truncated mark
+         }) {
+        EXPECT_EQ(resolved(same), same) << testing::PrintToString(same);
+    }
+    Str ascii("Hello, world, long enough to be on the heap");
+    const char* before = ascii.data();
+    ascii.resolveUnicodeCombiningMarks();
+    EXPECT_EQ(ascii.data(), before);
+}
+
+// ---------------------------------------------------------------- UTF-8 walkers
+
+// The first character of each input by python3's decoder, which keeps
+// surrogates with "surrogatepass" and refuses over-long forms: "n cp" or "0".
+const char* kPythonFirstCharacter =
+    "import sys\n"
+    "for line in open(sys.argv[1]):\n"
+    "    b = bytes.fromhex(line.strip()); r = '0'\n"
+    "    for n in range(1, min(4, len(b)) + 1):\n"
+    "        try:\n"
+    "            s = b[:n].decode('utf-8', 'surrogatepass')\n"
+    "        except UnicodeDecodeError:\n"
+    "            continue\n"
+    "        r = '%d %d' % (n, ord(s[0])); break\n"
+    "    print(r)\n";
+
+TEST(RemoveFirstCodepoint, AgreesWithPythonOnEveryLeadAndSecondByte) {
+    std::vector<std::string> inputs = {""};
+    for (int b0 = 0; b0 < 0x100; ++b0) {
+        for (int b1 = 0; b1 < 0x100; ++b1) {
+            if (b0 < 0x80 && b1 > 0) continue;
+            for (const char* tail : {"\x80\x80", "\xBF\xBF", "A\x80",
+                                     "\x80"
+                                     "A",
+                                     "\x80", ""}) {
+                inputs.push_back(std::string{static_cast<char>(b0), static_cast<char>(b1)} + tail);
+            }
+        }
+        inputs.push_back(std::string(1, static_cast<char>(b0)));
+    }
+    const std::vector<std::string> verdicts = pythonLines(kPythonFirstCharacter, inputs);
+    ASSERT_EQ(verdicts.size(), inputs.size()) << "python3 must be installed";
+    size_t taken = 0;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        StrSegment seg(inputs[i]);
+        UnicodeCodepoint cp(0x12345);
+        const bool ok = seg.removeFirstCodepoint(&cp);
+        std::string got = "0";
+        if (ok)
+            got = std::to_string(inputs[i].size() - seg.size()) + " " + std::to_string(cp.value());
+        ASSERT_EQ(got, verdicts[i]) << testing::PrintToString(inputs[i]);
+        if (!ok) {
+            ASSERT_EQ(seg.data(), inputs[i].data());
+            ASSERT_EQ(seg.size(), inputs[i].size());
+            ASSERT_EQ(cp.value(), 0x12345u);
+        }
+        taken += ok;
+    }
+    EXPECT_GT(taken, 1000u);
+    EXPECT_LT(taken, inputs.size() / 2);
+}
+
+TEST(RemoveFirstCodepoint, EdgesNamedByTheRules) {
+    UnicodeCodepoint cp;
+    StrSegment overlong("\xC0\x80", 2);
+    EXPECT_FALSE(overlong.removeFirstCodepoint(&cp));
+    EXPECT_EQ(overlong.size(), 2u);
+    StrSegment surrogate("\xED\xA0\x80!");
+    EXPECT_TRUE(surrogate.removeFirstCodepoint(&cp)) << "three bytes exclude nothing";
+    EXPECT_EQ(cp.value(), 0xD800u);
+    EXPECT_EQ(surrogate, "!");
+    StrSegment empty;
+    EXPECT_FALSE(empty.removeFirstCodepoint(&cp));
+}
+
+// Python's decoder, dropping what is invalid, yields the same characters as
+// feeding the bytes one by one.
+TEST(AccumulateUtf8Byte, YieldsTheCharactersPythonDecodes) {
+    const std::vector<std::string> pieces = {"a",
+                                             "\xC3\xA9",
+                                             "\xE2\x82\xAC",
+                                             "\xF0\x9F\x98\x80",
+                                             "\x80",
+                                             "\xBF",
+                                             "\xC2",
+                                             "\xE2\x82",
+                                             "\xF0\x9F\x98",
+                                             "\xED\xA0\x80",
+                                             "\xE0\x9F\xBF",
+                                             "\xC0",
+                                             "\xC1\xBF",
+                                             "\xF4\x90\x80\x80",
+                                             "\xF5",
+                                             "\xFF",
+                                             "\xE0\xA0\x80",
+                                             "\xF4\x8F\xBF\xBF",
+                                             "\xF0\x8F\xBF\xBF"};
+    std::mt19937 rng(9);
+    std::vector<std::string> inputs;
+    for (int i = 0; i < 3000; ++i) {
+        std::string s;
+        for (int k = rng() % 8; k > 0; --k) s += pieces[rng() % pieces.size()];
+        inputs.push_back(s);
+    }
+    const std::vector<std::string> expected = pythonLines(
+        "import sys\n"
+        "for line in open(sys.argv[1]):\n"
+        "    s = bytes.fromhex(line.strip()).decode('utf-8', 'ignore')\n"
+        "    print(' '.join(str(ord(c)) for c in s))\n",
+        inputs);
+    ASSERT_EQ(expected.size(), inputs.size()) << "python3 must be installed";
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        UnicodeCodepoint acc;
+        std::string got;
+        for (unsigned char b : inputs[i]) {
+            if (acc._accumulateUtf8Byte(b))
+                got += (got.empty() ? "" : " ") + std::to_string(acc.value());
+        }
+        ASSERT_EQ(got, expected[i]) << testing::PrintToString(inputs[i]);
+    }
+}
+
+TEST(AccumulateUtf8Byte, RestartsAndRefusals) {
+    UnicodeCodepoint acc;
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0xE2));
+    EXPECT_EQ(acc.value(), 0xE2000000u) << "the lead byte stands on top";
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0x82));
+    EXPECT_EQ(acc.value(), 0xE2820000u);
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0xC3)) << "a lead restarts an open sequence";
+    EXPECT_TRUE(acc._accumulateUtf8Byte(0xA9));
+    EXPECT_EQ(acc.value(), 0xE9u);
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0x80)) << "a continuation without a lead";
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0xE2));
+    EXPECT_TRUE(acc._accumulateUtf8Byte('A')) << "ASCII restarts an open sequence";
+    EXPECT_EQ(acc.value(), 0x41u);
+    for (uint8_t b : {0xEDu, 0xA0u}) EXPECT_FALSE(acc._accumulateUtf8Byte(b));
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0x80)) << "a surrogate";
+    for (uint8_t b : {0xE0u, 0x9Fu}) EXPECT_FALSE(acc._accumulateUtf8Byte(b));
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0xBF)) << "three bytes below U+0800";
+    for (uint8_t b : {0xF4u, 0x90u, 0x80u}) EXPECT_FALSE(acc._accumulateUtf8Byte(b));
+    EXPECT_FALSE(acc._accumulateUtf8Byte(0x80)) << "above U+10FFFF";
+    for (uint8_t b : {0xF4u, 0x8Fu, 0xBFu}) EXPECT_FALSE(acc._accumulateUtf8Byte(b));
+    EXPECT_TRUE(acc._accumulateUtf8Byte(0xBF));
+    EXPECT_EQ(acc.value(), 0x10FFFFu);
+}
+
+TEST(PackedUtf8, RoundTripsEveryCodePoint) {
+    for (uint32_t c = 0; c < ucd::kCodepoints; ++c) {
+        const uint32_t packed = codepoint_to_utf8bytes(c);
+        const std::string bytes = utf8(c);
+        char stored[4];
+        ASSERT_EQ(utf8bytes_store(packed, stored), bytes.size()) << c;
+        ASSERT_EQ(std::string(stored, bytes.size()), bytes) << c;
+        ASSERT_EQ(utf8bytes_to_codepoint(packed), c);
+    }
+    EXPECT_EQ(codepoint_to_utf8bytes(0xE9), 0xC3A9u);
+    EXPECT_EQ(codepoint_to_utf8bytes(0x110000), 0u);
+}
+
+// Any byte from 0x80 up with the continuation bytes that follow it may be
+// looked up: when they are no well-formed character (over-long, a surrogate,
+// too many or too few for the lead) there are no flags and no case form.
+TEST(PackedUtf8, MalformedValuesFindNothing) {
+    std::mt19937 rng(12);
+    size_t found = 0;
+    for (int i = 0; i < 2000000; ++i) {
+        const size_t n = 2 + rng() % 3;
+        char bytes[4] = {static_cast<char>(0x80 + rng() % 0x80)};
+        uint32_t v = static_cast<unsigned char>(bytes[0]);
+        for (size_t k = 1; k < n; ++k) {
+            bytes[k] = static_cast<char>(0x80 + rng() % 0x40);
+            v = v << 8 | static_cast<unsigned char>(bytes[k]);
+        }
+        if (v < UTF8BYTES_MIN_MULTIBYTE) continue;
+        const bool wellFormed = mem_is_valid_utf8(bytes, n);
+        const uint32_t flags = flags_from_utf8bytes(v);
+        found += flags != 0;
+        ASSERT_TRUE(wellFormed || flags == 0) << std::hex << v;
+        ASSERT_TRUE(wellFormed || replacement_for_utf8bytes(v, false) == v) << std::hex << v;
+        ASSERT_TRUE(wellFormed || replacement_for_utf8bytes(v, true) == v) << std::hex << v;
+    }
+    EXPECT_GT(found, 10000u);
+}
+
+TEST(MemDisplayWidth, SumsColumnsAndCountsBadBytesOnce) {
+    auto width = [](const std::string& s) { return mem_display_width(s.data(), s.size()); };
+    EXPECT_EQ(width(""), 0u);
+    EXPECT_EQ(width("ab\x01\x7F"), 3u) << "C0 controls take none, DEL one";
+    EXPECT_EQ(width("e\xCC\x81"), 1u) << "a combining mark takes none";
+    EXPECT_EQ(width("\xE6\x97\xA5\xE6\x9C\xAC"), 4u) << "two wide ideographs";
+    EXPECT_EQ(width("\xE2\x80\x8B"), 0u) << "ZERO WIDTH SPACE is a format control";
+    EXPECT_EQ(width("\xE6\x97"), 2u) << "a truncated sequence is two bad bytes";
+    EXPECT_EQ(width("\xFF\xF0\x9F\x98\x80"), 3u) << "a bad byte, then a wide emoji";
+}
+
+}  // namespace
