@@ -241,12 +241,13 @@ def charmap_table(name):
     return table
 
 
-def halfwidth_katakana(table):
-    """glibc's JIS_X0201 charmap gives the katakana half as full-width forms;
-    JIS X 0201 and glibc's own EUC-JP and Shift_JIS converters use the
-    half-width ones, U+FF61 to U+FF9F."""
-    for b in range(0xA1, 0xE0):
-        table[b] = 0xFF61 + b - 0xA1
+def jis_x0201(table):
+    """glibc's JIS_X0201 charmap gives the katakana as full-width forms and
+    adds the C1 controls; JIS X 0201 has neither, and glibc's own EUC-JP and
+    Shift_JIS converters read its katakana as the half-width forms, U+FF61 to
+    U+FF9F."""
+    for b in range(0x80, 0x100):
+        table[b] = 0xFF61 + b - 0xA1 if 0xA1 <= b <= 0xDF else UNMAPPED
     return table
 
 
@@ -271,7 +272,7 @@ SINGLE_BYTE_SOURCES = {
     "macturkish": lambda: python_table("mac_turkish"),
     "macukraine": lambda: charmap_table("MAC-UK"),
     "macarabic": lambda: python_table("mac_arabic"),
-    "jisx0201": lambda: halfwidth_katakana(charmap_table("JIS_X0201")),
+    "jisx0201": lambda: jis_x0201(charmap_table("JIS_X0201")),
 }
 CHARMAP_OF = {
     "cp850": "IBM850", "cp862": "IBM862", "cp866": "IBM866", "koi8r": "KOI8-R",
@@ -517,6 +518,11 @@ def build_chinese():
     euctw = Multibyte("EUC-TW", "EUC-TW")
     for m in (big5, hkscs, gb2312, gbk, gb18030, euctw):
         m.add_decode_only()
+    # CNS plane 1 has a four-byte form too, 8E A1 before the two bytes; the
+    # charmap lists only the short one.
+    for code, cps in list(euctw.codes.items()):
+        if len(code) == 2:
+            euctw.codes.setdefault(b"\x8e\xa1" + code, cps)
     supplementary = charmap_ranges("GB18030")
     gb18030_ranges({**gb18030.codes, **supplementary})  # checks the arithmetic
     for key, m in [("big5", big5), ("big5hkscs", hkscs), ("gbk", gbk), ("gb2312", gb2312),
