@@ -114,8 +114,9 @@ public:
         _out->append(_buf, static_cast<size_t>(o - _buf));
         return _buf;
     }
+    // Copies n bytes; the write pointer may end past limit(), as after a step.
     char* copy(char* o, const char* from, size_t n) {
-        if (n <= static_cast<size_t>(limit() - o)) {
+        if (n <= static_cast<size_t>(_buf + sizeof _buf - o)) {
             memcpy(o, from, n);
             return o + n;
         }

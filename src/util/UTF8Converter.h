@@ -121,7 +121,7 @@ public:
     }
 };
 
-// The engines. Their data, where they take any, is the spec's `data`.
+// The engines. Each reads its table, if it has one, from _spec.data.
 bool utf8_converter_utf8(UTF8Converter* converter, Str* out, const char* begin, const char* end);
 bool utf8_converter_utf16be(UTF8Converter* converter, Str* out, const char* begin, const char* end);
 bool utf8_converter_utf16le(UTF8Converter* converter, Str* out, const char* begin, const char* end);

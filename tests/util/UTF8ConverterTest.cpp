@@ -1064,3 +1064,69 @@ TEST(UTF8ConverterUnicode, Utf8MarksWhatPythonEscapes) {
 }
 
 }  // namespace
+
+namespace {
+
+// Texts far longer than the engines' staging buffer, with runs of every
+// length: the whole must read as its self-contained pieces do.
+TEST(UTF8ConverterLongTexts, WholeTextReadsAsItsPiecesDo) {
+    struct Engine {
+        const char* name;
+        std::vector<std::string> pieces;
+    };
+    const std::vector<Engine> engines = {
+        {"java", {"\\u00e9", "\\U0001F600", "\x80", "\\uD800", "plain", "\\\\u0041"}},
+        {"utf-7", {"+AOk-", "+2D3eAA-", "\x80", "+!", "plain", "+-"}},
+        {"utf-8", {"\xC3\xA9", "\xF0\x9F\x98\x80", "\x80", "\xED\xA0\xBD\xED\xB8\x80", "plain"}},
+        {"hz", {"~{VP~}", "~~", "\x80", "~x", "plain", "~{VPVP\n"}},
+        {"utf-ebcdic", {"\xC1", "\x80\x41", "\x41"}},
+        {"sjis", {"\x82\xA0", "\xA0", "\\", "plain", "\xB1"}},
+        {"gb18030", {"\x81\x30\x81\x30", "\x95\x32\x82\x36", "\xFF", "plain", "\xB0\xA1"}},
+        {"latin1", {"\xE9", "plain"}},
+    };
+    // ASCII runs of assorted lengths, so that steps end at every distance
+    // from the end of the buffer.
+    const std::vector<std::string> runs = {"q", "qr", "qrs", "0123456", std::string(33, 'z')};
+    std::mt19937 rng(4096);
+    for (Engine e : engines) {
+        if (e.name != std::string("utf-ebcdic"))
+            e.pieces.insert(e.pieces.end(), runs.begin(), runs.end());
+        std::string whole, want;
+        size_t invalid = 0;
+        while (whole.size() < 50000) {
+            const std::string& piece = e.pieces[rng() % e.pieces.size()];
+            const size_t times = rng() % 3 == 0 ? 1 + rng() % 300 : 1;
+            const Result one = ours(e.name, piece);
+            for (size_t k = 0; k < times; ++k) {
+                whole += piece;
+                want += one.text;
+                invalid += one.invalid;
+            }
+        }
+        const Result r = ours(e.name, whole);
+        EXPECT_EQ(r.text, want) << e.name;
+        EXPECT_EQ(r.invalid, invalid) << e.name;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Marks (four bytes out for one in) right up to and past the end of the
+// staging buffer, each run of them followed by plain text to copy: the
+// copy must see how little room a step across the end left.
+TEST(UTF8ConverterLongTexts, TextAfterAStepAcrossTheBufferEnd) {
+    const std::string tail(100, 'z');
+    for (size_t phase = 0; phase < 4; ++phase) {
+        for (size_t k = 1500; k < 2600; ++k) {
+            const std::string input = std::string(phase, 'y') + std::string(k, '\x80') + tail;
+            std::string want(phase, 'y');
+            for (size_t i = 0; i < k; ++i) want += "\\x80";
+            const Result r = ours("utf-8", input);
+            ASSERT_EQ(r.text, want + tail) << "phase " << phase << ", " << k << " marks";
+        }
+    }
+}
+
+}  // namespace
