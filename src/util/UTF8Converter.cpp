@@ -873,6 +873,20 @@ bool utf8_converter_rulebased(UTF8Converter* converter, Str* out, const char* be
             o = putUtf8(o, v);
             ++p;
         } else {
+            // The common case inline: a mapped two-byte code in the BMP.
+            const UTF8Converter::dbcs_plane& plane = t->planes[0];
+            if (b >= plane.first && b <= plane.last && e - p >= 2) {
+                const DbcsRow& row = plane.rows[b - plane.first];
+                const unsigned trail = p[1];
+                if (!row.prefix && trail >= row.lo && trail <= row.hi) {
+                    const uint32_t code = t->values[row.offset + trail - row.lo];
+                    if (code - 0xD800 >= 0x800 && code != 0xFFFF) {
+                        o = putUtf8(o, code);
+                        p += 2;
+                        continue;
+                    }
+                }
+            }
             p = decodeSequence(converter, t, p, e, &o);
         }
     }
