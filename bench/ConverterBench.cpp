@@ -38,35 +38,37 @@ const std::string& latin1Text() {
     return text;
 }
 
-// Japanese-like prose: kanji, hiragana and katakana in runs, with the
-// ideographic comma and full stop, some ASCII digits and spaces.
+// Japanese-like prose: runs of kanji (JIS level 1), hiragana and katakana
+// with the ideographic comma and full stop, some ASCII digits and spaces.
 const std::string& shiftJisText() {
     static const std::string text = [] {
         std::mt19937 rng(932);
-        std::string utf8;
-        auto put = [&](uint32_t cp) {
-            Str s;
-            s.appendUtf8Codepoint(cp);
-            utf8 += s;
+        std::string s;
+        auto put = [&](unsigned lead, unsigned trail) {
+            s.push_back(static_cast<char>(lead));
+            s.push_back(static_cast<char>(trail));
         };
-        while (utf8.size() < kTextBytes * 3 / 2) {
+        while (s.size() < kTextBytes) {
             for (int n = 2 + rng() % 6; n > 0; --n) {
                 switch (rng() % 3) {
-                    case 0:
-                        put(0x4E00 + rng() % 0x1000);  // the common kanji
+                    case 0: {
+                        const unsigned trail = 0x40 + rng() % 0xBC;  // 0x40-0xFB
+                        put(0x89 + rng() % 15, trail == 0x7F ? 0x80 : trail);
                         break;
+                    }
                     case 1:
-                        put(0x3041 + rng() % 0x53);  // hiragana
+                        put(0x82, 0x9F + rng() % 0x53);
                         break;
-                    default:
-                        put(0x30A1 + rng() % 0x56);  // katakana
+                    default: {
+                        const unsigned trail = 0x40 + rng() % 0x57;
+                        put(0x83, trail == 0x7F ? 0x80 : trail);
+                    }
                 }
             }
-            if (rng() % 8 == 0) utf8 += " 2026 ";
-            put(rng() % 4 ? 0x3001 : 0x3002);
+            if (rng() % 8 == 0) s += " 2026 ";
+            put(0x81, rng() % 4 ? 0x41 : 0x42);
         }
-        // Kanji missing from JIS X 0208 are dropped by //IGNORE.
-        return iconvConvert("UTF-8", "SHIFT_JIS//IGNORE", utf8);
+        return s;
     }();
     return text;
 }

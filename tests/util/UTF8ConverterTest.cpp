@@ -378,6 +378,15 @@ TEST(UTF8ConverterSingleByte, EveryTableAgreesWithItsOracleOnEveryByte) {
         EXPECT_TRUE(r.worked);
         EXPECT_EQ(r.text, expected) << o.table;
         EXPECT_EQ(r.invalid, unmapped) << o.table;
+        // Long texts take another path.
+        std::string longText, longWant;
+        for (int k = 0; k < 8; ++k) {
+            longText += allBytes() + std::string(k, 'a');
+            longWant += expected + std::string(k, 'a');
+        }
+        const Result l = ours(o.table, longText);
+        EXPECT_EQ(l.text, longWant) << o.table;
+        EXPECT_EQ(l.invalid, 8 * unmapped) << o.table;
         // Byte by byte too: the two passes must agree on a lone byte.
         for (int b : {0x41, 0x7E, 0x80, 0xA4, 0xFF}) {
             const Result one = ours(o.table, std::string(1, static_cast<char>(b)));
