@@ -61,7 +61,8 @@ private:
     FILE* _file;
 };
 
-// Results: true, or false when the sink failed (errno as it left it).
+// Results: true, or false when the sink failed (errno as it left it). A
+// subclass's destructor calls flush(): this one can no longer reach the sink.
 class WritableUnicodeStream {
 public:
     // The low byte of `encoding` chooses; see utrans_write_start.
