@@ -161,7 +161,7 @@ bool StrSegment::accumulateLine(Str* accumulated) {
     return true;
 }
 
-utf8_character_buffer::utf8_character_buffer(uint32_t codepoint) {
+void utf8_character_buffer::_set(unsigned codepoint) {
     _len = static_cast<uint8_t>(utf8_encode_codepoint(codepoint, _bytes));
 }
 

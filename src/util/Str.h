@@ -354,10 +354,13 @@ public:
 
 // The UTF-8 bytes of one code point.
 struct utf8_character_buffer {
-    char _bytes[4];
-    uint8_t _len;
+    char _bytes[4] = {};
+    uint8_t _len = 0;
 
-    explicit utf8_character_buffer(uint32_t codepoint);
+    utf8_character_buffer() = default;
+    explicit utf8_character_buffer(uint32_t codepoint) { _set(codepoint); }
+    // Code points past U+10FFFF leave the buffer empty.
+    void _set(unsigned codepoint);
     const char* data() const { return _bytes; }
     size_t size() const { return _len; }
 };

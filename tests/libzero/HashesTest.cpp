@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
-#include <zlib.h>
 
 #include <cmath>
 #include <cstring>
-#include <random>
 #include <string>
 
 #include "libzero/djb2.h"
@@ -35,21 +33,14 @@ TEST(Djb2, SignedBytesAndTheFamilyAgree) {
     EXPECT_NE(djb2_hash_n_nocase("\xC9", 1), djb2_hash_n_nocase("\xE9", 1));  // ASCII only
 }
 
-TEST(GzipCrc32, MatchesZlibOverLengthsAndPieces) {
-    std::mt19937 rng(3);
-    std::string data(5000, '\0');
-    for (char& c : data) c = static_cast<char>(rng());
-    for (size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 63, 64, 1000, 4999}) {
-        const uLong expect = crc32(0, reinterpret_cast<const Bytef*>(data.data()), n);
-        ASSERT_EQ(gzip_crc32(0, data.data(), n), expect) << n;
-        // In two pieces, split anywhere.
-        for (size_t cut : {size_t{0}, n / 3, n}) {
-            uint32_t c = gzip_crc32(0, data.data(), cut);
-            c = gzip_crc32(c, data.data() + cut, n - cut);
-            ASSERT_EQ(c, expect) << n << " cut at " << cut;
-        }
-    }
+TEST(GzipCrc32, CheckValueAndPiecesContinue) {
+    EXPECT_EQ(gzip_crc32(0, "", 0), 0u);
     EXPECT_EQ(gzip_crc32(0, "123456789", 9), 0xCBF43926u);  // the standard check value
+    for (size_t cut = 0; cut <= 9; ++cut) {
+        EXPECT_EQ(gzip_crc32(gzip_crc32(0, "123456789", cut), "123456789" + cut, 9 - cut),
+                  0xCBF43926u)
+            << cut;
+    }
 }
 
 TEST(Xorshift128Plus, StepsAndSeedsMatchIndependentValues) {

@@ -543,6 +543,17 @@ TEST(PackedUtf8, RoundTripsEveryCodePoint) {
     EXPECT_EQ(codepoint_to_utf8bytes(0x110000), 0u);
 }
 
+TEST(PackedUtf8, CharacterBufferIsReusedAndEmptiedPastTheLastCodePoint) {
+    utf8_character_buffer b;
+    EXPECT_EQ(b.size(), 0u);
+    b._set(0x10FFFF);
+    EXPECT_EQ(std::string(b.data(), b.size()), "\xF4\x8F\xBF\xBF");
+    b._set('A');
+    EXPECT_EQ(std::string(b.data(), b.size()), "A");
+    b._set(0x110000);
+    EXPECT_EQ(b.size(), 0u);
+}
+
 // Any byte from 0x80 up with the continuation bytes that follow it may be
 // looked up: when they are no well-formed character (over-long, a surrogate,
 // too many or too few for the lead) there are no flags and no case form.
