@@ -62,7 +62,9 @@ public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& r : runs) {
             if (r.run_type == Run::RT_Iteration && r.iterations > 0) {
-                times[r.benchmark_name()] = r.GetAdjustedRealTime();
+                // The run name is the registered one: without the suffixes
+                // ("/real_time"...) the library appends for timing options.
+                times[r.run_name.function_name] = r.GetAdjustedRealTime();
             }
         }
         ConsoleReporter::ReportRuns(runs);
