@@ -70,6 +70,8 @@ public:
     int decompress();
 
     HeaderState headerState() const { return _header_state; }
+    // Back to the start of a header, for a caller that reads trailers itself.
+    void expectHeader() { _header_state = HEADER_MAGIC1; }
     // Where a stream may cleanly end: before a member's first byte.
     bool atMemberBoundary() const { return _header_state == HEADER_MAGIC1; }
     // The MTIME field of the latest header read (seconds, 0 when unset).
