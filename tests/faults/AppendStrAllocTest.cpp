@@ -1,0 +1,131 @@
+// AppendStr when memory runs out: every allocation an operation makes is
+// failed in turn, and the buffer must be as it was (or, for the moves, no
+// byte lost between the two), usable afterwards, and leak nothing.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
+#include <string>
+
+#include "support/FailingNew.h"
+#include "util/AppendStr.h"
+
+namespace {
+
+constexpr size_t CHUNK = AppendStr::CHUNK_SIZE;
+
+std::string text(const AppendStr& s) {
+    Str out;
+    append_stringified(&out, s);
+    return out;
+}
+
+// Runs `op` on a fresh buffer made by `make`, failing its nth allocation for
+// n = 1, 2, ... until one run needs no more; `check` sees each failed run.
+void failEachAllocation(const std::function<void(AppendStr&)>& make,
+                        const std::function<void(AppendStr&)>& op,
+                        const std::function<void(AppendStr&, const std::string&)>& check) {
+    for (long n = 1;; ++n) {
+        AppendStr s;
+        make(s);
+        const std::string before = text(s);
+        failingnew::failAt(n);
+        bool failed = false;
+        try {
+            op(s);
+        } catch (const std::bad_alloc&) {
+            failed = true;
+        }
+        failingnew::failAt(0);
+        if (!failed) {
+            EXPECT_GT(n, 1) << "the operation never allocated";
+            return;
+        }
+        check(s, before);
+        s.append("usable", 6);  // and it goes on working
+        ASSERT_EQ(text(s).substr(text(s).size() - 6), "usable");
+    }
+}
+
+void unchanged(AppendStr& s, const std::string& before) { ASSERT_EQ(text(s), before); }
+
+TEST(AppendStrOutOfMemory, AppendsLeaveTheBufferAsItWas) {
+    const std::string big(5 * CHUNK + 17, 'b');
+    auto threeChunks = [](AppendStr& s) { s.append(2 * CHUNK + 100, 'a'); };
+    failEachAllocation(
+        threeChunks, [&](AppendStr& s) { s.append(big.data(), big.size()); }, unchanged);
+    failEachAllocation(
+        threeChunks, [](AppendStr& s) { s.append(40000, 'c'); }, unchanged);
+    failEachAllocation(
+        threeChunks, [](AppendStr& s) { s.reserve(20 * CHUNK); }, unchanged);
+    // Across a boundary, a number goes through the two-chunk path.
+    failEachAllocation([](AppendStr& s) { s.append(CHUNK - 3, 'n'); },
+                       [](AppendStr& s) { s.append_int64(INT64_MIN); }, unchanged);
+    failEachAllocation([](AppendStr& s) { s.append(CHUNK, 'f'); },
+                       [](AppendStr& s) { s.push_back('x'); }, unchanged);
+    // Growth of the chunk array itself (16 chunks, then 32).
+    failEachAllocation([](AppendStr& s) { s.append(16 * CHUNK, 'g'); },
+                       [](AppendStr& s) { s.push_back('x'); }, unchanged);
+}
+
+TEST(AppendStrOutOfMemory, ReleasingNeverAllocates) {
+    AppendStr s;
+    for (int i = 0; i < 40; ++i) s.append(CHUNK / 2 + 1, 'r');
+    failingnew::failAt(1);
+    s.resize(CHUNK + 1);
+    s.clear();
+    const long calls = failingnew::calls();
+    failingnew::failAt(0);
+    EXPECT_EQ(calls, 0);
+    // The kept chunks serve the same size again without allocating.
+    failingnew::failAt(1);
+    EXPECT_NO_THROW(s.append(20 * CHUNK, 'r'));
+    failingnew::failAt(0);
+}
+
+TEST(AppendStrOutOfMemory, DestructiveAppendLosesNoByte) {
+    for (long n = 1;; ++n) {
+        AppendStr a, b;
+        a.append(100, 'a');  // a short last chunk: the bytes must move
+        for (int i = 0; i < 6; ++i) b.append(CHUNK, char('0' + i));
+        const std::string both = text(a) + text(b);
+        failingnew::failAt(n);
+        bool failed = false;
+        try {
+            a.appendDestructive(&b);
+        } catch (const std::bad_alloc&) {
+            failed = true;
+        }
+        failingnew::failAt(0);
+        ASSERT_EQ(text(a) + text(b), both) << "failing allocation " << n;
+        if (!failed) break;
+    }
+}
+
+TEST(AppendStrOutOfMemory, GzipTrimsAndRaises) {
+    AppendStrGzipState z(6, 15, 8, 0);
+    AppendStr out;
+    z.startFile(&out);
+    const std::string data(100000, 'z');
+    bool sawFailure = false;
+    for (long n = 1; n < 50 && !sawFailure; ++n) {
+        AppendStr copy;
+        copy.append(text(out).data(), out.size());
+        failingnew::failAt(n);
+        try {
+            AppendStrGzipState fresh(6, 15, 8, 0);
+            fresh.startFile(&copy);
+            fresh.gzip(data.data(), data.size(), &copy);
+            fresh.endFile(&copy);
+        } catch (const std::bad_alloc&) {
+            sawFailure = true;
+            // No empty chunk is left at the end.
+            ASSERT_TRUE(copy.empty() || copy.iovec().back().iov_len > 0);
+        }
+        failingnew::failAt(0);
+    }
+    EXPECT_TRUE(sawFailure);
+}
+
+}  // namespace
