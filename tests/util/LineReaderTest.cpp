@@ -1,13 +1,10 @@
 #include "util/LineReader.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -60,7 +57,7 @@ Lines drain(LineReader& r) {
     Str line;
     while (r.readline(line)) out.push_back(line);
     EXPECT_TRUE(line.empty());
-    EXPECT_FALSE(r.readline(line)) << "the end is not sticky";
+    EXPECT_FALSE(r.readline(line)) << "a line after the end";
     return out;
 }
 
@@ -103,7 +100,6 @@ public:
         : _data(std::move(data)), _sizes(std::move(sizes)), _seekResult(seekResult) {}
 
     size_t reads = 0;
-    size_t largestRequest = 0;
     std::vector<file_offset_t> seeks;
 
     static constexpr int UNSUPPORTED = SEEK_UNSUPPORTED;
@@ -112,7 +108,6 @@ public:
 
 protected:
     ssize_t do_read(void* buf, size_t size) override {
-        largestRequest = std::max(largestRequest, size);
         const size_t n = std::min({size, _sizes[reads++ % _sizes.size()], _data.size() - _at});
         memcpy(buf, _data.data() + _at, n);
         _at += n;
@@ -235,22 +230,6 @@ Lines readWith(Kind k, const std::string& data, const ScratchDir& dir) {
     return {};
 }
 
-std::string printable(const std::string& s) {
-    std::string out;
-    for (unsigned char c : s.substr(0, 60)) {
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c < 0x20) {
-            out += "\\x" + std::to_string(c);
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return s.size() > 60 ? out + "... (" + std::to_string(s.size()) + " bytes)" : out;
-}
-
 // Random text of lines ending in LF, CR LF or lone CRs, some much longer
 // than a buffer; UTF-8 and NUL bytes inside, no byte-order mark.
 std::string randomText(std::mt19937& rng, size_t lines) {
@@ -308,11 +287,11 @@ TEST(LineReaderKinds, EveryKindFollowsTheLineRule) {
     ScratchDir dir;
     for (const Case& c : CASES) {
         // The oracle and the table must agree before the readers are judged.
-        ASSERT_EQ(expectedLines(c.data), c.lines) << printable(c.data);
-        ASSERT_EQ(limitedLines(c.data), c.limitedLines) << printable(c.data);
+        ASSERT_EQ(expectedLines(c.data), c.lines) << testing::PrintToString(c.data);
+        ASSERT_EQ(limitedLines(c.data), c.limitedLines) << testing::PrintToString(c.data);
         for (Kind k : ALL_KINDS) {
             EXPECT_EQ(readWith(k, c.data, dir), isLimited(k) ? c.limitedLines : c.lines)
-                << nameOf(k) << " on \"" << printable(c.data) << "\"";
+                << nameOf(k) << " on " << testing::PrintToString(c.data);
         }
     }
 }
@@ -376,22 +355,6 @@ TEST(LineReaderKinds, ALineLongerThanTheBufferComesBackWhole) {
 
 // ---------------------------------------------------------------- buffered reads
 
-TEST(BufferedLineReader, ReadsWholeBuffersAndCountsPositions) {
-    const std::string data = "ab\r\ncd\nlast";
-    ScriptedReader r(data, {3});
-    Str line;
-    EXPECT_EQ(r.curPos(), 0);
-    ASSERT_TRUE(r.readline(line));
-    EXPECT_EQ(line, "ab");
-    EXPECT_EQ(r.curPos(), 4);
-    ASSERT_TRUE(r.readline(line));
-    EXPECT_EQ(r.curPos(), 7);
-    ASSERT_TRUE(r.readline(line));
-    EXPECT_EQ(line, "last");
-    EXPECT_EQ(r.curPos(), static_cast<file_offset_t>(data.size()));
-    EXPECT_EQ(r.largestRequest, BufferedLineReader::BUFFER_SIZE);
-}
-
 TEST(BufferedLineReader, SeekWithinTheBufferReadsNothing) {
     const std::string data = "0123456789\nabcdef\nghij\n";
     ScriptedReader r(data, {1000});
@@ -426,8 +389,6 @@ TEST(BufferedLineReader, SeekBeyondTheBufferByTheSourceOrByReadingForward) {
         EXPECT_EQ(line, "ne 4000");
         ASSERT_TRUE(r.readline(line));
         EXPECT_EQ(line, "line 4001");
-        // Reading forward takes pieces no larger than the buffer and stops at the offset.
-        EXPECT_LE(r.largestRequest, BufferedLineReader::BUFFER_SIZE);
     }
 
     ScriptedReader failing(data, {1000}, ScriptedReader::FAILED);
@@ -753,29 +714,6 @@ TEST(LineReaderSources, InvalidSourcesGiveNoLines) {
         EXPECT_FALSE(r->rewind());
         EXPECT_TRUE(r->close());
     }
-}
-
-TEST(LineReaderSources, ModificationTimeIsTheFiles) {
-    ScratchDir dir;
-    const std::string path = dir / "f";
-    testsupport::writeFile(path, "x\n");
-    gzipFile(path);
-    const struct timeval times[2] = {{1000000000, 0}, {1234567890, 250000}};
-    ASSERT_EQ(utimes(path.c_str(), times), 0);
-    ASSERT_EQ(utimes((path + ".gz").c_str(), times), 0);
-    FileDescriptorLineReader fd{Pathname(path)};
-    FileStarLineReader star{Pathname(path)};
-    GZLineReader gz{Pathname(path + ".gz")};
-    ReadableUnicodeFileStarLineReader unicode{Pathname(path)};
-    StringLineReader text{StrSegment("x\n")};
-    for (const LineReader* r : std::vector<const LineReader*>{&fd, &star, &gz, &unicode}) {
-        Timeval t;
-        ASSERT_TRUE(r->getMtime(&t));
-        EXPECT_EQ(t.sec(), 1234567890);
-        EXPECT_EQ(t.usec(), 250000);
-    }
-    Timeval t;
-    EXPECT_FALSE(text.getMtime(&t));
 }
 
 }  // namespace
