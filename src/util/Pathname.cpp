@@ -17,6 +17,7 @@
 #include "libzero/assertion.h"
 #include "libzero/syscall-probe.h"
 #include "util/BasicConversions.h"
+#include "util/LineReader.h"
 #include "util/Logger.h"
 
 TX_EARLY_CONSTANT const Pathname Pathname::cur(".");
@@ -646,21 +647,23 @@ bool lookUpFstab(const Pathname& mountPoint, char* out, StrVector* errors) {
                  __LINE__, mountPoint.c_str());
         return false;
     }
-    FILE* f = fopen(path, "re");
-    if (f == nullptr) {
+    FileDescriptorLineReader reader{Pathname(path)};
+    if (!reader.valid()) {
         addError(errors, "%s:%d Failed to read /etc/fstab%s: %m", "get__fs_type", __LINE__, "");
         return false;
     }
-    char* line = nullptr;
-    size_t capacity = 0;
-    ssize_t length;
+    Str line;
     int noncomment = 0;
-    bool found = false;
-    errno = 0;
-    while (!found && (length = getline(&line, &capacity, f)) >= 0) {
-        StrSegment text(line, static_cast<size_t>(length));
+    bool found = false, readError = false;
+    while (!found) {
+        // The reader takes a read error for the end; only the error sets errno.
+        errno = 0;
+        if (!reader.readline(line)) {
+            readError = errno != 0;
+            break;
+        }
+        StrSegment text(line);
         text.trimInPlace(StrlikeTraits::default_trimchars, true, false);
-        if (text._len > 0 && text._data[text._len - 1] == '\n') --text._len;
         if (text._len > 0 && text._data[0] == '#') continue;
         ++noncomment;
         StrSegmentVector fields;
@@ -672,11 +675,6 @@ bool lookUpFstab(const Pathname& mountPoint, char* out, StrVector* errors) {
             found = true;
         }
     }
-    bool readError = ferror(f);
-    int saved = errno;
-    free(line);
-    fclose(f);
-    errno = saved;
     if (readError) {
         addError(errors, "%s:%d Failed to read /etc/fstab%s: %m", "get__fs_type", __LINE__, "");
     } else if (!found) {

@@ -272,7 +272,9 @@ TEST(PathnameFilesystems, FstabLookupForUnknownTypes) {
                            "   # indented comment\n"
                            "\n"
                            "none\t/dev/shm  tmpfs  defaults 0 0\n"
-                           "proc /proc proc\n");
+                           "proc /proc proc\n"
+                           "dos /crlf crlffs\r\n"
+                           "last /unterminated lastfs");
     const char* saved = Pathname::fstab_path;
     Pathname::fstab_path = fstab.c_str();
     char type[17] = {};
@@ -285,10 +287,18 @@ TEST(PathnameFilesystems, FstabLookupForUnknownTypes) {
     EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/elsewhere"), type, &errors));
     EXPECT_STREQ(type, "");
     ASSERT_EQ(errors.size(), 2u);
-    EXPECT_NE(errors[1].find("Failed to find mountPoint='/elsewhere' in /etc/fstab of=3 "
+    EXPECT_NE(errors[1].find("Failed to find mountPoint='/elsewhere' in /etc/fstab of=5 "
                              "noncomment lines"),
               Str::npos)
         << errors[1];
+
+    // A CR before the line end is not part of the last field; the last line
+    // needs no line end.
+    for (const char* mount : {"/crlf", "/unterminated"}) {
+        errors.clear();
+        EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname(mount), type, &errors));
+        EXPECT_STREQ(type, mount[1] == 'c' ? "crlffs" : "lastfs");
+    }
 
     Pathname::fstab_path = "/no/such/fstab";
     errors.clear();
