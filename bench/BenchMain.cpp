@@ -1,4 +1,6 @@
 #include <benchmark/benchmark.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <map>
@@ -50,6 +52,26 @@ std::string cjkText(size_t bytes) {
         s += static_cast<char>(0x80 | (cp & 0x3F));
     }
     return s;
+}
+
+const std::string& asciiLog16MiB() {
+    static const std::string text = asciiLogText(16 << 20);
+    return text;
+}
+
+const std::string& asciiLog16MiBFile() {
+    static const std::string path = [] {
+        std::string p = "/tmp/tarvex-bench-log.XXXXXX";
+        const int fd = mkstemp(p.data());
+        const std::string& text = asciiLog16MiB();
+        if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            abort();
+        }
+        close(fd);
+        atexit([] { unlink(asciiLog16MiBFile().c_str()); });
+        return p;
+    }();
+    return path;
 }
 
 }  // namespace benchsupport

@@ -15,5 +15,9 @@ std::string asciiLogText(size_t bytes);
 std::string mixedUtf8Text(size_t bytes, int oneIn);
 // Three-byte characters only (CJK).
 std::string cjkText(size_t bytes);
+// asciiLogText of 16 MiB, and a temporary file holding it that lives as long
+// as the process.
+const std::string& asciiLog16MiB();
+const std::string& asciiLog16MiBFile();
 
 }  // namespace benchsupport

@@ -14,21 +14,7 @@ namespace {
 using benchmark::DoNotOptimize;
 using benchmark::State;
 
-// 16 MiB of log lines in a file that lives as long as the process.
-const std::string& logFile() {
-    static const std::string path = [] {
-        std::string p = "/tmp/tarvex-bench-lines.XXXXXX";
-        int fd = mkstemp(p.data());
-        std::string text = benchsupport::asciiLogText(16 << 20);
-        if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            abort();
-        }
-        close(fd);
-        atexit([] { unlink(logFile().c_str()); });
-        return p;
-    }();
-    return path;
-}
+const std::string& logFile() { return benchsupport::asciiLog16MiBFile(); }
 
 void Readline_tarvex(State& state) {
     size_t bytes = 0;

@@ -18,35 +18,40 @@ using benchmark::State;
 constexpr size_t kChunk = 65536;
 
 struct Files {
-    std::string dir, plain, packed;
-    std::string text;
+    std::string dir, packed;
 };
 
-// The plain text and its level-6 gzip form in a directory that lives as
-// long as the process.
+// The log's level-6 gzip form in a directory that lives as long as the
+// process; the plain log is the shared one.
 const Files& files() {
     static const Files f = [] {
         Files f;
         char tmpl[] = "/tmp/tarvex-bench-gzip.XXXXXX";
         if (!mkdtemp(tmpl)) abort();
         f.dir = tmpl;
-        f.plain = f.dir + "/plain";
         f.packed = f.dir + "/plain.gz";
-        f.text = benchsupport::asciiLogText(16 << 20);
-        const int fd = open(f.plain.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd < 0 || write(fd, f.text.data(), f.text.size()) != ssize_t(f.text.size())) abort();
-        close(fd);
-        if (system(("gzip -6 -c " + f.plain + " > " + f.packed).c_str()) != 0) abort();
+        const std::string cmd =
+            "gzip -6 -c " + benchsupport::asciiLog16MiBFile() + " > " + f.packed;
+        if (system(cmd.c_str()) != 0) abort();
         atexit([] { (void)!system(("rm -rf " + files().dir).c_str()); });
         return f;
     }();
     return f;
 }
 
+const std::string& logText() { return benchsupport::asciiLog16MiB(); }
+
+// The files are made before timing starts, whichever benchmark runs first.
+void prepare() {
+    (void)files();
+    (void)logText();
+}
+
 std::string outPath() { return files().dir + "/out.gz"; }
 
 void Write_tarvex(State& state, int level) {
-    const std::string& text = files().text;
+    prepare();
+    const std::string& text = logText();
     for (auto _ : state) {
         const int fd = open(outPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         WritableGzipFileDescriptor w(FileDescriptor(fd), level, kChunk);
@@ -60,7 +65,8 @@ void Write_tarvex(State& state, int level) {
 }
 
 void Write_gzwrite(State& state, int level) {
-    const std::string& text = files().text;
+    prepare();
+    const std::string& text = logText();
     const std::string mode = "wb" + std::to_string(level);
     for (auto _ : state) {
         gzFile g = gzopen(outPath().c_str(), mode.c_str());
@@ -74,15 +80,17 @@ void Write_gzwrite(State& state, int level) {
 }
 
 void Write_command(State& state, int level) {
-    const std::string cmd =
-        "gzip -" + std::to_string(level) + " -c " + files().plain + " > " + outPath();
+    prepare();
+    const std::string cmd = "gzip -" + std::to_string(level) + " -c " +
+                            benchsupport::asciiLog16MiBFile() + " > " + outPath();
     for (auto _ : state) {
         if (system(cmd.c_str()) != 0) abort();
     }
-    state.SetBytesProcessed(int64_t(state.iterations() * files().text.size()));
+    state.SetBytesProcessed(int64_t(state.iterations() * logText().size()));
 }
 
 void Read_tarvex(State& state) {
+    prepare();
     static char buf[kChunk];
     for (auto _ : state) {
         const int fd = open(files().packed.c_str(), O_RDONLY | O_CLOEXEC);
@@ -90,31 +98,33 @@ void Read_tarvex(State& state) {
         size_t total = 0;
         ssize_t n;
         while ((n = r.read(buf, sizeof buf)) > 0) total += size_t(n);
-        if (n != 0 || total != files().text.size()) abort();
+        if (n != 0 || total != logText().size()) abort();
         close(fd);
     }
-    state.SetBytesProcessed(int64_t(state.iterations() * files().text.size()));
+    state.SetBytesProcessed(int64_t(state.iterations() * logText().size()));
 }
 
 void Read_gzread(State& state) {
+    prepare();
     static char buf[kChunk];
     for (auto _ : state) {
         gzFile g = gzopen(files().packed.c_str(), "rb");
         size_t total = 0;
         int n;
         while ((n = gzread(g, buf, sizeof buf)) > 0) total += size_t(n);
-        if (n != 0 || total != files().text.size()) abort();
+        if (n != 0 || total != logText().size()) abort();
         gzclose(g);
     }
-    state.SetBytesProcessed(int64_t(state.iterations() * files().text.size()));
+    state.SetBytesProcessed(int64_t(state.iterations() * logText().size()));
 }
 
 void Read_command(State& state) {
+    prepare();
     const std::string cmd = "gzip -dc " + files().packed + " > /dev/null";
     for (auto _ : state) {
         if (system(cmd.c_str()) != 0) abort();
     }
-    state.SetBytesProcessed(int64_t(state.iterations() * files().text.size()));
+    state.SetBytesProcessed(int64_t(state.iterations() * logText().size()));
 }
 
 }  // namespace

@@ -15,26 +15,8 @@ namespace {
 
 using benchmark::State;
 
-const std::string& logText() {
-    static const std::string text = benchsupport::asciiLogText(16 << 20);
-    return text;
-}
-
-// The log in a file that lives as long as the process.
-const std::string& logFile() {
-    static const std::string path = [] {
-        std::string p = "/tmp/tarvex-bench-linereader.XXXXXX";
-        int fd = mkstemp(p.data());
-        const std::string& text = logText();
-        if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            abort();
-        }
-        close(fd);
-        atexit([] { unlink(logFile().c_str()); });
-        return p;
-    }();
-    return path;
-}
+const std::string& logText() { return benchsupport::asciiLog16MiB(); }
+const std::string& logFile() { return benchsupport::asciiLog16MiBFile(); }
 
 size_t getlineAll(FILE* f) {
     size_t bytes = 0;

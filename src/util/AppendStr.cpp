@@ -9,6 +9,7 @@
 #include <new>
 
 #include "libzero/assertion.h"
+#include "libzero/gzip-crc32.h"
 #include "libzero/int-to-ascii.h"
 #include "util/ByteScan.h"
 #include "util/FileDescriptor.h"
@@ -294,16 +295,10 @@ void AppendStr::_trimFinalSegment(size_t length) noexcept {
 // ---------------------------------------------------------------- appending
 
 AppendStr& AppendStr::_append_slow(const char* data, size_t length) {
-    if (length == 0) return *this;
-    size_t i = _allocSpace(length);
-    while (length > 0) {
-        struct iovec& e = _v[i++];
-        const size_t n = min(CHUNK_SIZE - e.iov_len, length);
-        memcpy(static_cast<char*>(e.iov_base) + e.iov_len, data, n);
-        e.iov_len += n;
+    _fillAppended(length, [&data](char* out, size_t n) {
+        memcpy(out, data, n);
         data += n;
-        length -= n;
-    }
+    });
     return *this;
 }
 
@@ -334,15 +329,7 @@ void AppendStr::_append_spanning_two_chunks(const char* data, size_t n) {
 }
 
 AppendStr& AppendStr::append(size_t count, char c) {
-    if (count == 0) return *this;
-    size_t i = _allocSpace(count);
-    while (count > 0) {
-        struct iovec& e = _v[i++];
-        const size_t n = min(CHUNK_SIZE - e.iov_len, count);
-        memset(static_cast<char*>(e.iov_base) + e.iov_len, c, n);
-        e.iov_len += n;
-        count -= n;
-    }
+    _fillAppended(count, [c](char* out, size_t n) { memset(out, c, n); });
     return *this;
 }
 
@@ -408,27 +395,15 @@ void AppendStr::append_double(double v) {
 }
 
 void AppendStr::appendReversed(const char* data, size_t length) {
-    if (length == 0) return;
-    size_t i = _allocSpace(length);
     const char* p = data + length;
-    while (p > data) {
-        struct iovec& e = _v[i++];
-        char* out = static_cast<char*>(e.iov_base) + e.iov_len;
-        const size_t n = min(CHUNK_SIZE - e.iov_len, static_cast<size_t>(p - data));
+    _fillAppended(length, [&p](char* out, size_t n) {
         for (size_t k = 0; k < n; ++k) out[k] = *--p;
-        e.iov_len += n;
-    }
+    });
 }
 
 void AppendStr::appendBase128(uint64_t v) {
     char buf[10];
-    size_t n = 0;
-    while (v >= 0x80) {
-        buf[n++] = static_cast<char>(0x80 | (v & 0x7F));
-        v >>= 7;
-    }
-    buf[n++] = static_cast<char>(v);
-    append(buf, n);
+    append(buf, render_base128(v, buf));
 }
 
 void AppendStr::padToAlignment(size_t align, char fill) {
@@ -985,12 +960,7 @@ ssize_t AppendStr::read(const FileDescriptor& fd, size_t wanted) {
 }
 
 void AppendStr::_readToEnd(int fd) {
-    for (;;) {
-        const size_t room = _v.empty() ? CHUNK_SIZE : CHUNK_SIZE - _v.back().iov_len;
-        const ssize_t n =
-            read(FileDescriptor(fd), room == 0 ? CHUNK_SIZE * 4 : room + CHUNK_SIZE * 3);
-        if (n <= 0) return;
-    }
+    while (read(FileDescriptor(fd), 4 * CHUNK_SIZE) > 0) {}
 }
 
 AppendStr& AppendStr::operator<<(const FileDescriptor& fd) {
@@ -1054,17 +1024,20 @@ void append_stringified(Str* dest, const AppendStr& s) {
     s.forEachSegment([dest](const char* p, size_t n) { dest->append(p, n); });
 }
 
+ssize_t PortableIovecCursor::writeAll(const FileDescriptor& descriptor) {
+    const uint64_t total = bytesLeftToWrite();
+    while (!finished()) {
+        const uint64_t before = bytesLeftToWrite();
+        if (!write(descriptor)) return total == before ? -1 : static_cast<ssize_t>(total - before);
+        if (bytesLeftToWrite() == before) break;  // write() gave 0
+    }
+    return static_cast<ssize_t>(total - bytesLeftToWrite());
+}
+
 ssize_t FileDescriptor::write(const AppendStr& s) {
     PortableIovecCursor cursor;
     cursor.start(s);
-    const uint64_t total = s.size();
-    while (!cursor.finished()) {
-        const uint64_t before = cursor.bytesLeftToWrite();
-        if (!cursor.write(*this))
-            return total == before ? -1 : static_cast<ssize_t>(total - before);
-        if (cursor.bytesLeftToWrite() == before) break;  // write() gave 0
-    }
-    return static_cast<ssize_t>(total - cursor.bytesLeftToWrite());
+    return cursor.writeAll(*this);
 }
 
 bool FileStar::write(const AppendStr& s) { return s.writeTo(get()) == s.size(); }
@@ -1076,9 +1049,8 @@ AppendStrGzipState::AppendStrGzipState(int level, int windowBits, int memLevel, 
 }
 
 void AppendStrGzipState::startFile(AppendStr* out, const Timeval& mtime) {
-    const uint32_t sec = static_cast<uint32_t>(std::clamp<int64_t>(mtime.sec(), 0, 0x7FFFFFFF));
-    const char header[10] = {'\x1F',          '\x8B',          8, 0, char(sec), char(sec >> 8),
-                             char(sec >> 16), char(sec >> 24), 0, 3};
+    uint8_t header[10];
+    render_gzip_member_header(header, mtime, 0);
     out->append(header, 10);
     deflateReset(&_zs.z());
     _trailer[0] = 0;
@@ -1128,8 +1100,7 @@ void AppendStrGzipState::gzip(PortableIovecCursor* source, AppendStr* out, int f
                 source->rewindBytes(seg.size() - done - (n - z.avail_in));
                 throw;
             }
-            _trailer[0] = static_cast<uint32_t>(
-                crc32_z(_trailer[0], reinterpret_cast<const Bytef*>(seg.data() + done), n));
+            _trailer[0] = gzip_crc32(_trailer[0], seg.data() + done, n);
             _trailer[1] += n;
             done += n;
         }
@@ -1216,7 +1187,7 @@ bool AppendStrGunzipState::step(const char* data, size_t length, size_t* used, A
             rc = inflate(&z, Z_NO_FLUSH);
             const size_t produced = static_cast<size_t>(z.next_out - start);
             last.iov_len += produced;
-            _crc = static_cast<uint32_t>(crc32_z(_crc, start, produced));
+            _crc = gzip_crc32(_crc, start, produced);
             _count += static_cast<uint32_t>(produced);
             if (last.iov_len == 0) out->_trimFinalSegment(0);
             if (rc == Z_MEM_ERROR) {

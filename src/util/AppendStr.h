@@ -10,6 +10,7 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -106,6 +107,9 @@ public:
     // what was written. False for an error only: short writes are the
     // caller's loop.
     bool write(const FileDescriptor& descriptor);
+    // Loops write() until all is out, a failure or a write of nothing: the
+    // bytes written, or -1 when a failure came before any.
+    ssize_t writeAll(const FileDescriptor& descriptor);
     // Defined with their transports.
     bool write(const PollableDescriptor& descriptor);
     bool write(const WritablePipe& pipe);
@@ -330,6 +334,19 @@ private:
     friend class AppendStrGunzipState;
 
     AppendStr& _append_slow(const char* data, size_t length);
+    // Makes room for `length` more bytes, then lets fill(out, n) write each
+    // chunk's share in order.
+    template <typename F>
+    void _fillAppended(size_t length, F fill) {
+        if (length == 0) return;
+        for (size_t i = _allocSpace(length); length > 0; ++i) {
+            struct iovec& e = _v._v[i];
+            const size_t n = std::min(CHUNK_SIZE - e.iov_len, length);
+            fill(static_cast<char*>(e.iov_base) + e.iov_len, n);
+            e.iov_len += n;
+            length -= n;
+        }
+    }
     void _push_back_new_chunk_with(char c);
     void _append_spanning_two_chunks(const char* data, size_t n);
     // Room in the last chunk for n bytes written in place, or null.

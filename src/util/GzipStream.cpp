@@ -10,6 +10,7 @@
 #include <new>
 
 #include "libzero/assertion.h"
+#include "libzero/gzip-crc32.h"
 
 gzip_buffer::gzip_buffer(size_t bufsiz) : siz(bufsiz) {
     ASSERT(bufsiz > 0);
@@ -238,17 +239,20 @@ bool WritableGzipStream::addOutputLE4(unsigned value) {
     return true;
 }
 
-bool WritableGzipStream::addOutputGzipHeader(const Timeval& mtime) {
-    if (!ensureRoom(10)) return false;
-    // MTIME is 32 bits; times outside 1970..2038 are clamped into it.
+void render_gzip_member_header(uint8_t out[10], const Timeval& mtime, uint8_t xfl) {
     const uint32_t sec = static_cast<uint32_t>(std::clamp<int64_t>(mtime.sec(), 0, 0x7FFFFFFF));
-    // XFL as gzip(1) writes it: 2 for the slowest level, 4 for the fastest.
-    const uint8_t xfl = _level == Z_BEST_COMPRESSION ? 2 : _level == Z_BEST_SPEED ? 4 : 0;
     const uint8_t header[10] = {
         0x1F, 0x8B, 8, 0, uint8_t(sec), uint8_t(sec >> 8), uint8_t(sec >> 16), uint8_t(sec >> 24),
-        xfl,  3,  // OS: Unix
+        xfl,  3,
     };
-    memcpy(_zs->next_out, header, 10);
+    memcpy(out, header, 10);
+}
+
+bool WritableGzipStream::addOutputGzipHeader(const Timeval& mtime) {
+    if (!ensureRoom(10)) return false;
+    // XFL as gzip(1) writes it: 2 for the slowest level, 4 for the fastest.
+    const uint8_t xfl = _level == Z_BEST_COMPRESSION ? 2 : _level == Z_BEST_SPEED ? 4 : 0;
+    render_gzip_member_header(_zs->next_out, mtime, xfl);
     _zs->next_out += 10;
     _zs->avail_out -= 10;
     return true;
@@ -288,9 +292,7 @@ bool WritableGzipStream::write(const void* data, size_t length, int flush) {
     if (length == 0 && flush != Z_FINISH && _member != MEMBER_OPEN) return true;
     if (!resetIfNeeded()) return false;
     z_stream& z = _zs.z();
-    // zlib gives 0 for a null buffer, which would lose the running CRC.
-    if (length > 0)
-        _crc = static_cast<uint32_t>(crc32_z(_crc, static_cast<const Bytef*>(data), length));
+    _crc = gzip_crc32(_crc, data, length);
     _isize += static_cast<uint32_t>(length);  // the length modulo 2^32, as gzip keeps it
     z.next_in = static_cast<Bytef*>(const_cast<void*>(data));
     size_t left = length;

@@ -24,6 +24,10 @@ struct gzip_buffer {
     uint8_t* buf() { return _data.get(); }
 };
 
+// The 10-byte header of a member without optional fields: MTIME clamped
+// into 0..2^31-1 (times outside 1970..2038), the given XFL, OS Unix.
+void render_gzip_member_header(uint8_t out[10], const Timeval& mtime, uint8_t xfl);
+
 class internal_RWGzipStream {
 protected:
     explicit internal_RWGzipStream(size_t bufsiz) : _buf(bufsiz) {}

@@ -259,14 +259,7 @@ void PortableIovecCursor::start(const SerializedResult& r) {
 }
 
 ssize_t FileDescriptor::write(const SerializedResult& r) {
-    ASSERT(r.finalized());
-    PortableIovecCursor cursor(r._iovec());
-    const uint64_t total = r.size();
-    while (!cursor.finished()) {
-        const uint64_t before = cursor.bytesLeftToWrite();
-        if (!cursor.write(*this))
-            return total == before ? -1 : static_cast<ssize_t>(total - before);
-        if (cursor.bytesLeftToWrite() == before) break;
-    }
-    return static_cast<ssize_t>(total - cursor.bytesLeftToWrite());
+    PortableIovecCursor cursor;
+    cursor.start(r);  // asserts that it is finalised
+    return cursor.writeAll(*this);
 }

@@ -377,16 +377,20 @@ Str& Str::append8bytesSwappedEndian(uint64_t value) {
     return *this;
 }
 
+size_t render_base128(uint64_t v, char out[10]) {
+    size_t n = 0;
+    while (v >= 128) {
+        out[n++] = static_cast<char>((v & 0x7F) | 0x80);
+        v >>= 7;
+    }
+    out[n++] = static_cast<char>(v);
+    return n;
+}
+
 void Str::_appendBase128(uint64_t v) {
     ASSERT(v >= 128);
     char bytes[10];
-    size_t n = 0;
-    while (v >= 128) {
-        bytes[n++] = static_cast<char>((v & 0x7F) | 0x80);
-        v >>= 7;
-    }
-    bytes[n++] = static_cast<char>(v);
-    std::string::append(bytes, n);
+    std::string::append(bytes, render_base128(v, bytes));
 }
 
 void Str::_appendUtf8Multibyte(uint32_t codepoint) {

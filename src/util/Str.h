@@ -539,6 +539,10 @@ public:
     using Str::Str;
 };
 
+// Seven bits a byte, least significant first, the top bit marking "more":
+// the bytes written (at most 10).
+size_t render_base128(uint64_t v, char out[10]);
+
 // Replaces the target; false only for null data.
 bool mem_parse_into(const char* data, size_t length, Str* dest);
 // Replaces the target with the text lower-cased; defined with the case tables.

@@ -170,6 +170,16 @@ TEST(AppendStrNumbers, IntegersAcrossTheBoundaryAreTheSameBytes) {
     }
 }
 
+TEST(AppendStrNumbers, Base128MatchesStrAndTakesSmallValuesToo) {
+    for (uint64_t v : {uint64_t(0), uint64_t(127), uint64_t(128), uint64_t(300), UINT64_MAX}) {
+        AppendStr a = nearBoundary(1);
+        a.appendBase128(v);
+        Str s;
+        s.appendBase128(v);
+        EXPECT_EQ(text(a).substr(CHUNK - 1), s) << v;
+    }
+}
+
 TEST(AppendStrNumbers, DoublesAreShortestFixedPointThatReadBack) {
     std::mt19937_64 rng(3);
     for (int i = 0; i < 20000; ++i) {
@@ -467,7 +477,7 @@ TEST(AppendStrCursor, SkipRewindAndConsolidate) {
     EXPECT_EQ(c.optimisticallyConsolidateInto(buf, sizeof buf), 3u);
     EXPECT_EQ(std::string(buf, 3), "fgh");
     EXPECT_EQ(c.optimisticallyConsolidateInto(buf, 2), 0u);  // the first doesn't leave room
-    c.rewindBytes(3);  // back over the empty element
+    c.rewindBytes(3);                                        // back over the empty element
     ASSERT_TRUE(c.getSeg(&seg));
     EXPECT_EQ(std::string(seg), "c");
     EXPECT_FALSE(c.getSegIfOnlyOneLeft(&seg));
