@@ -124,6 +124,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(drain(pieces, bound) == expected);
     FUZZ_CHECK(pieces.curPos() == static_cast<file_offset_t>(text.size()));
 
+    AppendStr chunks;
+    chunks.append(text.data(), text.size());
+    AppendStrLineReader inChunks(chunks);
+    FUZZ_CHECK(drain(inChunks, bound) == expected);
+    FUZZ_CHECK(inChunks.curPos() == static_cast<file_offset_t>(text.size()));
+
     const int fd = memoryFile(text);
     {
         FileDescriptor lent(fd);
@@ -143,6 +149,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(afterSeek(r, offset, bound) == want);
         PieceReader p(text, sizes);
         FUZZ_CHECK(afterSeek(p, offset, bound) == want);
+        FUZZ_CHECK(inChunks.rewind());
+        FUZZ_CHECK(afterSeek(inChunks, offset, bound) == want);
     }
 
     if (!text.empty()) {

@@ -146,6 +146,46 @@ bool StringLineReader::seek_set(file_offset_t offset) {
     return true;
 }
 
+// ---------------------------------------------------------------- AppendStrLineReader
+
+bool AppendStrLineReader::readline(Str& line) {
+    line.clear();
+    const uint64_t size = _text.size();
+    if (_pos >= size) return false;
+    const PortableIovec& chunks = _text.iovec();
+    size_t index = size_t(_pos >> AppendStr::CHUNK_SHIFT);
+    size_t offset = size_t(_pos & (AppendStr::CHUNK_SIZE - 1));
+    for (; index < chunks.size(); ++index, offset = 0) {
+        const char* start = static_cast<const char*>(chunks[index].iov_base) + offset;
+        const size_t rest = chunks[index].iov_len - offset;
+        const char* nl = static_cast<const char*>(memchr(start, '\n', rest));
+        if (nl != nullptr) {
+            const size_t n = size_t(nl - start);
+            line.append(start, n);
+            _pos += n + 1;
+            break;
+        }
+        line.append(start, rest);
+        _pos += rest;
+    }
+    // The CR may sit at the end of the chunk before the LF's.
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return true;
+}
+
+bool AppendStrLineReader::rewind() {
+    _pos = 0;
+    return true;
+}
+
+file_offset_t AppendStrLineReader::curPos() { return static_cast<file_offset_t>(_pos); }
+
+bool AppendStrLineReader::seek_set(file_offset_t offset) {
+    if (offset < 0 || static_cast<uint64_t>(offset) > _text.size()) return false;
+    _pos = static_cast<uint64_t>(offset);
+    return true;
+}
+
 // ---------------------------------------------------------------- FileStarLineReader
 
 FileStarLineReader::FileStarLineReader(FileStar& file, bool rewindFirst)

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "util/AppendStr.h"
 #include "util/FileDescriptor.h"
 #include "util/FileStar.h"
 #include "util/GzipStream.h"
@@ -107,6 +108,24 @@ public:
 private:
     size_t _pos = 0;
     StrSegment _text;
+};
+
+// Lines of an AppendStr, which must outlive the reader. Lines may run
+// across chunks; appending to the buffer between reads is fine.
+class AppendStrLineReader : public LineReader {
+public:
+    explicit AppendStrLineReader(const AppendStr& text) : _text(text) {}
+    explicit AppendStrLineReader(AppendStr&&) = delete;
+
+    bool readline(Str& line) override;
+    bool rewind() override;
+    file_offset_t curPos() override;
+    // Anywhere within the data, backwards too.
+    bool seek_set(file_offset_t offset) override;
+
+private:
+    const AppendStr& _text;
+    uint64_t _pos = 0;
 };
 
 // Over a stdio stream, read with FileStar::readline.

@@ -143,12 +143,14 @@ enum class Kind {
     UnicodePipe,
     LimitedFile,
     LimitedPipe,
+    Chunks,
 };
 
 constexpr Kind ALL_KINDS[] = {
     Kind::String,         Kind::FileStarFile, Kind::FileStarPipe, Kind::DescriptorFile,
     Kind::DescriptorPipe, Kind::ShortReads,   Kind::GzipFile,     Kind::GzipPipe,
     Kind::UnicodeFile,    Kind::UnicodePipe,  Kind::LimitedFile,  Kind::LimitedPipe,
+    Kind::Chunks,
 };
 
 const char* nameOf(Kind k) {
@@ -156,6 +158,7 @@ const char* nameOf(Kind k) {
         "string",          "FILE* file",   "FILE* pipe",   "descriptor file",
         "descriptor pipe", "short reads",  "gzip file",    "gzip pipe",
         "unicode file",    "unicode pipe", "limited file", "limited pipe",
+        "AppendStr",
     };
     return names[static_cast<int>(k)];
 }
@@ -224,6 +227,12 @@ Lines readWith(Kind k, const std::string& data, const ScratchDir& dir) {
         case Kind::LimitedPipe: {
             PipeFeeder feed(data);
             LimitedLineReader r(FileDescriptor(feed.fd()), data.size());
+            return drain(r);
+        }
+        case Kind::Chunks: {
+            AppendStr text;
+            text.append(data.data(), data.size());
+            AppendStrLineReader r(text);
             return drain(r);
         }
     }
@@ -640,6 +649,62 @@ TEST(StringLineReader, SegmentsPointIntoTheTextWithoutAllocating) {
     EXPECT_TRUE(r.seek_set(static_cast<file_offset_t>(text.size())));
     EXPECT_FALSE(r.readline(copy));
     EXPECT_TRUE(copy.empty());
+}
+
+// ---------------------------------------------------------------- AppendStr
+
+TEST(AppendStrLineReader, LinesRunAcrossChunksAndFollowAppends) {
+    const size_t C = AppendStr::CHUNK_SIZE;
+    AppendStr text;
+    // An LF as the last byte of the first chunk, a CR LF split by the
+    // second chunk's end, and a line spanning the whole third chunk.
+    text.append(std::string(C - 1, 'a').data(), C - 1);
+    text.append("\n", 1);
+    text.append(std::string(C - 1, 'b').data(), C - 1);
+    text.append("\r\n", 2);
+    const std::string spanning = std::string(C + 10, 'c');
+    text.append(spanning.data(), spanning.size());
+    text.append("\ntail", 5);
+    ASSERT_EQ(text.iovec().size(), 4u);
+
+    AppendStrLineReader r(text);
+    Str line;
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, std::string(C - 1, 'a'));
+    EXPECT_EQ(r.curPos(), static_cast<file_offset_t>(C));
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, std::string(C - 1, 'b'));
+    EXPECT_EQ(r.curPos(), static_cast<file_offset_t>(2 * C + 1));
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_TRUE(line == spanning) << line.size();
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, "tail");
+    EXPECT_FALSE(r.readline(line));
+
+    // What is appended after the end is read on, the unfinished line whole.
+    text.append(StrSegment(" continued\r\nnext\r"));
+    ASSERT_TRUE(r.seek_set(r.curPos() - 4));
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, "tail continued");
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, "next");
+    EXPECT_FALSE(r.readline(line));
+    EXPECT_TRUE(line.empty());
+
+    EXPECT_FALSE(r.seek_set(static_cast<file_offset_t>(text.size()) + 1));
+    EXPECT_FALSE(r.seek_set(-1));
+    ASSERT_TRUE(r.seek_set(static_cast<file_offset_t>(C - 3)));  // backwards
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line, "aa");
+    EXPECT_TRUE(r.rewind());
+    EXPECT_EQ(r.curPos(), 0);
+    ASSERT_TRUE(r.readline(line));
+    EXPECT_EQ(line.size(), C - 1);
+
+    AppendStr empty;
+    AppendStrLineReader none(empty);
+    EXPECT_FALSE(none.readline(line));
+    EXPECT_EQ(none.getEncoding(), UTRANS_UNKNOWN);
 }
 
 // ---------------------------------------------------------------- limited
