@@ -1,5 +1,7 @@
 #include "util/Timeval.h"
 
+#include "util/ThreadLocks.h"
+
 #include <strings.h>
 #include <unistd.h>
 
@@ -156,7 +158,9 @@ bool mem_parse_into(const char* p, size_t n, Interval* dest) {
 // ---------------------------------------------------------------- MonotonicTime
 
 void MonotonicTime::_MT_setToNow() {
-    if (clock_gettime(CLOCK_MONOTONIC, &_ts) != 0) abort();
+    // The same clock as the timed waits, so that deadlines computed from it
+    // and waits on conditions agree.
+    monotonic_clock_now(&_ts);
 }
 
 void MonotonicTime::subtractSec(unsigned s) {

@@ -1,0 +1,16 @@
+// Test binaries run as library programs do: the MainThread first, so that
+// tests may start Threads. Death tests re-execute the binary rather than
+// fork it, since a forked child would lack the other threads.
+
+#include <gtest/gtest.h>
+
+#include "util/Thread.h"
+
+int main(int argc, char** argv) {
+#ifndef TARVEX_TEST_WITHOUT_MAIN_THREAD
+    EmptyMainThread mainThread;
+#endif
+    testing::InitGoogleTest(&argc, argv);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    return RUN_ALL_TESTS();
+}

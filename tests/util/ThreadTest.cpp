@@ -1,0 +1,477 @@
+#include "util/Thread.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+
+namespace {
+
+template <class P>
+bool spinUntil(P pred) {
+    return testsupport::waitUntil(pred, 30);
+}
+
+class Flagging : public Thread {
+public:
+    explicit Flagging(std::atomic<bool>& ran, const char* name = "flagging")
+        : Thread("%s", name), _ran(ran) {}
+    void main() override { _ran = true; }
+
+private:
+    std::atomic<bool>& _ran;
+};
+
+std::string crashText(const Thread& t) {
+    Str out;
+    CrashLogWriteHandlerAppendToStr h(&out);
+    t.renderCrashLogInfoTo(h);
+    return out;
+}
+
+std::set<std::string> kernelNames() {
+    std::set<std::string> names;
+    DIR* dir = opendir("/proc/self/task");
+    while (struct dirent* e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream in(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string name;
+        std::getline(in, name);
+        names.insert(name);
+    }
+    closedir(dir);
+    return names;
+}
+
+// ---------------------------------------------------------------- life cycle
+
+TEST(Thread, NamesLoseTheirBlanksAndTheKernelKeepsFifteenBytes) {
+    std::atomic<bool> hold{true};
+    ThreadFunction t([&] { spinUntil([&] { return !hold.load(); }); }, "my thread %d", 1);
+    EXPECT_EQ(t.name(), "mythread1");
+    ThreadFunction longName([&] { spinUntil([&] { return !hold.load(); }); }, "Tcp Channel Thread");
+    EXPECT_EQ(longName.name(), "TcpChannelThread");
+    t.go();
+    longName.go();
+    ASSERT_TRUE(spinUntil([&] { return kernelNames().count("TcpChannelThrea") == 1; }));
+    EXPECT_EQ(kernelNames().count("mythread1"), 1u);
+    EXPECT_NE(t.kernelId(), 0);
+    EXPECT_NE(t.kernelId(), longName.kernelId());
+    hold = false;
+    t.join();
+    longName.join();
+}
+
+TEST(Thread, AnUnstartedThreadIsJoinedQuietlyAndNeverRuns) {
+    std::atomic<bool> ran{false};
+    const unsigned before = Thread::approximateThreadCount();
+    {
+        Flagging t(ran);
+        // Counted from construction, before go().
+        EXPECT_EQ(Thread::approximateThreadCount(), before + 1);
+    }
+    EXPECT_FALSE(ran.load());
+    ASSERT_TRUE(spinUntil([&] { return Thread::approximateThreadCount() == before; }));
+    {
+        Flagging t(ran);
+        t.joinEvenIfUnstarted();
+    }
+    EXPECT_FALSE(ran.load());
+    {
+        Flagging t(ran);
+        t.go();
+        t.joinEvenIfUnstarted();
+    }
+    EXPECT_TRUE(ran.load());
+}
+
+TEST(Thread, TheCurrentThreadKnowsItself) {
+    EXPECT_TRUE(Thread::currentIsMainThread());
+    EXPECT_STREQ(Thread::currentName(), "MainThread");
+    EXPECT_EQ(Thread::currentId(), static_cast<pid_t>(syscall(SYS_gettid)));
+    Thread* seen = nullptr;
+    std::string name;
+    pid_t id = 0;
+    bool isMain = true;
+    ThreadFunction t(
+        [&] {
+            seen = Thread::current();
+            name = Thread::currentName();
+            id = Thread::currentId();
+            isMain = Thread::currentIsMainThread();
+        },
+        "self-aware");
+    t.go();
+    t.join();
+    EXPECT_EQ(seen, &t);
+    EXPECT_EQ(name, "self-aware");
+    EXPECT_EQ(id, t.kernelId());
+    EXPECT_FALSE(isMain);
+
+    // A thread the library didn't make.
+    std::string foreignName;
+    bool foreignCurrent = true;
+    pthread_t p;
+    struct Out {
+        std::string* name;
+        bool* current;
+    } out{&foreignName, &foreignCurrent};
+    pthread_create(
+        &p, nullptr,
+        [](void* arg) -> void* {
+            Out* o = static_cast<Out*>(arg);
+            *o->name = Thread::currentName();
+            *o->current = Thread::current() != nullptr;
+            return nullptr;
+        },
+        &out);
+    pthread_join(p, nullptr);
+    EXPECT_EQ(foreignName, "Unknown Thread");
+    EXPECT_FALSE(foreignCurrent);
+}
+
+TEST(Thread, TerminateExceptionEndsTheThreadQuietly) {
+    std::atomic<bool> after{false};
+    ThreadFunction t(
+        [&] {
+            throw Thread::TerminateException("enough");
+            after = true;
+        },
+        "terminated");
+    t.go();
+    t.join();
+    EXPECT_FALSE(after.load());
+}
+
+TEST(ThreadDeathTest, AnyOtherExceptionFromMainEndsTheProcess) {
+    EXPECT_DEATH(
+        {
+            ThreadFunction t([] { throw std::runtime_error("boom from a worker"); }, "thrower");
+            t.go();
+            t.join();
+        },
+        "terminate called after throwing an instance of 'std::runtime_error'");
+}
+
+TEST(ThreadDeathTest, JoinRulesAreAssertions) {
+    EXPECT_DEATH(
+        {
+            ThreadFunction t([] {}, "twice");
+            t.go();
+            t.join();
+            t.join();
+        },
+        "Assertion `_did_join.load\\(\\) == DID_NOT_JOIN' failed");
+    EXPECT_DEATH(
+        {
+            std::atomic<bool> ran{false};
+            auto* t = new Flagging(ran);
+            t->go();
+            spinUntil([&] { return ran.load(); });
+            delete t;  // started and never joined
+        },
+        "Assertion `!_ready_to_run.load\\(\\)' failed");
+    EXPECT_DEATH(
+        {
+            ThreadFunction t([] {}, "gone");
+            t.go();
+            t.go();
+        },
+        "Assertion `!_ready_to_run.load\\(\\)' failed");
+    EXPECT_DEATH(
+        {
+            ThreadFunction t([] {}, "never started");
+            t.join();
+        },
+        "Assertion `_ready_to_run.load\\(\\)' failed");
+}
+
+TEST(ThreadDeathTest, TheEmptyMainThreadHasNoBody) {
+    EXPECT_DEATH(
+        {
+            // Only reachable by calling it: the class exists to be built.
+            Thread::current()->main();
+        },
+        "Assertion `0' failed");
+}
+
+// ---------------------------------------------------------------- the list
+
+struct Collect : iterate_running_threads_callback {
+    std::set<const Thread*> seen;
+    void thread(Thread* t) override { seen.insert(t); }
+};
+
+TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
+    std::atomic<bool> hold{true};
+    std::atomic<int> running{0};
+    auto body = [&] {
+        running.fetch_add(1);
+        spinUntil([&] { return !hold.load(); });
+    };
+    ThreadFunction listed(body, "listed");
+    ThreadFunction hidden(body, "hidden");
+    ThreadFunction unstarted(body, "unstarted");
+    hidden.excludeFromGlobalThreadList();
+    listed.go();
+    hidden.go();
+    ASSERT_TRUE(spinUntil([&] { return running.load() == 2; }));
+
+    Collect c;
+    Thread::iterateEachRunning(c);
+    EXPECT_EQ(c.seen.count(&listed), 1u);
+    EXPECT_EQ(c.seen.count(&hidden), 0u);
+    EXPECT_EQ(c.seen.count(&unstarted), 0u);
+    EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "listed"; }), &listed);
+    EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "hidden"; }), nullptr);
+
+    hold = false;
+    listed.join();
+    hidden.join();
+    unstarted.joinEvenIfUnstarted();
+    Collect after;
+    Thread::iterateEachRunning(after);
+    EXPECT_EQ(after.seen.count(&listed), 0u);
+}
+
+TEST(ThreadTokenSet, LookupsAfterInsertsSortAndErasesCloseGaps) {
+    ThreadTokenSet set;
+    std::vector<ThreadToken> tokens;
+    for (uintptr_t v : {50u, 10u, 40u, 20u, 30u}) tokens.push_back(ThreadToken(pthread_t(v)));
+    for (ThreadToken t : tokens) set.insert(t);
+    for (ThreadToken t : tokens) EXPECT_TRUE(set.contains(t));
+    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(25))));
+    set.erase(ThreadToken(pthread_t(20)));
+    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(20))));
+    set.insert(ThreadToken(pthread_t(5)));  // after a sort, unsorted again
+    EXPECT_TRUE(set.contains(ThreadToken(pthread_t(5))));
+    EXPECT_TRUE(set.contains(ThreadToken(pthread_t(50))));
+    EXPECT_EQ(set.size(), 5u);
+
+    Str out;
+    CrashLogWriteHandlerAppendToStr h(&out);
+    set.renderCrashLogInfoTo(h);
+    EXPECT_EQ(out, "{0x5,0xa,0x1e,0x28,0x32}");
+    set.clear();
+    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(5))));
+}
+
+TEST(Thread, SchedulingPoliciesByName) {
+    for (auto [p, text] : {std::pair{Thread::SCHED_POLICY_OTHER, "other"},
+                           std::pair{Thread::SCHED_POLICY_FIFO, "fifo"},
+                           std::pair{Thread::SCHED_POLICY_ROUND_ROBIN, "round_robin"}}) {
+        Str s;
+        append_stringified(&s, p);
+        EXPECT_EQ(s, text);
+        Thread::SchedPolicy parsed = Thread::SCHED_POLICY_OTHER;
+        ASSERT_TRUE(mem_parse_into(text, strlen(text), &parsed));
+        EXPECT_EQ(parsed, p);
+    }
+    Str s;
+    append_stringified(&s, static_cast<Thread::SchedPolicy>(7));
+    EXPECT_EQ(s, "none");
+    Thread::SchedPolicy kept = Thread::SCHED_POLICY_FIFO;
+    for (const char* bad : {"FIFO", "fifo ", "", "rr"}) {
+        EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &kept)) << bad;
+        EXPECT_EQ(kept, Thread::SCHED_POLICY_FIFO);
+    }
+}
+
+// Without the privilege for real-time scheduling the kernel refuses the
+// thread; it must start anyway, with the creator's scheduling.
+TEST(Thread, ARealTimePolicyWithoutPrivilegeStillStarts) {
+    const int status =
+        testsupport::inChildAs(testsupport::kUnprivilegedUid, testsupport::kUnprivilegedGid, [] {
+            std::atomic<bool> ran{false};
+            int policy = -1;
+            struct Fifo : Thread {
+                std::atomic<bool>& ran;
+                int& policy;
+                Fifo(std::atomic<bool>& r, int& p)
+                    : Thread(SCHED_POLICY_FIFO, 10, "fifo"), ran(r), policy(p) {}
+                void main() override {
+                    struct sched_param param;
+                    pthread_getschedparam(pthread_self(), &policy, &param);
+                    ran = true;
+                }
+            } fifo(ran, policy);
+            fifo.go();
+            fifo.join();
+            if (!ran.load()) return 2;
+            return policy == SCHED_OTHER ? 0 : 3;
+        });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(Thread, CrashLogDescribesTheThread) {
+    std::atomic<bool> hold{true};
+    ThreadFunction t([&] { spinUntil([&] { return !hold.load(); }); }, "described");
+    const std::string before = crashText(t);
+    EXPECT_EQ(before.rfind("Thread: \"described\", did_join=0, token=0x", 0), 0u) << before;
+    EXPECT_EQ(before.find("MutexByte"), std::string::npos) << "scratch only while running";
+    t.go();
+    ASSERT_TRUE(spinUntil([&] { return crashText(t).find("MutexByte: ") != std::string::npos; }));
+    const std::string running = crashText(t);
+    EXPECT_NE(running.find("did_join=0, ready_to_run, token="), std::string::npos) << running;
+    EXPECT_NE(running.find("\nMutexByte: MutexByte-waiting={none}\n"), std::string::npos)
+        << running;
+    hold = false;
+    t.join();
+    const std::string main = crashText(*Thread::current());
+    EXPECT_EQ(
+        main.rfind("Thread: \"MainThread\", did_join=1, ready_to_run, main_thread, token=", 0), 0u)
+        << main;
+}
+
+// ---------------------------------------------------------------- signal context
+
+class Probe : public Thread::InSignalContextActor {
+public:
+    std::atomic<bool> prepared{false};
+    std::atomic<bool> whileCalled{false};
+    std::atomic<bool> overlapped{false};
+    std::atomic<pid_t> ranOn{0};
+    bool refuse = false;
+
+    bool prepare() override {
+        prepared = true;
+        return !refuse;
+    }
+    void whileTargetInSignal() override { whileCalled = true; }
+    void inSignal() override {
+        ranOn = static_cast<pid_t>(syscall(SYS_gettid));
+        // Hold the target here until the requester's part has run, so that
+        // both are seen to overlap. Bounded, in case they never do.
+        for (long i = 0; i < 2000000000L && !whileCalled.load(); ++i) {}
+        overlapped = whileCalled.load();
+    }
+};
+
+TEST(Thread, CodeRunsInsideTheTargetsSignalHandler) {
+    std::atomic<bool> hold{true};
+    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
+    target.go();
+    ASSERT_TRUE(spinUntil([&] { return target.kernelId() != 0; }));
+
+    Probe probe;
+    ASSERT_TRUE(target.runInUnixSignalContext(&probe));
+    EXPECT_TRUE(probe.prepared.load());
+    EXPECT_EQ(probe.ranOn.load(), target.kernelId());
+    EXPECT_TRUE(probe.overlapped.load());
+
+    // A refusal in prepare() sends nothing, and the slot is free after it.
+    Probe refused;
+    refused.refuse = true;
+    EXPECT_FALSE(target.runInUnixSignalContext(&refused));
+    EXPECT_EQ(refused.ranOn.load(), 0);
+    Probe again;
+    EXPECT_TRUE(target.runInUnixSignalContext(&again));
+    EXPECT_EQ(again.ranOn.load(), target.kernelId());
+
+    hold = false;
+    target.join();
+}
+
+TEST(Thread, RequestsFromSeveralThreadsRunOneAtATime) {
+    std::atomic<bool> hold{true};
+    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
+    target.go();
+    ASSERT_TRUE(spinUntil([&] { return target.kernelId() != 0; }));
+    std::atomic<int> done{0};
+    {
+        std::vector<std::unique_ptr<ThreadFunction>> requesters;
+        for (int i = 0; i < 3; ++i) {
+            requesters.push_back(std::make_unique<ThreadFunction>(
+                [&] {
+                    for (int k = 0; k < 20; ++k) {
+                        Probe p;
+                        if (target.runInUnixSignalContext(&p) &&
+                            p.ranOn.load() == target.kernelId())
+                            done.fetch_add(1);
+                    }
+                },
+                "requester%d", i));
+            requesters.back()->go();
+        }
+        for (auto& r : requesters) r->join();
+    }
+    EXPECT_EQ(done.load(), 60);
+    hold = false;
+    target.join();
+}
+
+TEST(Thread, ASigusr1FromAnotherProcessIsIgnored) {
+    std::atomic<bool> hold{true};
+    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
+    target.go();
+    const pid_t self = getpid();
+    const int status = testsupport::inChild([self] { return kill(self, SIGUSR1) == 0 ? 0 : 1; });
+    EXPECT_EQ(status, 0);
+    // Still alive, and the channel still works.
+    Probe p;
+    EXPECT_TRUE(target.runInUnixSignalContext(&p));
+    hold = false;
+    target.join();
+}
+
+// ---------------------------------------------------------------- duty cycle
+
+TEST(DutyCycleEstimate, OldHistoryFadesLinearly) {
+    const uint64_t span = 1000000000;  // 1 s
+    DutyCycleEstimate d{MonotonicTime::Ticks(span)};
+    const MonotonicTime t0(1000, 0);
+    d.setRunning(true, t0);
+    EXPECT_DOUBLE_EQ(d.ratio(t0), 0.0);
+    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span / 4)), 0.25);
+    d.setRunning(false, t0 + MonotonicTime::Ticks(span / 2));
+    // Right after a transition to idle: the ratio stored.
+    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span / 2)), 0.5);
+    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span)), 0.25);
+    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(3 * span)), 0.0);
+    d.setRunning(true, t0 + MonotonicTime::Ticks(3 * span));
+    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(5 * span)), 1.0);
+    // A clock read from before the last transition counts as no time.
+    EXPECT_DOUBLE_EQ(d.ratio(t0), 0.0);
+}
+
+TEST(DutyCycleEstimate, AThreadsEstimateIsClaimedOnceAndReadFromOutside) {
+    std::atomic<bool> hold{true};
+    std::atomic<bool> claimed{false};
+    bool innerUsedOwn = false;
+    ThreadFunction t(
+        [&] {
+            ScopedDutyCycleClaimThread claim(true);
+            {
+                ScopedDutyCycleClaimThread nested(false);
+                innerUsedOwn = &nested.estimate() != &DutyCycleEstimate::perThread();
+            }
+            claimed = true;
+            spinUntil([&] { return !hold.load(); });
+        },
+        "busy");
+    double ratio = -1;
+    EXPECT_FALSE(t.getDutyCycleRatio(ratio)) << "no scratch before it runs";
+    t.go();
+    ASSERT_TRUE(spinUntil([&] { return claimed.load(); }));
+    ASSERT_TRUE(t.getDutyCycleRatio(ratio));
+    EXPECT_GE(ratio, 0.0);
+    EXPECT_LE(ratio, 1.0);
+    EXPECT_TRUE(innerUsedOwn);
+    hold = false;
+    t.join();
+    EXPECT_FALSE(t.getDutyCycleRatio(ratio));
+}
+
+}  // namespace
