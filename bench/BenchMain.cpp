@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "util/Thread.h"
 
 namespace benchsupport {
 
@@ -116,6 +117,8 @@ void printRatios(const std::map<std::string, double>& times) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Library programs start with their MainThread; some benchmarks start Threads.
+    EmptyMainThread mainThread;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     RatioReporter reporter;

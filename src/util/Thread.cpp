@@ -418,7 +418,11 @@ void* Thread::callMain(void* arg) {
     // clang-format off
     ASSERT(instance->_scratchp == perThreadScratch(&scratch));
     // clang-format on
-    instance->_scratchp.store(nullptr);
+    {
+        // Readers of the scratch from other threads hold the state lock.
+        ScopedLock lock(thr_state_lock);
+        instance->_scratchp.store(nullptr);
+    }
     activeThreads = nullptr;
     non_main_thread_count.fetch_sub(1);
     return nullptr;
@@ -598,6 +602,8 @@ Thread* Thread::find_if(const std::function<bool(const Thread&)>& pred) {
 }
 
 bool Thread::getDutyCycleRatio(double& ratio) const {
+    // The scratch lives on the thread's stack: hold it there while reading.
+    ScopedLock state(thr_state_lock);
     PerThreadStackScratch* s = _scratchp.load();
     if (s == nullptr) return false;
     ScopedLock lock(s->dutyCycle._mutex);
@@ -652,10 +658,17 @@ void Thread::forceKillAllThreads(int status) {
 }
 
 void Thread::reinitializeAfterFork() {
-    Thread::assertNotMultithreadedYet();
+    // The caller is the one thread of a fresh child; that can't be checked
+    // here, since the flag of started threads stays set across fork().
     if (IN_SIGNAL_RUNNING.load() != SLOT_DISABLED) in_signal_pid = getpid();
     main_pthread = pthread_self();
     main_tid = gettid_now();
+    // The calling thread's object (the MainThread's, or the Thread that
+    // forked) describes the parent's thread until renewed.
+    if (Thread* t = current()) {
+        t->_token = ThreadToken::self();
+        t->_tid.store(main_tid);
+    }
     DutyCycleEstimate::perThread().resetAfterFork();
 }
 

@@ -171,6 +171,9 @@ public:
     static void registerCrashlogHooks();
     static crashlog_notation_list* getCrashLogPerThreadState();
 
+    // Guards join states, readiness and the global list. A leaf, except
+    // that iteration callbacks run under it and getDutyCycleRatio() takes a
+    // thread's duty-cycle mutex inside it.
     static ConditionMutex thr_state_lock;
 
     // Read by the crash report and the duty-cycle and lock code.

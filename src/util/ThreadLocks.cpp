@@ -114,7 +114,9 @@ void fatal_thread_error(const char* function, int errnum) noexcept {
     struct iovec v[2] = {{line, n}, {const_cast<char*>("\n"), 1}};
     ssize_t ignored = writev(2, v, 2);
     (void)ignored;
-    thread_log(THREAD_LOG_FATAL, "%.*s", int(n), line);
+    // Standard error has the line already; a registered logger gets it too.
+    const thread_log_func logger = thread_logger.load(std::memory_order_acquire);
+    if (logger != log_to_stderr) logger(THREAD_LOG_FATAL, line, n);
     abort();
 }
 
@@ -462,7 +464,6 @@ void MutexByte::_lock_slowpath(waiting_list* chain) {
 
 void MutexByte::_assertIsLockedAndHasSleepersFailed() {
     fatal_thread_error("MutexByte::assertIsLockedAndHasSleepersFailed()", 0);
-    abort();  // the process was already dying
 }
 
 // The first waiter for this byte, unlinked; *linkOut is the link that held it.
@@ -493,6 +494,7 @@ size_t MutexByte::waiterCount(waiting_list* chain) const {
 void MutexByte::unlockWithSleepers(waiting_list* chain) {
     if (_state.load(std::memory_order_relaxed) != (STATE_LOCKED | STATE_HAS_SLEEPERS)) {
         _assertIsLockedAndHasSleepersFailed();
+        return;  // dying: nobody to hand to
     }
     ConditionMutex& m = chain->mutex();
     m.lock();
@@ -527,6 +529,7 @@ void MutexByte::unlockWithSleepers(waiting_list* chain) {
 void MutexByte::bounceContended(waiting_list* chain) const {
     if (_state.load(std::memory_order_relaxed) != (STATE_LOCKED | STATE_HAS_SLEEPERS)) {
         _assertIsLockedAndHasSleepersFailed();
+        return;
     }
     // clang-format off
     ASSERT(main_thread_created);

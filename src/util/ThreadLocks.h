@@ -345,7 +345,8 @@ public:
     // How many threads sleep for this byte on `chain`, for diagnostics.
     size_t waiterCount(waiting_list* chain) const;
 
-    [[noreturn]] static void _assertIsLockedAndHasSleepersFailed();
+    // A fatal thread error; returns only once the process is dying.
+    static void _assertIsLockedAndHasSleepersFailed();
 
 private:
     static per_thread_state& ownState();

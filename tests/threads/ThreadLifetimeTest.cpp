@@ -58,6 +58,31 @@ TEST(ThreadLifetimeDeathTest, NothingStartsBeforeTheMainThread) {
         testing::ExitedWithCode(0), "");
 }
 
+TEST(ThreadLifetimeDeathTest, TheRecursionCheckWorksUntilThreadsStart) {
+    EXPECT_EXIT(
+        {
+            EmptyMainThread mainThread;
+            {
+                ScopedSingleThreadedRecursionCheck outer;
+                CHECK_OR_EXIT(!outer.recursing(), 2);
+                {
+                    ScopedSingleThreadedRecursionCheck inner;
+                    CHECK_OR_EXIT(inner.recursing(), 3);
+                }
+                ScopedSingleThreadedRecursionCheck sibling;
+                CHECK_OR_EXIT(sibling.recursing(), 4);
+            }
+            ScopedSingleThreadedRecursionCheck again;
+            CHECK_OR_EXIT(!again.recursing(), 5);
+            Noop t;  // from now on the guard stands aside
+            ScopedSingleThreadedRecursionCheck nested;
+            CHECK_OR_EXIT(!nested.recursing(), 6);
+            t.joinEvenIfUnstarted();
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(ThreadLifetimeDeathTest, TheMainThreadComesOnce) {
     EXPECT_EXIT(
         {
@@ -94,28 +119,33 @@ TEST(ThreadLifetimeDeathTest, OnceTheMainThreadIsGoneFailuresAreSilent) {
             Actor actor;
             CHECK_OR_EXIT(!worker->runInUnixSignalContext(&actor), 4);
             CHECK_OR_EXIT(!actor.prepared, 5);
-            // Destroying a held mutex would be fatal; now it passes.
-            Mutex* m = new Mutex;
-            m->lock();
-            delete m;
+            // A broken lock state would be fatal; now it passes.
+            MutexByte b;
+            MutexByte::waiting_list chain;
+            chain.construct();
+            CHECK_OR_EXIT(b.tryLock(), 6);
+            b.unlockWithSleepers(&chain);
+            chain.destruct();
             delete worker;
             _exit(0);
         },
         testing::ExitedWithCode(0), "");
 }
 
-TEST(ThreadLifetimeDeathTest, AHeldMutexDestroyedWhileAliveIsFatal) {
+TEST(ThreadLifetimeDeathTest, AFatalThreadErrorWhileAliveIsOneLineAndAnAbort) {
     EXPECT_EXIT(
         {
             EmptyMainThread mainThread;
-            Mutex* m = new Mutex;
-            m->lock();
-            delete m;
+            MutexByte b;
+            MutexByte::waiting_list chain;
+            chain.construct();
+            CHECK_OR_EXIT(b.tryLock(), 2);
+            b.unlockWithSleepers(&chain);
             _exit(0);
         },
         testing::KilledBySignal(SIGABRT),
-        "^Fatal thread error: pthread_mutex_destroy: Device or resource busy; 1 threads "
-        "active, in MainThread\n");
+        "^Fatal thread error: MutexByte::assertIsLockedAndHasSleepersFailed\\(\\): Success; 1 "
+        "threads active, in MainThread\n");
 }
 
 TEST(ThreadLifetimeDeathTest, ForceKillEndsWithTheStatusAndMarksTheProcessDying) {

@@ -316,19 +316,26 @@ TEST(Thread, ARealTimePolicyWithoutPrivilegeStillStarts) {
 }
 
 TEST(Thread, CrashLogDescribesTheThread) {
-    std::atomic<bool> hold{true};
-    ThreadFunction t([&] { spinUntil([&] { return !hold.load(); }); }, "described");
-    const std::string before = crashText(t);
-    EXPECT_EQ(before.rfind("Thread: \"described\", did_join=0, token=0x", 0), 0u) << before;
-    EXPECT_EQ(before.find("MutexByte"), std::string::npos) << "scratch only while running";
+    // The thread describes itself: its scratch is its own stack.
+    std::string running;
+    std::atomic<bool> rendered{false};
+    ThreadFunction t(
+        [&] {
+            running = crashText(*Thread::current());
+            rendered = true;
+        },
+        "described");
     t.go();
-    ASSERT_TRUE(spinUntil([&] { return crashText(t).find("MutexByte: ") != std::string::npos; }));
-    const std::string running = crashText(t);
+    ASSERT_TRUE(spinUntil([&] { return rendered.load(); }));  // before join() changes did_join
+    t.join();
     EXPECT_NE(running.find("did_join=0, ready_to_run, token="), std::string::npos) << running;
     EXPECT_NE(running.find("\nMutexByte: MutexByte-waiting={none}\n"), std::string::npos)
         << running;
-    hold = false;
-    t.join();
+    // Joined: the scratch is gone with the thread's stack.
+    const std::string after = crashText(t);
+    EXPECT_EQ(after.rfind("Thread: \"described\", did_join=1, ready_to_run, token=0x", 0), 0u)
+        << after;
+    EXPECT_EQ(after.find("MutexByte"), std::string::npos) << after;
     const std::string main = crashText(*Thread::current());
     EXPECT_EQ(
         main.rfind("Thread: \"MainThread\", did_join=1, ready_to_run, main_thread, token=", 0), 0u)
@@ -424,6 +431,27 @@ TEST(Thread, ASigusr1FromAnotherProcessIsIgnored) {
     EXPECT_TRUE(target.runInUnixSignalContext(&p));
     hold = false;
     target.join();
+}
+
+// A child of fork() is one thread with the parent's memory: after
+// reinitializeAfterFork() it is the main thread under its own ids, and
+// signal-context requests, which check the sender's process id, work again.
+TEST(Thread, AForkedChildStartsOverAsTheMainThread) {
+    const int status = testsupport::inChild([] {
+        Thread::reinitializeAfterFork();
+        if (Thread::currentId() != static_cast<pid_t>(syscall(SYS_gettid))) return 2;
+        if (!Thread::currentIsMainThread()) return 3;
+        std::atomic<bool> hold{true};
+        ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "child-target");
+        target.go();
+        if (!spinUntil([&] { return target.kernelId() != 0; })) return 4;
+        Probe p;
+        const bool ran = target.runInUnixSignalContext(&p);
+        hold = false;
+        target.join();
+        return ran && p.ranOn.load() == target.kernelId() ? 0 : 5;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 // ---------------------------------------------------------------- duty cycle
