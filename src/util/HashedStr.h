@@ -390,15 +390,17 @@ public:
         return _internal_find(text, length, djb2_hash_n(text, length));
     }
     iterator _internal_find(const char* text, size_t length, str_hash_t hash) {
-        auto [it, last] = _entries.equal_range(hash);
-        for (; it != last; ++it) {
+        // One walk down the tree; equal_range would make two.
+        auto it = _entries.lower_bound(hash);
+        for (; it != _entries.end() && it->first == hash; ++it) {
             if (it->second.key.equals(text, length)) return it;
         }
         return end();
     }
     const_iterator _internal_find(const char* text, size_t length, str_hash_t hash) const {
-        auto [it, last] = _entries.equal_range(hash);
-        for (; it != last; ++it) {
+        // One walk down the tree; equal_range would make two.
+        auto it = _entries.lower_bound(hash);
+        for (; it != _entries.end() && it->first == hash; ++it) {
             if (it->second.key.equals(text, length)) return it;
         }
         return end();
