@@ -83,6 +83,7 @@ private:
 };
 
 static_assert(sizeof(HashedStrReference::internal_metadata) == 32);
+static_assert(sizeof(HashedStrReference) == sizeof(void*));
 // Every remainder of the length by 8: header, text and zero byte fit.
 static_assert([] {
     using M = HashedStrReference::internal_metadata;

@@ -11,7 +11,6 @@
 
 #include "support/HashCollisions.h"
 #include "util/BasicConversions.h"
-#include "util/CrashLog.h"
 
 namespace {
 
@@ -285,25 +284,6 @@ TEST(HashedStrVector, KeepsOrderAndSharesBlocksOfEqualTexts) {
     EXPECT_TRUE(moved.empty());
     moved.push_back("after");
     EXPECT_STREQ(moved[0].c_str(), "after");
-}
-
-TEST(HashedStrIndex, StringifiedLikeTheSets) {
-    HashedStrMap_KeyPool pool;
-    HashedStrIndex index;
-    Str out;
-    CrashLogWriteHandlerAppendToStr h(&out);
-    index.renderCrashLogInfoTo(h);
-    EXPECT_EQ(out, "{}");
-    bool created;
-    index.findOrCreate(pool, "b\\", 2, djb2_hash_n("b\\", 2), &created);
-    EXPECT_TRUE(created);
-    index.findOrCreate(pool, "a", 1, djb2_hash_n("a", 1), &created);
-    index.findOrCreate(pool, "a", 1, djb2_hash_n("a", 1), &created);
-    EXPECT_FALSE(created);
-    out.clear();
-    index.renderCrashLogInfoTo(h);
-    EXPECT_EQ(out, "{\"a\", \"b\\\\\"}");  // "a" hashes below "b\\"
-    EXPECT_LT(referenceDjb2("a"), referenceDjb2("b\\"));
 }
 
 }  // namespace

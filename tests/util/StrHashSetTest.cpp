@@ -302,6 +302,23 @@ TEST(FixedStrHashSet, CopyMoveAndClear) {
 
 // ---------------------------------------------------------------- StaticStrHashSet
 
+// Filled by a static initialiser of this file with a text constructed only
+// after it: the set is constant-initialised, and hashes wait for finalizing.
+constinit StaticStrHashSet earlyNames;
+extern const Str laterText;
+const bool earlyFilled = [] {
+    earlyNames.insert(&laterText);
+    return true;
+}();
+const Str laterText("constructed after the insert");
+
+TEST(StaticStrHashSet, FilledByStaticInitialisers) {
+    ASSERT_TRUE(earlyFilled);
+    EXPECT_TRUE(earlyNames.contains("constructed after the insert"));
+    EXPECT_EQ(earlyNames.state(), StaticStrHashSet::STATE_FINISHED);
+    EXPECT_FALSE(earlyNames.contains(""));
+}
+
 TEST(StaticStrHashSet, EmptySetAnswersFalseWithoutFinalizing) {
     const Str word("word");
     StaticStrHashSet populating;
