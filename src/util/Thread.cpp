@@ -14,6 +14,7 @@
 #include <new>
 
 #include "libzero/assertion.h"
+#include "util/StrHashSet.h"
 
 // ---------------------------------------------------------------- process state
 
@@ -311,6 +312,7 @@ MainThread::MainThread() {
     (void)clock();
     char zeros[1025] = {};
     qsort(zeros, sizeof zeros, 1, compare_bytes);
+    StaticStrHashSet::finalizeAll();
 
     if (pthread_attr_init(&shared_attr) == 0) {
         shared_attr_ready = true;

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "util/StrHashSet.h"
 #include "util/Thread.h"
 
 namespace {
@@ -81,6 +82,28 @@ TEST(ThreadLifetimeDeathTest, TheRecursionCheckWorksUntilThreadsStart) {
             _exit(0);
         },
         testing::ExitedWithCode(0), "");
+}
+
+// Filled by static initialisers, as such sets are.
+StaticStrHashSet staticWords;
+const Str wordA("alpha"), wordB("beta");
+const bool filled = (staticWords.insert(&wordA), staticWords.insert(&wordB), true);
+
+TEST(ThreadLifetimeDeathTest, TheMainThreadFinalizesStaticSetsAndThenNoneAreFilled) {
+    ASSERT_TRUE(filled);
+    EXPECT_EXIT(
+        {
+            CHECK_OR_EXIT(staticWords.state() == StaticStrHashSet::STATE_POPULATING, 2);
+            EmptyMainThread mainThread;
+            CHECK_OR_EXIT(staticWords.state() == StaticStrHashSet::STATE_FINISHED, 3);
+            CHECK_OR_EXIT(staticWords.contains("beta"), 4);
+            StaticStrHashSet late;
+            late.insert(&wordA);  // still one thread: allowed
+            Noop t;
+            late.insert(&wordB);
+            _exit(5);
+        },
+        testing::KilledBySignal(SIGABRT), "Assertion `!have_already_started_threads' failed");
 }
 
 TEST(ThreadLifetimeDeathTest, TheMainThreadComesOnce) {
