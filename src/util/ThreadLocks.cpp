@@ -42,18 +42,24 @@ void buffer_write(backtrace_writing_handler* h, const char* data, size_t length)
     t->used += n;
 }
 
-size_t format_into(char* buf, size_t cap, int errnum, const char* format, ...) {
+// The engine into `buf`, cut at `cap` bytes: the length.
+size_t vformat_into(char* buf, size_t cap, int errnum, const char* format, va_list args) {
     BufferTarget target;
     target.do_write = buffer_write;
     target.buf = buf;
     target.cap = cap;
     target.used = 0;
     CrashLogWriteHandler h(&target);
+    printf_render(h, errnum, format, args);
+    return target.used;
+}
+
+size_t format_into(char* buf, size_t cap, int errnum, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    printf_render(h, errnum, format, args);
+    const size_t n = vformat_into(buf, cap, errnum, format, args);
     va_end(args);
-    return target.used;
+    return n;
 }
 
 }  // namespace
@@ -65,17 +71,11 @@ void register_thread_log_func(thread_log_func func) {
 void thread_log(ThreadLogLevel level, const char* format, ...) {
     const int saved = errno;
     char buf[1024];
-    BufferTarget target;
-    target.do_write = buffer_write;
-    target.buf = buf;
-    target.cap = sizeof buf;
-    target.used = 0;
-    CrashLogWriteHandler h(&target);
     va_list args;
     va_start(args, format);
-    printf_render(h, saved, format, args);
+    const size_t n = vformat_into(buf, sizeof buf, saved, format, args);
     va_end(args);
-    thread_logger.load(std::memory_order_acquire)(level, buf, target.used);
+    thread_logger.load(std::memory_order_acquire)(level, buf, n);
     errno = saved;
 }
 
@@ -211,21 +211,11 @@ bool PthreadMutexImpl::tryLock() {
     return false;
 }
 
-static void write_hex_bytes(CrashLogWriteHandler& h, const void* p, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    char out[2 * 64];
-    const unsigned char* b = static_cast<const unsigned char*>(p);
-    for (size_t i = 0; i < n; ++i) {
-        out[2 * i] = digits[b[i] >> 4];
-        out[2 * i + 1] = digits[b[i] & 15];
-    }
-    h.write(out, 2 * n);
-}
-
 void crashlog_write(CrashLogWriteHandler& h, const PthreadMutexImpl& m) {
     h.write("PthreadMutexImpl:{");
     // Hexadecimal rather than the raw bytes: the report stays text.
-    write_hex_bytes(h, &m, sizeof(pthread_mutex_t));
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&m);
+    for (size_t i = 0; i < sizeof(pthread_mutex_t); ++i) h.format("%02x", bytes[i]);
     h.write("}");
 }
 

@@ -349,7 +349,6 @@ public:
     static void _assertIsLockedAndHasSleepersFailed();
 
 private:
-    static per_thread_state& ownState();
     per_thread_state* takeFirstWaiter(waiting_list* chain, per_thread_state*** linkOut) const;
 
     mutable std::atomic<uint8_t> _state{0};

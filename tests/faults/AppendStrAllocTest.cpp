@@ -21,31 +21,17 @@ std::string text(const AppendStr& s) {
     return out;
 }
 
-// Runs `op` on a fresh buffer made by `make`, failing its nth allocation for
-// n = 1, 2, ... until one run needs no more; `check` sees each failed run.
+// Each failed run is judged by `check`, and the buffer must stay usable.
 void failEachAllocation(const std::function<void(AppendStr&)>& make,
                         const std::function<void(AppendStr&)>& op,
                         const std::function<void(AppendStr&, const std::string&)>& check) {
-    for (long n = 1;; ++n) {
-        AppendStr s;
-        make(s);
-        const std::string before = text(s);
-        failingnew::failAt(n);
-        bool failed = false;
-        try {
-            op(s);
-        } catch (const std::bad_alloc&) {
-            failed = true;
-        }
-        failingnew::failAt(0);
-        if (!failed) {
-            EXPECT_GT(n, 1) << "the operation never allocated";
-            return;
-        }
-        check(s, before);
-        s.append("usable", 6);  // and it goes on working
-        ASSERT_EQ(text(s).substr(text(s).size() - 6), "usable");
-    }
+    failingnew::failEachAllocation<AppendStr>(
+        make, op, text, [&](AppendStr& s, const std::string& before, long) {
+            check(s, before);
+            if (testing::Test::HasFatalFailure()) return;
+            s.append("usable", 6);  // and it goes on working
+            ASSERT_EQ(text(s).substr(text(s).size() - 6), "usable");
+        });
 }
 
 void unchanged(AppendStr& s, const std::string& before) { ASSERT_EQ(text(s), before); }

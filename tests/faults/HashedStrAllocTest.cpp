@@ -16,29 +16,16 @@
 
 namespace {
 
+// The container must be as it was after each failed run, and go on working.
 template <class C>
 void failEachAllocation(const std::function<void(C&)>& make, const std::function<void(C&)>& op,
                         const std::function<std::string(const C&)>& describe) {
-    for (long n = 1;; ++n) {
-        C c;
-        make(c);
-        const std::string before = describe(c);
-        failingnew::failAt(n);
-        bool failed = false;
-        try {
-            op(c);
-        } catch (const std::bad_alloc&) {
-            failed = true;
-        }
-        failingnew::failAt(0);
-        if (!failed) {
-            EXPECT_GT(n, 1) << "the operation never allocated";
-            return;
-        }
-        ASSERT_EQ(describe(c), before) << "allocation " << n;
-        op(c);  // and it goes on working
-        ASSERT_NE(describe(c), before);
-    }
+    failingnew::failEachAllocation<C>(make, op, describe,
+                                      [&](C& c, const std::string& before, long n) {
+                                          ASSERT_EQ(describe(c), before) << "allocation " << n;
+                                          op(c);
+                                          ASSERT_NE(describe(c), before);
+                                      });
 }
 
 std::string describeSet(const StrHashSet& s) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "util/CrashLog.h"
+
 namespace testsupport {
 
 // A fresh directory under the build tree (on the same file system as the
@@ -58,5 +60,14 @@ bool waitUntil(const std::function<bool()>& condition, double seconds);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& contents);
 bool fileExists(const std::string& path);
+
+// What crashlog_write prints for `v`.
+template <class T>
+std::string crashText(const T& v) {
+    Str out;
+    CrashLogWriteHandlerAppendToStr h(&out);
+    crashlog_write(h, v);
+    return out;
+}
 
 }  // namespace testsupport

@@ -16,18 +16,10 @@
 
 namespace {
 
-// Polls `pred`, yielding, for at most 30 seconds.
-template <class P>
-bool spinUntil(P pred) {
-    struct timespec start, now;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    while (!pred()) {
-        Thread::yieldCpu();
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (now.tv_sec - start.tv_sec > 30) return false;
-    }
-    return true;
-}
+using testsupport::crashText;
+
+// Polls the state of the threads, for at most 30 seconds.
+bool spinUntil(const std::function<bool()>& pred) { return testsupport::waitUntil(pred, 30); }
 
 // A started library thread, joined when it goes out of scope.
 class Worker {
@@ -38,14 +30,6 @@ public:
 private:
     ThreadFunction _t;
 };
-
-template <class T>
-std::string crashText(const T& v) {
-    Str out;
-    CrashLogWriteHandlerAppendToStr h(&out);
-    crashlog_write(h, v);
-    return out;
-}
 
 // Who got a lock in which order, and what the byte said at that moment.
 struct Record {

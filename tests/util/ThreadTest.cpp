@@ -19,10 +19,10 @@
 
 namespace {
 
-template <class P>
-bool spinUntil(P pred) {
-    return testsupport::waitUntil(pred, 30);
-}
+using testsupport::crashText;
+
+// Polls the state of the threads, for at most 30 seconds.
+bool spinUntil(const std::function<bool()>& pred) { return testsupport::waitUntil(pred, 30); }
 
 class Flagging : public Thread {
 public:
@@ -33,13 +33,6 @@ public:
 private:
     std::atomic<bool>& _ran;
 };
-
-std::string crashText(const Thread& t) {
-    Str out;
-    CrashLogWriteHandlerAppendToStr h(&out);
-    t.renderCrashLogInfoTo(h);
-    return out;
-}
 
 std::set<std::string> kernelNames() {
     std::set<std::string> names;

@@ -29,13 +29,7 @@ std::string unixTime(const Timeval& t, unsigned digits) {
     return s;
 }
 
-template <class T>
-std::string crash(const T& v) {
-    Str s;
-    CrashLogWriteHandlerAppendToStr h(&s);
-    crashlog_write(h, v);
-    return s;
-}
+using testsupport::crashText;
 
 template <class T>
 std::string text(const T& v) {
@@ -215,11 +209,11 @@ TEST(IntervalText, PrintsSecondsAndMilliseconds) {
     EXPECT_EQ(text(Interval(1)), "0.001");
     EXPECT_EQ(text(Interval(123456)), "123.456");
     EXPECT_EQ(text(Interval::unbounded()), "18446744073709551.615");
-    EXPECT_EQ(crash(Interval(5050)), "5.050");
+    EXPECT_EQ(crashText(Interval(5050)), "5.050");
     EXPECT_EQ(text(MonotonicTime::Ticks(1000000001)), "1.000000001");
-    EXPECT_EQ(crash(MonotonicTime::Ticks(5)), "0.000000005");
+    EXPECT_EQ(crashText(MonotonicTime::Ticks(5)), "0.000000005");
     EXPECT_EQ(text(mt(-3, 5)), "-3.000000005");
-    EXPECT_EQ(crash(mt(7, 120)), "7.000000120");
+    EXPECT_EQ(crashText(mt(7, 120)), "7.000000120");
 }
 
 TEST(IntervalText, SecondsRoundedUpNearTheTop) {
@@ -282,16 +276,16 @@ TEST(TimevalText, DigitsOfTheFraction) {
 }
 
 TEST(TimevalText, CrashLogForm) {
-    EXPECT_EQ(crash(tv(0, 5)), "<zero>");
-    EXPECT_EQ(crash(Timeval::max()), "<max>");
-    EXPECT_EQ(crash(Timeval::min()), "<min>");
-    EXPECT_EQ(crash(tv(17, 5)), "17.000005");
-    EXPECT_EQ(crash(tv(-17, 0)), "-17.000000");
+    EXPECT_EQ(crashText(tv(0, 5)), "<zero>");
+    EXPECT_EQ(crashText(Timeval::max()), "<max>");
+    EXPECT_EQ(crashText(Timeval::min()), "<min>");
+    EXPECT_EQ(crashText(tv(17, 5)), "17.000005");
+    EXPECT_EQ(crashText(tv(-17, 0)), "-17.000000");
     // A negative time with a fraction shows the magnitude of its seconds
     // field, one more than the text form.
-    EXPECT_EQ(crash(tv(-2, 500000)), "-2.500000");
+    EXPECT_EQ(crashText(tv(-2, 500000)), "-2.500000");
     EXPECT_EQ(str(tv(-2, 500000)), "-1.500000");
-    EXPECT_EQ(crash(tv(kMin, 1)), "-9223372036854775808.999999");
+    EXPECT_EQ(crashText(tv(kMin, 1)), "-9223372036854775808.999999");
 }
 
 TEST(TimevalText, ClampedSeconds) {
@@ -486,7 +480,7 @@ TEST(DescribeTimeDifference, UnitsAtTheirThresholds) {
     };
     for (auto& c : cases) {
         EXPECT_EQ(text(describe_time_difference(c.a, c.b)), c.text);
-        EXPECT_EQ(crash(describe_time_difference(c.a, c.b)), c.text);
+        EXPECT_EQ(crashText(describe_time_difference(c.a, c.b)), c.text);
     }
     struct MCase {
         MonotonicTime a, b;
