@@ -1,14 +1,22 @@
 #include "util/CrashLog.h"
 
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "libzero/int-to-ascii.h"
+#include "util/AppendStr.h"
 #include "util/BasicConversions.h"
 #include "util/PrintFloatingPoint.h"
+#include "util/Pathname.h"
 #include "util/PrintfFormat.h"
+#include "util/Thread.h"
 
 void CrashLogWriteHandler::write(const char* text) { write(text, strlen(text)); }
 
@@ -87,6 +95,38 @@ void CrashLogWriteHandler::dumpMemory(const char* label, const void* address, si
     HexDumper::dumpTo(*this, address, n);
 }
 
+void CrashLogWriteHandler::dumpMemory(const char* label, const AppendStr& buffer, size_t length) {
+    const PortableIovec& v = buffer.iovec();
+    const uint64_t total = buffer.size();
+    const size_t first = v.size() > 0 ? v[0].iov_len : 0;
+    size_t shown = length < first ? length : first;
+    if (shown == total) {
+        format("All %u bytes of %s:\n", static_cast<unsigned>(shown), label);
+    } else {
+        format("First %u (/%u) bytes of %s:\n", static_cast<unsigned>(shown),
+               static_cast<unsigned>(total), label);
+    }
+    if (shown > 0) HexDumper::dumpTo(*this, v[0].iov_base, shown);
+}
+
+void CrashLogWriteHandler::writeFileContents(const char* path, size_t limit) {
+    write("-------------------- FILE CONTENTS OF \"");
+    write(path);
+    write("\"\n");
+    if (crash_log_insert_file(_handler, path, limit) != 0) format("*** ERROR OPENING FILE: %m\n");
+    write("--------------------\n\n");
+}
+
+void CrashLogWriteHandler::writeLastnBytesOfFileContent(const char* path, size_t n) {
+    write("-------------------- LAST FEW LINE OF FILE \"");
+    write(path);
+    write("\"\n");
+    if (crash_log_insert_file_last_n_bytes(_handler, path, n) != 0) {
+        format("*** ERROR OPENING FILE: %m\n");
+    }
+    write("--------------------\n\n");
+}
+
 CrashLogWriteHandlerAppendToStr::CrashLogWriteHandlerAppendToStr(Str* dest)
     : CrashLogWriteHandler(&_target) {
     _target.do_write = &append;
@@ -152,3 +192,150 @@ void crashlog_write(CrashLogWriteHandler& h, double v) {
 void crashlog_write(CrashLogWriteHandler& h, const char* v) { h.write(v ? v : "(null)"); }
 void crashlog_write(CrashLogWriteHandler& h, StrSegment v) { h.write(v); }
 void crashlog_write(CrashLogWriteHandler& h, const std::exception& e) { h.write(e.what()); }
+
+// ---------------------------------------------------------------- notations
+
+void ScopedPerThreadCrashLogNotation::_renderStub(crashlog_notation_entry* e,
+                                                  backtrace_writing_handler* h) {
+    CrashLogWriteHandler out(h);
+    reinterpret_cast<Entry*>(e)->owner->renderTo(out);
+}
+
+bool addGlobalCrashLogNotation(const Str& text) {
+    return crashlog_notation_global_add(text.data(), text.size()) == 0;
+}
+
+bool addGlobalCrashLogNotation(const char* format, ...) {
+    Str text;
+    va_list args;
+    va_start(args, format);
+    try {
+        text.vformat(format, args);
+    } catch (const std::bad_alloc&) {
+        va_end(args);
+        return false;
+    }
+    va_end(args);
+    return addGlobalCrashLogNotation(text);
+}
+
+bool addGlobalCrashLogNotationConstant(const char* text) {
+    auto* e = static_cast<crashlog_notation_string_entry*>(malloc(sizeof(crashlog_notation_string_entry)));
+    if (e == nullptr) return false;
+    e->entry = {crashlog_notation_write_string, nullptr, nullptr, nullptr};
+    e->text = text;
+    e->length = strlen(text);
+    return crashlog_notation_global_add_func(&e->entry) == 0;
+}
+
+// ---------------------------------------------------------------- the end of the process
+
+tarvex_fatal_exception_t tarvex_fatal_exception;
+
+namespace {
+
+void writeStderr(const char* text) {
+    size_t left = strlen(text);
+    while (left > 0) {
+        const ssize_t n = ::write(STDERR_FILENO, text, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        text += n;
+        left -= static_cast<size_t>(n);
+    }
+}
+
+void copyBounded(char* dest, size_t capacity, const char* text) {
+    const size_t n = strnlen(text, capacity - 1);
+    memcpy(dest, text, n);
+    dest[n] = '\0';
+}
+
+std::atomic<bool> terminate_entered{false};
+
+// The record is filled before anything else can fail, then the process
+// aborts into the crash report, which prints it.
+[[noreturn]] void terminateHandler() {
+    if (terminate_entered.exchange(true)) {
+        writeStderr("terminate called recursively\n");
+        abort();
+    }
+    tarvex_fatal_exception_t& r = tarvex_fatal_exception;
+    std::exception_ptr current = std::current_exception();
+    if (!current) {
+        r.state = 2;
+        writeStderr("terminate called without an active exception\n");
+        abort();
+    }
+    // libstdc++'s exception_ptr is the address of the thrown object.
+    static_assert(sizeof current == sizeof(void*));
+    memcpy(&r.exception_addr, &current, sizeof(void*));
+    r.typeinfo = abi::__cxa_current_exception_type();
+    const char* mangled = r.typeinfo != nullptr ? r.typeinfo->name() : "?";
+    int status = -1;
+    char* readable = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+    copyBounded(r.type_name, sizeof r.type_name, status == 0 && readable ? readable : mangled);
+    free(readable);
+    writeStderr("terminate called after throwing an instance of '");
+    writeStderr(r.type_name);
+    writeStderr("'\n");
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        r.state = 3;
+        writeStderr("  Memory allocation failed\n");
+    } catch (const std::exception& e) {
+        copyBounded(r.what, sizeof r.what, e.what());
+        r.state = 4;
+        writeStderr("  what():  ");
+        writeStderr(r.what);
+        writeStderr("\n");
+    } catch (...) {
+        r.state = 5;
+        writeStderr("  Exception type doesn't inherit from std::exception!\n");
+    }
+    abort();
+}
+
+int dumpFatalException(backtrace_writing_handler* handler) {
+    const tarvex_fatal_exception_t& r = tarvex_fatal_exception;
+    CrashLogWriteHandler h(handler);
+    if (r.state == 2) {
+        h.write(" C++ exception handling was triggered while no exception active!\n");
+        return 1;
+    }
+    if (r.state < 3 || r.state > 5) return 0;
+    h.format(" C++ exception:\n  exception_addr=%p\n  typeinfo=%p, name=%s", r.exception_addr,
+             static_cast<const void*>(r.typeinfo), r.type_name);
+    if (r.state == 3) {
+        h.write("\n  Exception indicates memory allocation failure\n");
+    } else if (r.state == 5) {
+        h.write("\n  Exception did not appear to be a std::exception subclass!\n");
+    } else {
+        h.write("\n  what(): ");
+        h.write(r.what);
+        h.write("\n");
+    }
+    return 1;
+}
+
+void crashLogVformat(backtrace_writing_handler* handler, const char* format, va_list args) {
+    CrashLogWriteHandler h(handler);
+    h.vformat(format, args);
+}
+
+bool finishInit(int initResult) {
+    register_dump_cxx_exception_helper_func(dumpFatalException);
+    register_crash_log_vformat_func(crashLogVformat);
+    std::set_terminate(terminateHandler);
+    Thread::registerCrashlogHooks();
+    return initResult == 0;
+}
+
+}  // namespace
+
+bool InitBacktracer(const Pathname& directory) {
+    return finishInit(crash_log_creator_init(directory.c_str()));
+}
+
+bool InitBacktracerToStderr() { return finishInit(crash_log_creator_init(nullptr)); }

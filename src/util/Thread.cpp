@@ -396,6 +396,11 @@ void EmptyMainThread::main() {
 
 void* Thread::callMain(void* arg) {
     Thread* instance = static_cast<Thread*>(arg);
+    // Every thread gets a signal stack of its own, so that a stack overflow
+    // here can still be reported. Without one the crash goes unreported but
+    // the thread runs all the same.
+    crashdumper_alt_stack altStack = {};
+    crash_log_alt_stack_install(&altStack);
     PerThreadStackScratch scratch;
     instance->_scratchp.store(&scratch);
     // The kernel keeps 15 bytes of a name; logs and crash reports keep all.
@@ -426,6 +431,7 @@ void* Thread::callMain(void* arg) {
         instance->_scratchp.store(nullptr);
     }
     activeThreads = nullptr;
+    crash_log_alt_stack_remove(&altStack);
     non_main_thread_count.fetch_sub(1);
     return nullptr;
 }
@@ -690,13 +696,15 @@ void Thread::registerCrashlogHooks() {
 }
 
 crashlog_notation_list* Thread::getCrashLogPerThreadState() {
+    // Every notation push asks this, so the common case is one thread-local
+    // load.
+    if (Thread* t = activeThreads) return t->_isMainThread ? &main_thread_notations : &t->_notations;
     const pthread_t self = pthread_self();
-    if ((main_thread_created && pthread_equal(self, main_pthread)) ||
-        (have_early_thread && pthread_equal(self, early_thread)) || !main_thread_created) {
+    if (!main_thread_created || pthread_equal(self, main_pthread) ||
+        (have_early_thread && pthread_equal(self, early_thread))) {
         return &main_thread_notations;
     }
-    Thread* t = activeThreads;
-    return t != nullptr ? &t->_notations : nullptr;
+    return nullptr;
 }
 
 void Thread::_renderCrashlogStub(crashlog_notation_entry* e, backtrace_writing_handler* h) {
