@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <time.h>
 #include <ucontext.h>
@@ -206,8 +207,8 @@ void builtin_vformat(backtrace_writing_handler* handler, const char* format, va_
             case 's': {
                 text = va_arg(args, const char*);
                 if (text == nullptr) text = "(null)";
-                length = precision >= 0 ? strnlen(text, static_cast<size_t>(precision))
-                                        : strlen(text);
+                length =
+                    precision >= 0 ? strnlen(text, static_cast<size_t>(precision)) : strlen(text);
                 zero = false;
                 break;
             }
@@ -265,11 +266,16 @@ void write_fully(int fd, const char* data, size_t length) {
     }
 }
 
+// _exit() without anyone's interposition: a sanitizer runtime's _exit runs
+// its leak check, which stops the world and never returns from a handler.
+// Nor may it look like it does not return, as ASan precedes calls to such
+// functions with a stack clean-up that allocates.
+void die_now(int status) { syscall(SYS_exit_group, status); }
+
 long elapsed_seconds(const timespec& since) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long>(now.tv_sec - since.tv_sec) -
-           (now.tv_nsec < since.tv_nsec ? 1 : 0);
+    return static_cast<long>(now.tv_sec - since.tv_sec) - (now.tv_nsec < since.tv_nsec ? 1 : 0);
 }
 
 void default_crash_log_write(backtrace_writing_handler* base, const char* data, size_t length) {
@@ -292,7 +298,7 @@ void default_crash_log_write(backtrace_writing_handler* base, const char* data, 
                     "Crash log writes still attempted after 3 seconds, maybe something is "
                     "looping?\n";
                 write_fully(h->fd, kLooping, sizeof kLooping - 1);
-                _exit(87);
+                die_now(87);
             }
         }
         return;
@@ -477,40 +483,60 @@ const char* cause_text(int signal, const siginfo_t* info) {
     switch (signal) {
         case SIGILL:
             switch (code) {
-                case ILL_ILLOPC: return "Illegal opcode";
-                case ILL_ILLOPN: return "Illegal operand for opcode";
-                case ILL_ILLADR: return "Illegal addressing mode for opcode";
-                case ILL_ILLTRP: return "Illegal trap";
-                case ILL_PRVOPC: return "Privileged opcode";
-                case ILL_PRVREG: return "Privileged register access";
-                case ILL_COPROC: return "Coprocessor error";
-                case ILL_BADSTK: return "Internal stack error";
+                case ILL_ILLOPC:
+                    return "Illegal opcode";
+                case ILL_ILLOPN:
+                    return "Illegal operand for opcode";
+                case ILL_ILLADR:
+                    return "Illegal addressing mode for opcode";
+                case ILL_ILLTRP:
+                    return "Illegal trap";
+                case ILL_PRVOPC:
+                    return "Privileged opcode";
+                case ILL_PRVREG:
+                    return "Privileged register access";
+                case ILL_COPROC:
+                    return "Coprocessor error";
+                case ILL_BADSTK:
+                    return "Internal stack error";
             }
             break;
         case SIGFPE:
             switch (code) {
-                case FPE_INTDIV: return "Integer division by zero";
-                case FPE_INTOVF: return "Integer overflow";
-                case FPE_FLTDIV: return "Floating point division by zero";
-                case FPE_FLTOVF: return "Floating point overflow";
-                case FPE_FLTUND: return "Floating point underflow";
-                case FPE_FLTRES: return "Inexact floating point result";
-                case FPE_FLTINV: return "Invalid floating point operation";
-                case FPE_FLTSUB: return "Floating point subscript out of range";
+                case FPE_INTDIV:
+                    return "Integer division by zero";
+                case FPE_INTOVF:
+                    return "Integer overflow";
+                case FPE_FLTDIV:
+                    return "Floating point division by zero";
+                case FPE_FLTOVF:
+                    return "Floating point overflow";
+                case FPE_FLTUND:
+                    return "Floating point underflow";
+                case FPE_FLTRES:
+                    return "Inexact floating point result";
+                case FPE_FLTINV:
+                    return "Invalid floating point operation";
+                case FPE_FLTSUB:
+                    return "Floating point subscript out of range";
             }
             break;
         case SIGSEGV:
             switch (code) {
-                case SEGV_MAPERR: return "No memory mapped";
-                case SEGV_ACCERR: return "Memory access denied";
+                case SEGV_MAPERR:
+                    return "No memory mapped";
+                case SEGV_ACCERR:
+                    return "Memory access denied";
             }
             break;
         case SIGBUS:
             switch (code) {
-                case BUS_ADRALN: return "Unaligned memory access";
-                case BUS_ADRERR: return "Non-existent accessed physical address";
-                case BUS_OBJERR: return info->si_errno == ENOMEM ? "Out of swap space"
-                                                                 : "Hardware error";
+                case BUS_ADRALN:
+                    return "Unaligned memory access";
+                case BUS_ADRERR:
+                    return "Non-existent accessed physical address";
+                case BUS_OBJERR:
+                    return info->si_errno == ENOMEM ? "Out of swap space" : "Hardware error";
             }
             break;
     }
@@ -532,17 +558,29 @@ void write_cause(backtrace_writing_handler* h, int signal, const siginfo_t* info
         report_format(h, "   Signal sent by PID %ld running under UID %ld.\n",
                       static_cast<long>(info->si_pid), static_cast<long>(info->si_uid));
     } else if (text == nullptr) {
-        report_format(h, "   Unknown signal origin (si_code=%d, si_addr=[0x%016llX]", code, address);
+        report_format(h, "   Unknown signal origin (si_code=%d, si_addr=[0x%016llX]", code,
+                      address);
         if (info->si_errno != 0) report_format(h, ", si_errno=%d", info->si_errno);
         put(h, ").\n");
     }
 }
 
-void write_address_line(backtrace_writing_handler* h, const void* address) {
-    report_format(h, "  [0x%016llX] ",
-                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(address)));
+// `return_address`: the address follows a call. A call to a function that
+// never returns (abort, a failed assertion) can be the last instruction of
+// its caller, so that the address is already the next function's: the
+// symbol is the one of the byte before.
+void write_address_line(backtrace_writing_handler* h, const void* address, bool return_address) {
+    const uintptr_t a = reinterpret_cast<uintptr_t>(address);
+    report_format(h, "  [0x%016llX] ", static_cast<unsigned long long>(a));
     backtrace_symbol_information info;
     backtrace_symbol_information_get(&info, address);
+    if (return_address && a > 0) {
+        backtrace_symbol_information caller;
+        backtrace_symbol_information_get(&caller, reinterpret_cast<const void*>(a - 1));
+        info.symbol_name = caller.symbol_name;
+        info.offset_in_symbol = caller.offset_in_symbol + 1;
+        info.symbol_size = caller.symbol_size;
+    }
     backtrace_symbol_information_print(h, &info);
     put(h, "\n");
 }
@@ -553,15 +591,15 @@ void write_registers(backtrace_writing_handler* h, const ucontext_t* uc) {
         const char* name;
         int index;
     } kRegisters[] = {
-        {"RDI", REG_RDI}, {"RSI", REG_RSI},       {"RBP", REG_RBP}, {"RSP", REG_RSP},
-        {"RAX", REG_RAX}, {"RBX", REG_RBX},       {"RCX", REG_RCX}, {"RDX", REG_RDX},
-        {"R8", REG_R8},   {"R9", REG_R9},         {"R10", REG_R10}, {"R11", REG_R11},
-        {"R12", REG_R12}, {"R13", REG_R13},       {"R14", REG_R14}, {"R15", REG_R15},
-        {"EFL", REG_EFL}, {"TRAPNO", REG_TRAPNO}, {"ERR", REG_ERR}, {"CSGSFS", REG_CSGSFS},
+        {"RDI", REG_RDI},         {"RSI", REG_RSI},       {"RBP", REG_RBP}, {"RSP", REG_RSP},
+        {"RAX", REG_RAX},         {"RBX", REG_RBX},       {"RCX", REG_RCX}, {"RDX", REG_RDX},
+        {"R8", REG_R8},           {"R9", REG_R9},         {"R10", REG_R10}, {"R11", REG_R11},
+        {"R12", REG_R12},         {"R13", REG_R13},       {"R14", REG_R14}, {"R15", REG_R15},
+        {"EFL", REG_EFL},         {"TRAPNO", REG_TRAPNO}, {"ERR", REG_ERR}, {"CSGSFS", REG_CSGSFS},
         {"OLDMASK", REG_OLDMASK},
     };
     put(h, " Registers:\n    RIP:");
-    write_address_line(h, reinterpret_cast<const void*>(r[REG_RIP]));
+    write_address_line(h, reinterpret_cast<const void*>(r[REG_RIP]), false);
     for (const auto& reg : kRegisters) {
         report_format(h, "    %s:  [0x%016llX]\n", reg.name,
                       static_cast<unsigned long long>(r[reg.index]));
@@ -569,11 +607,18 @@ void write_registers(backtrace_writing_handler* h, const ucontext_t* uc) {
 }
 
 // Kept out of line so that the frames to skip are always the same three: this
-// function, the handler and the kernel's signal trampoline.
-__attribute__((noinline)) void write_backtrace(backtrace_writing_handler* h) {
+// function, the handler and the kernel's signal trampoline. The interrupted
+// instruction itself (`pc`, when known) is exact; the frames under it are
+// return addresses.
+__attribute__((noinline)) void write_backtrace(backtrace_writing_handler* h, const void* pc) {
     void* frames[1024];
     const int n = get_backtrace(frames, 1024);
-    for (int i = 3; i < n; ++i) write_address_line(h, frames[i]);
+    bool below_pc = pc == nullptr;
+    for (int i = 3; i < n; ++i) {
+        const bool interrupted = frames[i] == pc;
+        write_address_line(h, frames[i], below_pc && !interrupted);
+        below_pc = below_pc || interrupted;
+    }
     asm volatile("" ::: "memory");  // no tail call: this frame must stay
 }
 
@@ -614,9 +659,9 @@ void write_assertion(backtrace_writing_handler* h) {
 
 void write_os_release(backtrace_writing_handler* h) {
     static constexpr const char* kFiles[] = {
-        "/etc/fedora-release",    "/etc/redhat-release",    "/etc/debian_version",
-        "/etc/SuSE-release",      "/etc/slackware-version", "/etc/gentoo-release",
-        "/etc/mandrake-release",  "/etc/os-release",
+        "/etc/fedora-release",   "/etc/redhat-release",    "/etc/debian_version",
+        "/etc/SuSE-release",     "/etc/slackware-version", "/etc/gentoo-release",
+        "/etc/mandrake-release", "/etc/os-release",
     };
     for (const char* path : kFiles) {
         if (access(path, R_OK) != 0) continue;
@@ -716,7 +761,12 @@ void crash_handler(int signal, siginfo_t* info, void* ucontext) {
     if (ucontext != nullptr) write_registers(h, static_cast<const ucontext_t*>(ucontext));
 
     put(h, "\n OS: Linux\n Arch: x86-64\n\n Backtrace (PIC build):\n");
-    write_backtrace(h);
+    const void* pc = nullptr;
+    if (ucontext != nullptr) {
+        pc = reinterpret_cast<const void*>(
+            static_cast<const ucontext_t*>(ucontext)->uc_mcontext.gregs[REG_RIP]);
+    }
+    write_backtrace(h, pc);
 
     struct utsname u;
     if (uname(&u) == 0) {
@@ -958,7 +1008,8 @@ int crash_log_creator_init_with_default_prefix() {
     char prefix[PATH_MAX];
     const size_t n = strlen(home);
     static constexpr char kTail[] = "/var/log/tarvex";
-    if (n + sizeof kTail > sizeof prefix) return crash_log_creator_init(home);  // reports the length
+    if (n + sizeof kTail > sizeof prefix)
+        return crash_log_creator_init(home);  // reports the length
     memcpy(prefix, home, n);
     memcpy(prefix + n, kTail, sizeof kTail);
     return crash_log_creator_init(prefix);

@@ -13,8 +13,8 @@
 #include "libzero/int-to-ascii.h"
 #include "util/AppendStr.h"
 #include "util/BasicConversions.h"
-#include "util/PrintFloatingPoint.h"
 #include "util/Pathname.h"
+#include "util/PrintFloatingPoint.h"
 #include "util/PrintfFormat.h"
 #include "util/Thread.h"
 
@@ -220,7 +220,8 @@ bool addGlobalCrashLogNotation(const char* format, ...) {
 }
 
 bool addGlobalCrashLogNotationConstant(const char* text) {
-    auto* e = static_cast<crashlog_notation_string_entry*>(malloc(sizeof(crashlog_notation_string_entry)));
+    auto* e = static_cast<crashlog_notation_string_entry*>(
+        malloc(sizeof(crashlog_notation_string_entry)));
     if (e == nullptr) return false;
     e->entry = {crashlog_notation_write_string, nullptr, nullptr, nullptr};
     e->text = text;

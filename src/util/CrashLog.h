@@ -108,8 +108,8 @@ public:
     ScopedPerThreadCrashLogNotation() {
         _entry.owner = this;
         _entry.e = {_renderStub, noop_crashlog_notation_destruct_func, nullptr, nullptr};
-        _list = crashdumper_get_notation_state != nullptr ? crashdumper_get_notation_state()
-                                                          : nullptr;
+        _list =
+            crashdumper_get_notation_state != nullptr ? crashdumper_get_notation_state() : nullptr;
         if (_list != nullptr) crashlog_notation_list_append(_list, &_entry.e);
         publish();
     }

@@ -698,7 +698,8 @@ void Thread::registerCrashlogHooks() {
 crashlog_notation_list* Thread::getCrashLogPerThreadState() {
     // Every notation push asks this, so the common case is one thread-local
     // load.
-    if (Thread* t = activeThreads) return t->_isMainThread ? &main_thread_notations : &t->_notations;
+    if (Thread* t = activeThreads)
+        return t->_isMainThread ? &main_thread_notations : &t->_notations;
     const pthread_t self = pthread_self();
     if (!main_thread_created || pthread_equal(self, main_pthread) ||
         (have_early_thread && pthread_equal(self, early_thread))) {

@@ -14,6 +14,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -39,20 +40,27 @@ bool onSignalStack() {
     return sigaltstack(nullptr, &ss) == 0 && (ss.ss_flags & SS_ONSTACK) != 0;
 }
 
-[[noreturn]] void allocationInHandler(const char* what) {
+// Nothing here may look like it does not return: ASan precedes calls to
+// such functions with a stack clean-up that itself allocates.
+void allocationInHandler(const char* what) {
     static constexpr char kPrefix[] = "crash_victim: ";
     static constexpr char kSuffix[] = " called inside the crash handler\n";
-    (void)!write(STDERR_FILENO, kPrefix, sizeof kPrefix - 1);
-    (void)!write(STDERR_FILENO, what, strlen(what));
-    (void)!write(STDERR_FILENO, kSuffix, sizeof kSuffix - 1);
-    _exit(86);
+    // Raw system calls: inside an allocator hook the sanitizers' own wrappers
+    // of write and _exit may wait on the allocator's lock.
+    syscall(SYS_write, STDERR_FILENO, kPrefix, sizeof kPrefix - 1);
+    syscall(SYS_write, STDERR_FILENO, what, strlen(what));
+    syscall(SYS_write, STDERR_FILENO, kSuffix, sizeof kSuffix - 1);
+    syscall(SYS_exit_group, 86);
 }
 
 }  // namespace
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers own malloc; they call these on every allocation and free.
-#include <sanitizer/allocator_interface.h>
+// (Part of their runtime's interface; GCC ships no header for it.)
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*,
+                                                                             size_t),
+                                                         void (*free_hook)(const volatile void*));
 
 namespace {
 void mallocHook(const volatile void*, size_t) {
@@ -156,6 +164,14 @@ __attribute__((noinline)) int crash_victim_recurse(int depth) {
     return crash_victim_recurse(depth + 1) + frame[0];
 }
 
+__attribute__((noinline)) void crash_victim_lock_error() {
+    // Unlocking as if others waited when none do is fatal.
+    MutexByte b;
+    MutexByte::waiting_list chain;
+    chain.construct();
+    if (b.tryLock()) b.unlockWithSleepers(&chain);
+}
+
 __attribute__((noinline)) void crash_victim_kill_self() { kill(getpid(), SIGSEGV); }
 
 __attribute__((noinline)) void crash_victim_bad_free() {
@@ -194,6 +210,17 @@ public:
     void renderTo(CrashLogWriteHandler& h) const override {
         h.write("about to fault in a notation");
         crash_victim_segv();
+    }
+};
+
+// Breaks the rule the guard enforces, to show that the guard bites.
+class AllocatingNotation : public ScopedPerThreadCrashLogNotation {
+public:
+    AllocatingNotation() { publish(); }
+    void renderTo(CrashLogWriteHandler& h) const override {
+        void* volatile p = malloc(64);
+        free(p);
+        h.write("allocated");
     }
 };
 
@@ -286,6 +313,8 @@ int main(int argc, char** argv) {
         runOn(worker, crash_victim_throw);
     } else if (scenario == "stack-overflow") {
         runOn(worker, [] { crash_victim_recurse(0); });
+    } else if (scenario == "lock-error") {
+        runOn(worker, crash_victim_lock_error);
     } else if (scenario == "kill-segv") {
         runOn(worker, crash_victim_kill_self);
     } else if (scenario == "bad-free") {
@@ -302,11 +331,13 @@ int main(int argc, char** argv) {
     } else if (scenario == "fault-in-handler") {
         FaultingNotation faulting;
         crash_victim_segv();
+    } else if (scenario == "malloc-in-handler") {
+        AllocatingNotation allocating;
+        crash_victim_segv();
     } else if (scenario == "emfile") {
         struct rlimit limit = {64, 64};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 5;
-        while (open("/dev/null", O_RDONLY) >= 0) {
-        }
+        while (open("/dev/null", O_RDONLY) >= 0) {}
         crash_victim_segv();
     } else if (scenario == "stderr-tail") {
         for (int i = 1; i <= 100; ++i) fprintf(stderr, "stderr line %d\t(tab)\r\n", i);
