@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "libzero/create-crash-dump.h"
 #include "libzero/int-to-ascii.h"
 
 struct assertion_failure_record last_assertion_failure;
@@ -24,15 +25,7 @@ struct StderrLine {
         memcpy(buf + len, s, n);
         len += n;
     }
-    void flush() {
-        size_t done = 0;
-        while (done < len) {
-            ssize_t n = write(STDERR_FILENO, buf + done, len - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-    }
+    void flush() { crash_log_write_all(STDERR_FILENO, buf, len); }
 };
 
 }  // namespace

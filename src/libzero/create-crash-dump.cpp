@@ -256,16 +256,6 @@ struct report_handler {
     timespec overflow_time;
 };
 
-void write_fully(int fd, const char* data, size_t length) {
-    while (length > 0) {
-        const ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n;
-        length -= static_cast<size_t>(n);
-    }
-}
-
 // _exit() without anyone's interposition: a sanitizer runtime's _exit runs
 // its leak check, which stops the world and never returns from a handler.
 // Nor may it look like it does not return, as ASan precedes calls to such
@@ -297,7 +287,7 @@ void default_crash_log_write(backtrace_writing_handler* base, const char* data, 
                 static constexpr char kLooping[] =
                     "Crash log writes still attempted after 3 seconds, maybe something is "
                     "looping?\n";
-                write_fully(h->fd, kLooping, sizeof kLooping - 1);
+                crash_log_write_all(h->fd, kLooping, sizeof kLooping - 1);
                 die_now(87);
             }
         }
@@ -308,11 +298,11 @@ void default_crash_log_write(backtrace_writing_handler* base, const char* data, 
             "Crash log has overflowed the allowed limit (512kB), truncated.\n";
         h->overflow = 63;
         clock_gettime(CLOCK_MONOTONIC, &h->overflow_time);
-        write_fully(h->fd, kOverflow, sizeof kOverflow - 1);
+        crash_log_write_all(h->fd, kOverflow, sizeof kOverflow - 1);
         return;
     }
     h->written += length;
-    write_fully(h->fd, data, length);
+    crash_log_write_all(h->fd, data, length);
 }
 
 // ---------------------------------------------------------------- file copies
@@ -817,7 +807,7 @@ void crash_handler(int signal, siginfo_t* info, void* ucontext) {
     // the process ends by the real signal, with its core.
 }
 
-void init_message(const char* text) { write_fully(STDERR_FILENO, text, strlen(text)); }
+void init_message(const char* text) { crash_log_write_all(STDERR_FILENO, text, strlen(text)); }
 
 struct fd_handler {
     backtrace_writing_handler base;
@@ -825,7 +815,7 @@ struct fd_handler {
 };
 
 void fd_write(backtrace_writing_handler* base, const char* data, size_t length) {
-    write_fully(reinterpret_cast<fd_handler*>(base)->fd, data, length);
+    crash_log_write_all(reinterpret_cast<fd_handler*>(base)->fd, data, length);
 }
 
 int read_exec_mappings() {
@@ -919,12 +909,17 @@ int crash_log_alt_stack_install(crashdumper_alt_stack* stack) {
     ss.ss_sp = inner;
     ss.ss_size = inner_length;
     ss.ss_flags = 0;
-    if (mprotect(inner, inner_length, PROT_READ | PROT_WRITE) != 0 ||
-        sigaltstack(&ss, &stack->previous) != 0) {
+    int failed_step = 0;
+    if (mprotect(inner, inner_length, PROT_READ | PROT_WRITE) != 0) {
+        failed_step = -2;
+    } else if (sigaltstack(&ss, &stack->previous) != 0) {
+        failed_step = -3;
+    }
+    if (failed_step != 0) {
         const int e = errno;
         munmap(mapping, pages * p);
         errno = e;
-        return -1;
+        return failed_step;
     }
     stack->mapping = mapping;
     stack->mapping_length = pages * p;
@@ -970,9 +965,18 @@ int crash_log_creator_init(const char* prefix) {
         return -1;
     }
     static crashdumper_alt_stack init_stack;
-    if (crash_log_alt_stack_install(&init_stack) != 0) {
-        perror(errno == ENOMEM ? "cannot allocate alternate stack" : "cannot set alternate stack");
-        return -1;
+    switch (crash_log_alt_stack_install(&init_stack)) {
+        case 0:
+            break;
+        case -1:
+            perror("cannot allocate alternate stack");
+            return -1;
+        case -2:
+            perror("cannot change memory protection on alternate stack");
+            return -1;
+        default:
+            perror("cannot set alternate stack");
+            return -1;
     }
 
     if (read_exec_mappings() != 0) return -1;
@@ -1049,12 +1053,13 @@ int crashlog_notation_global_add(const char* text, size_t length) {
 }
 
 int crashlog_notation_perthread_push(const char* text, size_t length) {
-    if (crashdumper_get_notation_state == nullptr || crashdumper_get_notation_state() == nullptr) {
-        return -1;
-    }
+    crashlog_notation_list* list =
+        crashdumper_get_notation_state != nullptr ? crashdumper_get_notation_state() : nullptr;
+    if (list == nullptr) return -1;
     crashlog_notation_entry* e = make_string_notation(text, length);
     if (e == nullptr) return -1;
-    return crashlog_notation_perthread_push_func(e);
+    crashlog_notation_list_append(list, e);
+    return 0;
 }
 
 void crashlog_notation_perthread_pop() {
@@ -1141,6 +1146,16 @@ void backtrace_symbol_information_print(backtrace_writing_handler* h,
 }
 
 // ---------------------------------------------------------------- output
+
+void crash_log_write_all(int fd, const char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t n = write(fd, data, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        data += n;
+        length -= static_cast<size_t>(n);
+    }
+}
 
 void crash_log_fputs(backtrace_writing_handler* handler, const char* text) { put(handler, text); }
 

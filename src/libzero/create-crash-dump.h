@@ -161,6 +161,10 @@ void backtrace_symbol_information_print(backtrace_writing_handler* handler,
 
 // ---------------------------------------------------------------- output
 
+// write(2) until all is written or an error other than EINTR; for the paths
+// that end a process, where nothing buffered may be trusted.
+void crash_log_write_all(int fd, const char* data, size_t length);
+
 void crash_log_fputs(backtrace_writing_handler* handler, const char* text);
 void crash_log_fputs_bounded(backtrace_writing_handler* handler, const char* text,
                              size_t max_length);
@@ -186,7 +190,8 @@ struct crashdumper_alt_stack {
     stack_t previous;
 };
 
-// For the calling thread. Returns 0, or -1 with errno (nothing installed).
+// For the calling thread. Returns 0, or with errno set (nothing installed)
+// the step that failed: -1 allocating, -2 protecting, -3 installing.
 int crash_log_alt_stack_install(crashdumper_alt_stack* stack);
 // Puts back the stack that was there before, then frees this one.
 void crash_log_alt_stack_remove(crashdumper_alt_stack* stack);

@@ -235,16 +235,7 @@ tarvex_fatal_exception_t tarvex_fatal_exception;
 
 namespace {
 
-void writeStderr(const char* text) {
-    size_t left = strlen(text);
-    while (left > 0) {
-        const ssize_t n = ::write(STDERR_FILENO, text, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        text += n;
-        left -= static_cast<size_t>(n);
-    }
-}
+void writeStderr(const char* text) { crash_log_write_all(STDERR_FILENO, text, strlen(text)); }
 
 void copyBounded(char* dest, size_t capacity, const char* text) {
     const size_t n = strnlen(text, capacity - 1);

@@ -58,9 +58,12 @@ TEST(Thread, NamesLoseTheirBlanksAndTheKernelKeepsFifteenBytes) {
     EXPECT_EQ(longName.name(), "TcpChannelThread");
     t.go();
     longName.go();
-    ASSERT_TRUE(spinUntil([&] { return kernelNames().count("TcpChannelThrea") == 1; }));
-    EXPECT_EQ(kernelNames().count("mythread1"), 1u);
-    EXPECT_NE(t.kernelId(), 0);
+    // Each thread names itself once it runs; wait for both.
+    ASSERT_TRUE(spinUntil([&] {
+        const auto names = kernelNames();
+        return names.count("TcpChannelThrea") == 1 && names.count("mythread1") == 1 &&
+               t.kernelId() != 0 && longName.kernelId() != 0;
+    }));
     EXPECT_NE(t.kernelId(), longName.kernelId());
     hold = false;
     t.join();
