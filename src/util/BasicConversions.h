@@ -18,6 +18,7 @@
 #include "util/Str.h"
 
 class CrashLogWriteHandler;
+class Logger;
 class StrVector;
 
 // ---------------------------------------------------------------- basic types
@@ -119,6 +120,7 @@ public:
     static void dumpTo(Str* dest, const void* data, size_t length);
     static void dumpTo(StrVector* dest, const void* data, size_t length);
     static void dumpTo(CrashLogWriteHandler& dest, const void* data, size_t length);
+    static void dumpTo(const Logger* dest, const void* data, size_t length);
 };
 
 // Each line and a line feed.
@@ -149,6 +151,18 @@ public:
 
 private:
     CrashLogWriteHandler& _dest;
+};
+
+// Each line as one message of `logger` at `level` (debug by default).
+class HexDumper_to_Logger : public HexDumper {
+public:
+    explicit HexDumper_to_Logger(const Logger* logger, int level = 0)
+        : _logger(logger), _level(level) {}
+    void accept_line(const char* line, size_t length) override;
+
+private:
+    const Logger* _logger;
+    int _level;
 };
 
 // ---------------------------------------------------------------- environment

@@ -8,17 +8,15 @@
 #include <algorithm>
 
 #include "libzero/assertion.h"
+#include "util/Logger.h"
 
 namespace {
 
-// Stands in for the "LineReader" log channel at ERROR until the logger has
-// channels; the logger takes this over then. Keeps errno, as log calls do.
+Logger line_reader_log("LineReader");
+
 void logReadFailure(size_t bytes) {
-    const int saved = errno;
-    FileDescriptor(STDERR_FILENO)
-        .format("ERROR LineReader: failed to read bytes=%lu from underlying reader\n",
-                static_cast<unsigned long>(bytes));
-    errno = saved;
+    line_reader_log.error("failed to read bytes=%lu from underlying reader",
+                          static_cast<unsigned long>(bytes));
 }
 
 void dropFinalCr(Str& line) {

@@ -1,12 +1,1088 @@
 #include "util/Logger.h"
 
-#include <cerrno>
+#include <sys/uio.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "libzero/assertion.h"
+#include "util/CrashLog.h"
 #include "util/PrintfFormat.h"
+#include "util/Thread.h"
+#include "util/UnicodeStream.h"
+
+// ---------------------------------------------------------------- levels
+
+namespace {
+constexpr const char* LEVEL_TEXTS[] = {"DEBUG", "INFO",  "NOTICE", "WARN", "ERROR",
+                                       "CRIT",  "ALERT", "FATAL",  "EMERG"};
+constexpr int LEVEL_COUNT = 9;
+}  // namespace
+
+const char* logLevelText(int level) {
+    return level >= 0 && level < LEVEL_COUNT ? LEVEL_TEXTS[level] : "???";
+}
+
+int logLevelFromText(StrSegment text) {
+    for (int i = 0; i < LEVEL_COUNT; ++i) {
+        if (text.equals(LEVEL_TEXTS[i])) return i;
+    }
+    return -1;
+}
 
 LogFormatCallback::~LogFormatCallback() = default;
 void LogFormatCallback::beforeFormat(Str&) {}
 void LogFormatCallback::afterFormat(Str&) {}
+
+LogObserver::~LogObserver() = default;
+
+// ---------------------------------------------------------------- process-wide state
+
+namespace {
+
+// Static objects that must work before any constructor has run, and must
+// not be destroyed at exit while other threads may still log.
+template <class T>
+union NeverDestroyed {
+    T value;
+    constexpr NeverDestroyed() : value() {}
+    ~NeverDestroyed() {}
+};
+
+class NologLock {
+public:
+    explicit NologLock(PthreadMutexImpl& m) : _m(m), _held(m.NOLOG_lock()) {}
+    ~NologLock() {
+        if (_held) _m.NOLOG_unlock();
+    }
+    NologLock(const NologLock&) = delete;
+    NologLock& operator=(const NologLock&) = delete;
+
+private:
+    PthreadMutexImpl& _m;
+    bool _held;
+};
+
+// Guards the logger lists and the channel map.
+constinit PthreadMutexImpl init_mutex{PthreadMutexImpl::StaticInit{}};
+constinit Logger* waiting_list = nullptr;  // loggers without a channel
+constinit Logger* visited_list = nullptr;  // loggers that have one, for a re-initialisation
+std::atomic<bool> initialized_flag{false};
+std::atomic<bool> stderr_forbidden{false};
+
+constinit NeverDestroyed<LogChannel> root_channel;
+// The channel of the logging system's own messages until its logger has one.
+constinit NeverDestroyed<LogChannel> internal_fixed_channel;
+
+using ChannelMap = std::map<Str, LogChannel*, std::less<>>;
+ChannelMap& channel_map() {
+    static ChannelMap* m = new ChannelMap;
+    return *m;
+}
+
+LogChannel* find_or_create_locked(StrSegment name) {
+    ChannelMap& m = channel_map();
+    const auto it = m.find(std::string_view(name));
+    if (it != m.end()) return it->second;
+    LogChannel* root = &root_channel.value;
+    auto* c = new LogChannel;
+    c->_level.store(root->level(), std::memory_order_relaxed);
+    c->_buffered = root->_buffered;
+    c->_appenders = root->_appenders;
+    m.emplace(Str(name), c);
+    return c;
+}
+
+// "<LEVEL> - <text>" and LF to standard error in one write.
+void write_fallback(int level, StrSegment text) noexcept {
+    if (stderr_forbidden.load(std::memory_order_relaxed)) return;
+    const char* lt = logLevelText(level);
+    struct iovec v[4] = {{const_cast<char*>(lt), strlen(lt)},
+                         {const_cast<char*>(" - "), 3},
+                         {const_cast<char*>(text.data()), text.size()},
+                         {const_cast<char*>("\n"), 1}};
+    const ssize_t ignored = writev(STDERR_FILENO, v, 4);
+    (void)ignored;
+}
+
+}  // namespace
+
+// The process start as the logging system sees it, for %r and %R.
+Timeval log_start_time;
+
+// Helpers with access to the loggers' private fields.
+class LoggerRegistry {
+public:
+    static void assignAll() {
+        while (Logger* l = waiting_list) {
+            waiting_list = l->_next;
+            l->_channel.store(find_or_create_locked(StrSegment(l->_name, l->_name_len)),
+                              std::memory_order_relaxed);
+            l->_next = visited_list;
+            visited_list = l;
+        }
+    }
+    // Every logger loses its channel and waits again; the channels go.
+    static void resetAll() {
+        while (Logger* l = visited_list) {
+            visited_list = l->_next;
+            l->_channel.store(nullptr, std::memory_order_relaxed);
+            l->_next = waiting_list;
+            waiting_list = l;
+        }
+        for (auto& [name, channel] : channel_map()) delete channel;
+        channel_map().clear();
+    }
+    static void unlink(Logger* logger) {
+        for (Logger** p : {&waiting_list, &visited_list}) {
+            for (; *p != nullptr; p = &(*p)->_next) {
+                if (*p == logger) {
+                    *p = logger->_next;
+                    return;
+                }
+            }
+        }
+    }
+    static void add(Logger* logger) {
+        if (initialized_flag.load(std::memory_order_relaxed)) {
+            logger->_channel.store(
+                find_or_create_locked(StrSegment(logger->_name, logger->_name_len)),
+                std::memory_order_relaxed);
+            logger->_next = visited_list;
+            visited_list = logger;
+        } else {
+            logger->_next = waiting_list;
+            waiting_list = logger;
+        }
+    }
+};
+
+namespace {
+
+// The logging system's own logger.
+Logger internal_logger("Logger", false, 60, 100);
+// Where the thread layer's lines go once loggers are initialised.
+Logger thread_logger("Thread");
+
+void thread_log_to_logger(ThreadLogLevel level, const char* text, size_t length) {
+    static constexpr int LEVELS[] = {LOG_LEVEL_DEBUG, LOG_LEVEL_INFO, LOG_LEVEL_WARN,
+                                     LOG_LEVEL_FATAL};
+    thread_logger.logSeg(LEVELS[level], text, length);
+}
+
+// The channel a message of `logger` goes to; null when it goes to the fallback.
+LogChannel* channel_for(const Logger* logger) {
+    if (logger->_logger_is_constructed_slowpath()) {
+        if (LogChannel* c = logger->channel()) return c;
+    }
+    return initialized_flag.load(std::memory_order_acquire) ? &root_channel.value : nullptr;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- accumulators
+
+namespace {
+// A buffer that grew for one huge message is not kept for the thread's life.
+constexpr size_t KEEP_ACCUMULATOR_CAPACITY = 65536;
+
+LoggerStreamAccumulator* thread_accumulator() {
+    Thread* thr = Thread::current();
+    if (thr == nullptr) return nullptr;
+    ASSERT(thr->_scratchp != nullptr);
+    return &thr->_scratchp.load(std::memory_order_relaxed)->logAccumulator;
+}
+
+void hand_back(LoggerStreamAccumulator* acc) {
+    if (acc->message.capacity() > KEEP_ACCUMULATOR_CAPACITY) {
+        Str().swap(acc->message);
+    } else {
+        acc->message.clear();
+    }
+    acc->loggerWord = 0;
+}
+}  // namespace
+
+LoggerStreamAccumulator* LoggerStreamAccumulator::get(uintptr_t loggerWord) noexcept {
+    if (LoggerStreamAccumulator* acc = thread_accumulator()) {
+        if (acc->loggerWord == 0) {
+            acc->loggerWord = loggerWord;
+            acc->message.clear();
+            return acc;
+        }
+    }
+    auto* acc = new (std::nothrow) LoggerStreamAccumulator;
+    if (acc != nullptr) acc->loggerWord = loggerWord | DYNAMIC_FLAG;
+    return acc;
+}
+
+void LoggerStreamAccumulator::release(LoggerStreamAccumulator* acc) noexcept {
+    if (acc->isDynamic()) {
+        delete acc;
+    } else {
+        hand_back(acc);
+    }
+}
+
+LoggerStreamAccumulator::scoped_claim::scoped_claim(const Logger* logger) noexcept {
+    LoggerStreamAccumulator* acc = thread_accumulator();
+    if (acc != nullptr && acc->loggerWord == 0) {
+        acc->loggerWord = logger != nullptr ? reinterpret_cast<uintptr_t>(logger) : NOT_CONSTRUCTED;
+        acc->message.clear();
+        _acc = acc;
+    }
+}
+
+LoggerStreamAccumulator::scoped_claim::~scoped_claim() {
+    if (_acc != nullptr) hand_back(_acc);
+}
+
+// ---------------------------------------------------------------- escaping
+
+namespace {
+
+bool must_escape(unsigned char c, bool full) {
+    return full ? (c != '\t' && (c < 0x20 || c > 0x7e)) : (c == '\n' || c == '\r');
+}
+
+// A message and its escaped form, made at most once and only when needed.
+class LogMessage {
+public:
+    LogMessage(StrSegment raw, bool escaping) : _raw(raw), _escaping(escaping) {}
+
+    // The form to write; the first caller's flag decides it for all.
+    StrSegment get(bool full) {
+        if (!_escaping) return _raw;
+        if (!_built) build(full);
+        return _result;
+    }
+
+private:
+    void build(bool full) {
+        _built = true;
+        _result = _raw;
+        size_t i = 0;
+        const size_t n = _raw.size();
+        const auto* p = reinterpret_cast<const unsigned char*>(_raw.data());
+        while (i < n && !must_escape(p[i], full)) ++i;
+        if (i == n) return;
+        _escaped.reserve(n + 16);
+        _escaped.append(_raw.data(), i);
+        static constexpr char HEX[] = "0123456789abcdef";
+        for (; i < n; ++i) {
+            const unsigned char c = p[i];
+            if (!must_escape(c, full)) {
+                _escaped.push_back(static_cast<char>(c));
+            } else if (c == '\n') {
+                _escaped.append("\\n", 2);
+            } else if (c == '\r') {
+                _escaped.append("\\r", 2);
+            } else {
+                const char e[4] = {'\\', 'x', HEX[c >> 4], HEX[c & 15]};
+                _escaped.append(e, 4);
+            }
+        }
+        _result = _escaped.seg();
+    }
+
+    StrSegment _raw;
+    bool _escaping;
+    bool _built = false;
+    StrSegment _result;
+    Str _escaped;
+};
+
+// To the appenders of `channel` (the root appender when it has none) but
+// `skip`. The first appender written gets the observers, under the channel's
+// lock, so that an observer sees each line once and is never called after
+// it was removed; the others are written without that lock.
+bool deliver(LogChannel* channel, const LogMsgMetadata& md, LogMessage& msg,
+             const LogAppender* skip) {
+    LogAppender* inlineList[8];
+    std::vector<LogAppender*> heapList;
+    LogAppender** list = inlineList;
+    size_t n = 0;
+    size_t next = 0;
+    bool took = false;
+    {
+        NologLock lock(channel->_mutex);
+        const bool buffered = channel->_buffered;
+        n = channel->_appenders.size();
+        if (n == 0) {
+            inlineList[0] = LogAppender::rootAppender();
+            n = 1;
+        } else if (n <= 8) {
+            std::copy(channel->_appenders.begin(), channel->_appenders.end(), inlineList);
+        } else {
+            heapList = channel->_appenders;
+            list = heapList.data();
+        }
+        if (!channel->_observers.empty()) {
+            for (; next < n; ++next) {
+                LogAppender* a = list[next];
+                if (a == skip) continue;
+                took |= a->write(md, msg.get(a->escape()), &channel->_observers, buffered);
+                ++next;
+                break;
+            }
+        }
+    }
+    const bool buffered = channel->_buffered;
+    for (; next < n; ++next) {
+        LogAppender* a = list[next];
+        if (a == skip) continue;
+        took |= a->write(md, msg.get(a->escape()), nullptr, buffered);
+    }
+    return took;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- LogChannel
+
+LogChannel* LogChannel::root() { return &root_channel.value; }
+
+LogChannel* LogChannel::findOrCreate(StrSegment name) {
+    NologLock lock(init_mutex);
+    return find_or_create_locked(name);
+}
+
+bool LogChannel::changeLevel(StrSegment text) {
+    const int level = logLevelFromText(text);
+    if (level < 0) return false;
+    _level.store(level, std::memory_order_relaxed);
+    return true;
+}
+
+bool LogChannel::applyConfWord(StrSegment word, bool* appenderSeen) {
+    if (changeLevel(word)) {
+        _explicit = true;
+        return true;
+    }
+    if (Str(word).asLowercase().equals("buffered")) {
+        _buffered = true;
+        return true;
+    }
+    LogAppender* a = LogAppender::find(word, false);
+    if (a == nullptr) return false;
+    if (!*appenderSeen) {
+        _appenders.clear();
+        *appenderSeen = true;
+    }
+    if (std::find(_appenders.begin(), _appenders.end(), a) == _appenders.end()) {
+        _appenders.push_back(a);
+    }
+    return true;
+}
+
+bool LogChannel::setConfig(const char* text) { return setConfig(StrSegment(text)); }
+
+bool LogChannel::setConfig(StrSegment text) {
+    static constexpr CharacterClass SEPARATORS(" \t,");
+    _buffered = false;
+    bool appenderSeen = false;
+    bool ok = true;
+    size_t i = 0;
+    while (i < text.size()) {
+        const size_t start = text.find(SEPARATORS, i, false);
+        if (start == StrSegment::npos) break;
+        size_t end = text.find(SEPARATORS, start);
+        if (end == StrSegment::npos) end = text.size();
+        if (!applyConfWord(text.substr(start, end - start), &appenderSeen)) ok = false;
+        i = end;
+    }
+    return ok;
+}
+
+void LogChannel::addObserver(LogObserver* observer) {
+    NologLock lock(_mutex);
+    _observers.push_back(observer);
+}
+
+void LogChannel::removeObserver(LogObserver* observer) {
+    NologLock lock(_mutex);
+    const auto it = std::find(_observers.begin(), _observers.end(), observer);
+    if (it != _observers.end()) _observers.erase(it);
+}
+
+bool LogChannel::write(const LogMsgMetadata& md, StrSegment message, const LogAppender* skip) {
+    LogMessage msg(message, false);
+    return deliver(this, md, msg, skip);
+}
+
+void LogChannel::writeEscaped(const LogMsgMetadata& md, StrSegment message) {
+    const bool escaping = md.logger == nullptr || !md.logger->_logger_is_constructed_slowpath() ||
+                          md.logger->shouldEscape();
+    LogMessage msg(message, escaping);
+    deliver(this, md, msg, nullptr);
+}
+
+void LogChannel::finish_vlog(const Logger* logger, LogChannel* channel, int level,
+                             LogFormatCallback* callback, int errnum, const char* format,
+                             va_list args) noexcept {
+    LoggerStreamAccumulator::scoped_claim claim(logger);
+    Str& text = claim.str();
+    bool rendered = false;
+    try {
+        Logger::appendVformat(text, errnum, callback, format, args);
+        rendered = true;
+        const LogMsgMetadata md{CurrentTimeval(), logger, level};
+        channel->writeEscaped(md, text.seg());
+    } catch (...) {
+        write_fallback(level, rendered ? text.seg() : StrSegment(format));
+    }
+}
+
+void LogChannel::finish_vlog_s(const Logger* logger, LogChannel* channel, int level,
+                               StrSegment message) noexcept {
+    try {
+        const LogMsgMetadata md{CurrentTimeval(), logger, level};
+        channel->writeEscaped(md, message);
+    } catch (...) {
+        write_fallback(level, message);
+    }
+}
+
+// ---------------------------------------------------------------- the log calls
+
+namespace {
+
+// After the level test: the dedupper, then the channel.
+void log_rendered(const Logger* logger, LogChannel* channel, int level, StrSegment text) {
+    if (LogDedupper* d = logger->_dedupper()) {
+        if (!d->admit(logger, channel, level, text)) return;
+    }
+    LogChannel::finish_vlog_s(logger, channel, level, text);
+}
+
+}  // namespace
+
+void LogFormat::cpp_do_log(const Logger* logger, int level, LogFormatCallback* callback,
+                           const char* format, va_list args) noexcept {
+    const int saved = errno;
+    try {
+        LogChannel* channel = channel_for(logger);
+        if (channel == nullptr || logger->_dedupper() != nullptr) {
+            if (channel != nullptr && level < channel->level()) {
+                errno = saved;
+                return;
+            }
+            LoggerStreamAccumulator::scoped_claim claim(logger);
+            Str& text = claim.str();
+            try {
+                Logger::appendVformat(text, saved, callback, format, args);
+            } catch (...) {
+                text.assign(format);
+            }
+            if (channel == nullptr) {
+                write_fallback(level, text.seg());
+            } else {
+                log_rendered(logger, channel, level, text.seg());
+            }
+        } else if (level >= channel->level()) {
+            LogChannel::finish_vlog(logger, channel, level, callback, saved, format, args);
+        }
+    } catch (...) {
+        // A log call never fails for its caller.
+    }
+    errno = saved;
+}
+
+void LogFormat::do_log(LoggerStreamAccumulator* acc, int level) noexcept {
+    const int saved = errno;
+    try {
+        if (!acc->message.empty()) {
+            if ((acc->loggerWord & ~LoggerStreamAccumulator::DYNAMIC_FLAG) ==
+                LoggerStreamAccumulator::NOT_CONSTRUCTED) {
+                write_fallback(level, acc->message.seg());
+            } else {
+                const Logger* logger = acc->logger();
+                if (LogChannel* channel = channel_for(logger)) {
+                    log_rendered(logger, channel, level, acc->message.seg());
+                } else {
+                    write_fallback(level, acc->message.seg());
+                }
+            }
+        }
+    } catch (...) {}
+    LoggerStreamAccumulator::release(acc);
+    errno = saved;
+}
+
+void LogFormat::internal(const LogAppender* appender, int level, const char* format, ...) {
+    const int saved = errno;
+    try {
+        LogChannel* channel = internal_logger.channel();
+        if (channel == nullptr) channel = &internal_fixed_channel.value;
+        const int threshold = initialized_flag.load(std::memory_order_acquire)
+                                  ? channel->level()
+                                  : root_channel.value.level();
+        if (level >= threshold) {
+            Str text;
+            va_list args;
+            va_start(args, format);
+            try {
+                Logger::appendVformat(text, saved, nullptr, format, args);
+            } catch (...) {
+                text.assign(format);
+            }
+            va_end(args);
+            const LogMsgMetadata md{CurrentTimeval(), &internal_logger, level};
+            bool took = false;
+            if (initialized_flag.load(std::memory_order_acquire)) {
+                try {
+                    took = channel->write(md, text.seg(), appender);
+                } catch (...) {}
+            }
+            if (!took) write_fallback(level, text.seg());
+        }
+    } catch (...) {}
+    errno = saved;
+}
+
+#if !defined(__GNUC__) || defined(__clang__)
+#define TX_LOG_CALL(fn, level)                                     \
+    void Logger::fn(const char* format, ...) const {               \
+        if (!isLevelEnabled(level)) return;                        \
+        va_list args;                                              \
+        va_start(args, format);                                    \
+        LogFormat::cpp_do_log(this, level, nullptr, format, args); \
+        va_end(args);                                              \
+    }
+TX_LOG_CALL(debug, LOG_LEVEL_DEBUG)
+TX_LOG_CALL(info, LOG_LEVEL_INFO)
+TX_LOG_CALL(warn, LOG_LEVEL_WARN)
+TX_LOG_CALL(error, LOG_LEVEL_ERROR)
+TX_LOG_CALL(fatal, LOG_LEVEL_FATAL)
+#undef TX_LOG_CALL
+#endif
+
+void Logger::_log(int level, const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    LogFormat::cpp_do_log(this, level, nullptr, format, args);
+    va_end(args);
+}
+
+void Logger::vlog(int level, LogFormatCallback* cb, const char* format, va_list args) const {
+    if (!isLevelEnabled(level)) return;
+    va_list copy;
+    va_copy(copy, args);
+    LogFormat::cpp_do_log(this, level, cb, format, copy);
+    va_end(copy);
+}
+
+void Logger::logSeg(int level, const char* data, size_t length) const {
+    if (!isLevelEnabled(level)) return;
+    const int saved = errno;
+    try {
+        if (LogChannel* channel = channel_for(this)) {
+            if (level >= channel->level())
+                log_rendered(this, channel, level, StrSegment(data, length));
+        } else {
+            write_fallback(level, StrSegment(data, length));
+        }
+    } catch (...) {}
+    errno = saved;
+}
+
+void Logger::logException(int level, const std::exception& e) const {
+    if (!isLevelEnabled(level)) return;
+    const char* what = "std::exception";
+    try {
+        what = e.what();
+    } catch (...) {}
+    logSeg(level, what, strlen(what));
+}
+
+void Logger::debugSplitLines(const char* data, size_t length) const {
+    if (!_isDebugEnabled()) return;
+    size_t start = 0;
+    for (size_t i = 0; i <= length; ++i) {
+        if (i == length || data[i] == '\n' || data[i] == '\r') {
+            if (i > start) logSeg(LOG_LEVEL_DEBUG, data + start, i - start);
+            start = i + 1;
+        }
+    }
+}
+
+LoggerStreamAccumulator* Logger::_stream_get(int level) const {
+    if (!_logger_is_constructed_slowpath()) {
+        return LoggerStreamAccumulator::get(LoggerStreamAccumulator::NOT_CONSTRUCTED);
+    }
+    if (!isLevelEnabled(level)) return nullptr;
+    return LoggerStreamAccumulator::get(reinterpret_cast<uintptr_t>(this));
+}
+
+// ---------------------------------------------------------------- Logger
+
+Logger::Logger(const char* name, bool dedup, unsigned dedupSeconds, unsigned dedupMaxHeld)
+    : _name(name), _name_len(strlen(name)) {
+    // clang-format off
+    ASSERT((reinterpret_cast<uintptr_t>(this) & LoggerStreamAccumulator::DYNAMIC_FLAG) == 0);
+    // clang-format on
+    if (dedup) _dedup = new LogDedupper(dedupSeconds, dedupMaxHeld);
+    NologLock lock(init_mutex);
+    LoggerRegistry::add(this);
+}
+
+Logger::Logger(const char* name, LogChannel* ownChannel) : _name(name), _name_len(strlen(name)) {
+    // clang-format off
+    ASSERT((reinterpret_cast<uintptr_t>(this) & LoggerStreamAccumulator::DYNAMIC_FLAG) == 0);
+    // clang-format on
+    _channel.store(ownChannel, std::memory_order_relaxed);
+}
+
+Logger::~Logger() {
+    removeFromUninitialzedList();
+    delete _dedup;
+}
+
+void Logger::removeFromUninitialzedList() {
+    NologLock lock(init_mutex);
+    LoggerRegistry::unlink(this);
+}
+
+bool Logger::shouldEscape() const { return true; }
+bool Logger::shouldLimitMsgLength() const { return true; }
+
+int Logger::getLogLevel() const {
+    static constexpr int SCALE[] = {1, 2, 2, 3, 4, 4, 4, 5, 4};
+    const LogChannel* c = channel();
+    if (c == nullptr || !initialized_flag.load(std::memory_order_relaxed)) return 0;
+    const int level = c->level();
+    return level >= 0 && level < LEVEL_COUNT ? SCALE[level] : 0;
+}
+
+void Logger::registerLogObserver(LogObserver* observer) const {
+    LogChannel* c = channel();
+    (c != nullptr ? c : &root_channel.value)->addObserver(observer);
+}
+
+void Logger::unregisterLogObserver(LogObserver* observer) const {
+    LogChannel* c = channel();
+    (c != nullptr ? c : &root_channel.value)->removeObserver(observer);
+}
+
+void Logger::flushDedup() const {
+    if (_dedup == nullptr) return;
+    if (LogChannel* channel = channel_for(this)) _dedup->flush(this, channel);
+}
+
+LoggerSimple::LoggerSimple(const char* name) : Logger(name, &_own) {}
+bool LoggerSimple::shouldEscape() const { return false; }
+bool LoggerSimple::shouldLimitMsgLength() const { return false; }
+
+ScopedLogObserverRegistration::ScopedLogObserverRegistration(Logger* logger, LogObserver* observer)
+    : _logger(logger), _observer(observer) {
+    ASSERT(_logger);
+    ASSERT(_observer);
+    _logger->registerLogObserver(_observer);
+}
+
+ScopedLogObserverRegistration::~ScopedLogObserverRegistration() {
+    if (_logger != nullptr) _logger->unregisterLogObserver(_observer);
+}
+
+ScopedLogObserverRegistration::ScopedLogObserverRegistration(
+    ScopedLogObserverRegistration&& o) noexcept
+    : _logger(o._logger), _observer(o._observer) {
+    o._logger = nullptr;
+    o._observer = nullptr;
+}
+
+ScopedLogObserverRegistration& ScopedLogObserverRegistration::operator=(
+    ScopedLogObserverRegistration&& o) noexcept {
+    if (this != &o) {
+        if (_logger != nullptr) _logger->unregisterLogObserver(_observer);
+        _logger = o._logger;
+        _observer = o._observer;
+        o._logger = nullptr;
+        o._observer = nullptr;
+    }
+    return *this;
+}
+
+// ---------------------------------------------------------------- LogDedupper
+
+// A repeat is the same level and text as the line before it, within the
+// window that the first of them opened. Repeats are counted, not written;
+// the count goes out as its own line when a different line comes, when the
+// window has passed, when `maxHeld` repeats are held, or on flushDedup().
+bool LogDedupper::admit(const Logger* logger, LogChannel* channel, int level, StrSegment line) {
+    const int64_t now = CurrentTimeval().sec();
+    NologLock lock(_mutex);
+    const bool repeat = level == _lastLevel && _last.equals(line) &&
+                        now - _firstSeen < static_cast<int64_t>(_seconds);
+    if (repeat) {
+        if (++_held < _maxHeld) return false;
+        writeRepeatsLocked(logger, channel);
+        return false;
+    }
+    writeRepeatsLocked(logger, channel);
+    _last.assign(line.data(), line.size());
+    _lastLevel = level;
+    _firstSeen = now;
+    return true;
+}
+
+void LogDedupper::flush(const Logger* logger, LogChannel* channel) {
+    NologLock lock(_mutex);
+    writeRepeatsLocked(logger, channel);
+}
+
+void LogDedupper::writeRepeatsLocked(const Logger* logger, LogChannel* channel) {
+    if (_held == 0) return;
+    Str text;
+    Logger::appendFormat(text, 0, "last message repeated %u times", _held);
+    _held = 0;
+    LogChannel::finish_vlog_s(logger, channel, _lastLevel, text.seg());
+}
+
+// ---------------------------------------------------------------- control
+
+bool Logger::isInitialized() { return initialized_flag.load(std::memory_order_acquire); }
+
+void Logger::initialize() {
+    {
+        NologLock lock(init_mutex);
+        if (log_start_time.isNull()) log_start_time.setToNow();
+        LoggerRegistry::assignAll();
+        initialized_flag.store(true, std::memory_order_release);
+    }
+    register_thread_log_func(thread_log_to_logger);
+}
+
+bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* oldLevel) {
+    if (name != nullptr) {
+        LogChannel* c = LogChannel::findOrCreate(StrSegment(name));
+        if (oldLevel != nullptr) *oldLevel = StrSegment(logLevelText(c->level()));
+        if (!c->changeLevel(level)) return false;
+        c->_explicit = true;
+        return true;
+    }
+    NologLock lock(init_mutex);
+    for (auto& [channelName, c] : channel_map()) {
+        if (c->_explicit) continue;
+        if (!c->changeLevel(level)) return false;
+    }
+    return true;
+}
+
+void Logger::redirectToStderr(const char* name) {
+    auto clear = [](LogChannel* c) {
+        NologLock lock(c->_mutex);
+        c->_appenders.clear();
+    };
+    if (name != nullptr) {
+        clear(LogChannel::findOrCreate(StrSegment(name)));
+        return;
+    }
+    NologLock lock(init_mutex);
+    for (auto& [channelName, c] : channel_map()) clear(c);
+}
+
+void Logger::iterateChannels(iterate_channels_callback& cb) {
+    NologLock lock(init_mutex);
+    for (auto& [name, c] : channel_map()) cb.channel(name, logLevelText(c->level()), c->_buffered);
+}
+
+namespace {
+struct SuspendArgs {
+    const Str* text;
+    const Logger::path_replacements* replacements;
+};
+}  // namespace
+
+void Logger::suspendChannelsContaining(const Str& text) {
+    SuspendArgs args{&text, nullptr};
+    LogAppender::forEach([](const Str&, LogAppender* a,
+                            void* p) { a->suspendIfMatches(*static_cast<SuspendArgs*>(p)->text); },
+                         &args);
+}
+
+void Logger::unsuspend(const path_replacements& replacements) {
+    SuspendArgs args{nullptr, &replacements};
+    LogAppender::forEach([](const Str&, LogAppender* a,
+                            void* p) { a->unsuspend(*static_cast<SuspendArgs*>(p)->replacements); },
+                         &args);
+}
+
+void Logger::releaseLoggerFds() {
+    Thread::assertNotMultithreadedYet();
+    LogAppender::releaseAppenderFds();
+}
+
+bool Logger::configuration::setAppenderAttribute(StrSegment appender, const Str& name,
+                                                 const Str& value) const {
+    LogAppender* a = LogAppender::find(appender, false);
+    if (a == nullptr) return false;
+    return a->setAttribute(name, value, *this);
+}
+
+// ---------------------------------------------------------------- configuration files
+
+namespace {
+
+// What the parse of one or two files collects, applied once both are read.
+class DeferredLogConf {
+public:
+    enum error_type { PARSE_ERROR = 1, UNTERMINATED_COMMENT = 2 };
+    struct error {
+        int type;
+        Str path;
+        unsigned line;
+        Str text;
+    };
+    struct entry {
+        Str path;
+        unsigned line;
+        Str text;
+    };
+
+    explicit DeferredLogConf(const Logger::configuration& conf) : _conf(conf) {}
+
+    void parse(const char* path, FILE* file);
+    void apply();
+    void report() const;
+
+private:
+    void parseLine(const char* path, unsigned lineNo, StrSegment line);
+    void fail(const char* path, unsigned lineNo, StrSegment text) {
+        _errors.push_back({PARSE_ERROR, Str(path), lineNo, Str(text)});
+    }
+
+    const Logger::configuration& _conf;
+    bool _haveRoot = false;
+    entry _root;
+    std::vector<entry> _categories;
+    std::vector<error> _errors;
+};
+
+constexpr CharacterClass KEY_END(" \t.=");
+constexpr CharacterClass BLANKS(" \t");
+
+StrSegment skip_blanks(StrSegment s) {
+    size_t i = 0;
+    while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
+    return s.substr(i);
+}
+
+void DeferredLogConf::parse(const char* path, FILE* file) {
+    ReadableUnicodeFileStar in(file);
+    Str raw;
+    unsigned lineNo = 0;
+    bool inComment = false;
+    unsigned commentStart = 0;
+    // Lines count before any header, and inside our section.
+    bool counting = true;
+    while (in.readLine(&raw)) {
+        ++lineNo;
+        // XML comments go first, also across lines; then "#" ends the line.
+        Str line;
+        size_t i = 0;
+        while (i <= raw.size()) {
+            if (inComment) {
+                const size_t end = raw.find("-->", i);
+                if (end == Str::npos) {
+                    i = raw.size() + 1;
+                    break;
+                }
+                inComment = false;
+                i = end + 3;
+            } else {
+                const size_t start = raw.find("<!--", i);
+                if (start == Str::npos) {
+                    line.append(raw.data() + i, raw.size() - i);
+                    break;
+                }
+                line.append(raw.data() + i, start - i);
+                inComment = true;
+                commentStart = lineNo;
+                i = start + 4;
+            }
+        }
+        const size_t hash = line.find('#');
+        if (hash != Str::npos) line.resize(hash);
+        while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.pop_back();
+        if (line.empty()) continue;
+
+        if (line[0] == '[') {
+            StrSegment header = line.seg().substr(1);
+            while (!header.empty() && (header.back() == ' ' || header.back() == ']')) {
+                header.pop_back();
+            }
+            counting = !_conf.section.empty() &&
+                       Str(header).asLowercase().equals(_conf.section.asLowercase().seg());
+            continue;
+        }
+        if (!counting) continue;
+        parseLine(path, lineNo, line.seg());
+    }
+    if (inComment) _errors.push_back({UNTERMINATED_COMMENT, Str(path), commentStart, Str()});
+}
+
+void DeferredLogConf::parseLine(const char* path, unsigned lineNo, StrSegment line) {
+    StrSegment rest = line;
+    if (rest.startsWith("log4cpp.")) rest = rest.substr(8);
+    size_t keyEnd = rest.find(KEY_END);
+    if (keyEnd == StrSegment::npos) keyEnd = rest.size();
+    const StrSegment key = rest.substr(0, keyEnd);
+
+    if (key.equals("rootCategory")) {
+        StrSegment value = skip_blanks(rest.substr(keyEnd));
+        if (value.empty() || value[0] != '=') return fail(path, lineNo, line);
+        _root = {Str(path), lineNo, Str(value.substr(1))};
+        _haveRoot = true;
+        return;
+    }
+    if (key.equals("category") && keyEnd < rest.size() && rest[keyEnd] == '.') {
+        _categories.push_back({Str(path), lineNo, Str(rest.substr(keyEnd + 1))});
+        return;
+    }
+    if (key.equals("appender") && keyEnd < rest.size() && rest[keyEnd] == '.') {
+        StrSegment after = rest.substr(keyEnd + 1);
+        size_t nameEnd = after.find(KEY_END);
+        if (nameEnd == StrSegment::npos) nameEnd = after.size();
+        const StrSegment name = after.substr(0, nameEnd);
+        if (name.empty()) return fail(path, lineNo, line);
+        LogAppender* appender = LogAppender::find(name, true);
+        after = after.substr(nameEnd);
+        if (after.empty() || after[0] != '.') {
+            // "appender.name = value" only makes the appender.
+            after = skip_blanks(after);
+            if (after.empty() || after[0] != '=') return fail(path, lineNo, line);
+            return;
+        }
+        after = after.substr(1);
+        size_t attrEnd = after.find(CharacterClass(" \t="));
+        if (attrEnd == StrSegment::npos) return fail(path, lineNo, line);
+        const Str attribute(after.substr(0, attrEnd));
+        after = skip_blanks(after.substr(attrEnd));
+        if (after.empty() || after[0] != '=') return fail(path, lineNo, line);
+        const Str value(skip_blanks(after.substr(1)));
+        if (attribute.empty() || !appender->setAttribute(attribute, value, _conf)) {
+            fail(path, lineNo, line);
+        }
+        return;
+    }
+    fail(path, lineNo, line);
+}
+
+void DeferredLogConf::apply() {
+    if (_haveRoot && !LogChannel::root()->setConfig(_root.text.seg())) {
+        _errors.push_back({PARSE_ERROR, _root.path, _root.line, _root.text});
+    }
+    for (const entry& c : _categories) {
+        const size_t eq = c.text.find('=');
+        const StrSegment name = c.text.seg().substr(0, eq).trim(BLANKS, true, true);
+        const StrSegment words = eq == Str::npos ? StrSegment() : c.text.seg().substr(eq + 1);
+        if (eq == Str::npos || name.empty() || !LogChannel::findOrCreate(name)->setConfig(words)) {
+            _errors.push_back({PARSE_ERROR, c.path, c.line, c.text});
+        }
+    }
+}
+
+void DeferredLogConf::report() const {
+    for (const error& e : _errors) {
+        switch (e.type) {
+            case PARSE_ERROR:
+                LogFormat::internal(nullptr, LOG_LEVEL_WARN, "%s:%u: Parse error at \"%s\"",
+                                    e.path.c_str(), e.line, e.text.c_str());
+                break;
+            case UNTERMINATED_COMMENT:
+                LogFormat::internal(nullptr, LOG_LEVEL_ERROR,
+                                    "%s:%u: Unterminated XML comment started", e.path.c_str(),
+                                    e.line);
+                break;
+            default:
+                LogFormat::internal(nullptr, LOG_LEVEL_ERROR,
+                                    "I know not this DeferredLogConf::error_type=%d you speak of.",
+                                    e.type);
+        }
+    }
+}
+
+// "log.cfg" gives "log-local.cfg"; with no dot in the leaf, or only one at
+// its start, "-local" goes at the end.
+Str local_override_name(const Str& path) {
+    const size_t slash = path.rfind('/');
+    const size_t leafStart = slash == Str::npos ? 0 : slash + 1;
+    const size_t dot = path.rfind('.');
+    if (dot == Str::npos || dot <= leafStart) return path + "-local";
+    return Str(path.substr(0, dot) + "-local" + path.substr(dot));
+}
+
+void reinit_channels() {
+    Thread::assertNotMultithreadedYet();
+    NologLock lock(init_mutex);
+    initialized_flag.store(false, std::memory_order_release);
+    LoggerRegistry::resetAll();
+    LogChannel& root = root_channel.value;
+    NologLock rootLock(root._mutex);
+    root._level.store(LOG_LEVEL_INFO, std::memory_order_relaxed);
+    root._explicit = false;
+    root._buffered = false;
+    root._appenders.clear();
+}
+
+class FileCloser {
+public:
+    explicit FileCloser(FILE* f) : _f(f) {}
+    ~FileCloser() {
+        if (_f != nullptr) fclose(_f);
+    }
+    FileCloser(const FileCloser&) = delete;
+    FileCloser& operator=(const FileCloser&) = delete;
+
+private:
+    FILE* _f;
+};
+
+}  // namespace
+
+bool Logger::initialize(const configuration& conf) {
+    if (initialized_flag.load(std::memory_order_acquire)) {
+        LogAppender::reinitAppenders();
+        reinit_channels();
+    }
+    stderr_forbidden.store(!conf.stderrAllowed, std::memory_order_relaxed);
+
+    FILE* main = fopen(conf.path.c_str(), "r");
+    if (main == nullptr) {
+        const int e = errno;
+        initialize();
+        errno = e;
+        LogFormat::internal(nullptr, LOG_LEVEL_ERROR,
+                            "Couldn't open log file configuration \"%s\": %m", conf.path.c_str());
+        return false;
+    }
+    DeferredLogConf deferred(conf);
+    {
+        FileCloser closer(main);
+        deferred.parse(conf.path.c_str(), main);
+    }
+    const Str local = local_override_name(conf.path);
+    if (FILE* f = fopen(local.c_str(), "r")) {
+        FileCloser closer(f);
+        deferred.parse(local.c_str(), f);
+    }
+    deferred.apply();
+    initialize();
+    if (conf.stderrAllowed) LogAppender::rootAppender()->finalSetup("rootAppender", true);
+    LogAppender::forEach(
+        [](const Str& name, LogAppender* a, void* allowed) {
+            a->finalSetup(name.c_str(), *static_cast<bool*>(allowed));
+        },
+        const_cast<bool*>(&conf.stderrAllowed));
+    deferred.report();
+    return true;
+}
+
+// ---------------------------------------------------------------- format helpers
 
 void Logger::appendVformat(Str& dest, int errnum, LogFormatCallback* callback, const char* format,
                            va_list args) {
@@ -94,4 +1170,33 @@ void BaseException::vformat(int errnum, const char* prefix, const char* format,
         // An exception may never make a new exception.
         _message.clear();
     }
+}
+
+// ---------------------------------------------------------------- elsewhere
+
+void HexDumper::dumpTo(const Logger* dest, const void* data, size_t length) {
+    HexDumper_to_Logger(dest).do_dump(data, length);
+}
+
+void HexDumper_to_Logger::accept_line(const char* line, size_t length) {
+    _logger->logSeg(_level, line, length);
+}
+
+void MonotonicTime::logWhetherMonotonicClockIsUsed(Logger& logger) {
+    const char* text = "using CLOCK_MONOTONIC";
+    int level = LOG_LEVEL_INFO;
+    switch (monotonic_clock_decision()) {
+        case MONOTONIC_CLOCK_IN_USE:
+            break;
+        case MONOTONIC_CLOCK_DISABLED:
+            text = "CLOCK_MONOTONIC support explicitly disabled";
+            level = LOG_LEVEL_WARN;
+            break;
+        case MONOTONIC_CLOCK_UNAVAILABLE:
+            text = "CLOCK_MONOTONIC support not available";
+            level = LOG_LEVEL_WARN;
+            break;
+    }
+    logger.logSeg(level, text, strlen(text));
+    addGlobalCrashLogNotationConstant(text);
 }

@@ -17,6 +17,7 @@
 #include "libzero/xorshift128plus.h"
 #include "util/CrashLog.h"
 #include "util/DutyCycle.h"
+#include "util/Logger.h"
 #include "util/Str.h"
 #include "util/ThreadLocks.h"
 
@@ -68,6 +69,8 @@ struct PerThreadStackScratch {
     MutexByte::per_thread_state mutexByteState;
     xorshift128plus_state random{{0, 0}};  // seeded at first use
     DutyCycleEstimate dutyCycle{MonotonicTime::Ticks(DutyCycleEstimate::DEFAULT_SPAN_NS)};
+    // Where this thread's log messages are formatted.
+    LoggerStreamAccumulator logAccumulator;
 };
 
 // The visitor of Thread::iterateEachRunning. It runs under the thread-state

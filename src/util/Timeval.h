@@ -19,6 +19,8 @@
 
 #include "util/Str.h"
 
+class Logger;
+
 class CrashLogWriteHandler;
 class GmtStructTm;
 class LocalStructTm;
@@ -95,6 +97,9 @@ public:
     constexpr MonotonicTime(int64_t sec, long nsec) : _ts{sec, nsec} {}
 
     void _MT_setToNow();
+    // Logs which clock timed waits use (info when monotonic, warn otherwise)
+    // and keeps the same text as a global crash-log notation.
+    static void logWhetherMonotonicClockIsUsed(Logger& logger);
     static MonotonicTime now() {
         MonotonicTime t;
         t._MT_setToNow();
