@@ -4,8 +4,8 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <sys/single_threaded.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "libzero/assertion.h"

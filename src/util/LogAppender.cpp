@@ -170,6 +170,7 @@ bool LogAppender::setAttribute(const Str& name, const Str& value,
         switch (attr) {
             case ATTR_FILE_NAME: {
                 closeLocked();
+                _fd = -1;
                 _filename = replaced;
                 _configuredName = value;
                 // A placeholder in the path: the volume it names isn't ready yet.
@@ -294,8 +295,10 @@ void LogAppender::finalSetup(const char* name, bool stderrAllowed) {
 // ---------------------------------------------------------------- files
 
 void LogAppender::closeLocked() {
-    // Only descriptors we opened are closed; standard error is borrowed.
-    if (_fd >= 0 && !_filename.empty()) ::close(_fd);
+    // Only descriptors we opened are closed. Standard error is borrowed, and
+    // an appender without a file keeps writing there.
+    if (_filename.empty()) return;
+    if (_fd >= 0) ::close(_fd);
     _fd = -1;
 }
 
@@ -436,7 +439,6 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
     {
         ScopedAppenderLock lock(_mutex);
         if (!_to_devnull.load(std::memory_order_relaxed)) {
-            if (_fd < 0 && _filename.empty()) _fd = STDERR_FILENO;
             if (_fd >= 0 || openAndInitFile(md.time)) {
                 if (!_filename.empty()) checkMovedLocked(md.time);
                 if (observers != nullptr) {
@@ -518,7 +520,6 @@ void LogAppender::releaseAppenderFds() {
             if (!a->_buffer.empty()) a->writeBufferLocked();
             a->closeLocked();
             a->resetToDefaultsLocked();
-            if (a == rootAppender()) a->_fd = STDERR_FILENO;
         }
         a->reportNotes();
     };

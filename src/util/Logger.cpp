@@ -765,6 +765,8 @@ bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* old
         return true;
     }
     NologLock lock(init_mutex);
+    // The root too, so that channels made later follow the change.
+    if (!root_channel.value._explicit && !root_channel.value.changeLevel(level)) return false;
     for (auto& [channelName, c] : channel_map()) {
         if (c->_explicit) continue;
         if (!c->changeLevel(level)) return false;

@@ -1,0 +1,603 @@
+// Configured logging, in a process that never starts a second thread, so
+// that every case may configure the loggers afresh: configuration files and
+// their errors, levels and inheritance, escaping, appenders with rollover,
+// buffering, suspension and moved files, observers, streams and errno.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "util/BasicConversions.h"
+#include "util/Logger.h"
+
+namespace {
+
+using testsupport::fileExists;
+using testsupport::readFile;
+using testsupport::ScratchDir;
+using testsupport::writeFile;
+
+Logger channelLog("Test.Channel");
+Logger otherLog("Other");
+LoggerSimple simpleLog("Simple");
+
+// Standard error into a file for the lifetime of the object.
+class StderrCapture {
+public:
+    StderrCapture() : _path(_dir / "stderr") {
+        fflush(stderr);
+        _saved = dup(STDERR_FILENO);
+        const int fd = open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+    ~StderrCapture() { restore(); }
+    std::string text() {
+        restore();
+        return readFile(_path);
+    }
+
+private:
+    void restore() {
+        if (_saved < 0) return;
+        dup2(_saved, STDERR_FILENO);
+        close(_saved);
+        _saved = -1;
+    }
+    ScratchDir _dir;
+    std::string _path;
+    int _saved = -1;
+};
+
+class LoggerConfig : public testing::Test {
+protected:
+    // Writes the configuration (with "@DIR@" standing for the scratch
+    // directory), initialises, and gives what went to standard error.
+    std::string configure(const std::string& text, Logger::configuration conf = {},
+                          bool* result = nullptr) {
+        writeFile(dir / "log.cfg", expand(text));
+        conf.path = dir / "log.cfg";
+        StderrCapture capture;
+        const bool ok = Logger::initialize(conf);
+        if (result != nullptr) *result = ok;
+        return capture.text();
+    }
+    std::string expand(std::string text) const {
+        for (size_t at; (at = text.find("@DIR@")) != std::string::npos;) {
+            text.replace(at, 5, dir.path());
+        }
+        return text;
+    }
+    std::string file(const std::string& name) const {
+        return fileExists(dir / name) ? readFile(dir / name) : "<missing>";
+    }
+
+    ScratchDir dir;
+};
+
+// ---------------------------------------------------------------- configuration files
+
+TEST_F(LoggerConfig, CategoriesAppendersCommentsAndOrder) {
+    const std::string err = configure(
+        "# a comment line\n"
+        "log4cpp.rootCategory=WARN, A1   # applied after the file, so A1 may come later\n"
+        "appender.A1.fileName=@DIR@/a1.log\n"
+        "appender.A1.layout=PatternLayout\n"
+        "appender.A1.layout.ConversionPattern=%p %c: %m%n\n"
+        "category.Test.Channel = DEBUG,A2\n"
+        "appender.A2.fileName = @DIR@/a2.log\n"
+        "<!-- appender.A2.fileName=@DIR@/wrong.log\n"
+        "     category.Other=DEBUG -->\n"
+        "appender.A3.fileName=@DIR@/a3.log <!-- inline --> # and a comment\n");
+    EXPECT_EQ(err, "");
+
+    channelLog.debug("debug %d", 1);
+    otherLog.info("info is below WARN");
+    otherLog.warn("warn %s", "too");
+    EXPECT_EQ(file("a2.log"), "debug 1\n");
+    EXPECT_EQ(file("a1.log"), "WARN Other: warn too\n");
+    EXPECT_FALSE(fileExists(dir / "wrong.log"));
+    ASSERT_NE(LogAppender::find("A3", false), nullptr);
+    EXPECT_EQ(LogAppender::find("A3", false)->fileName(), dir / "a3.log");
+    EXPECT_EQ(LogAppender::find("A4", false), nullptr);
+
+    EXPECT_EQ(channelLog.getLogLevel(), 1);
+    EXPECT_EQ(otherLog.getLogLevel(), 3);
+    EXPECT_TRUE(channelLog.channel()->isExplicit());
+    EXPECT_FALSE(otherLog.channel()->isExplicit());
+}
+
+TEST_F(LoggerConfig, BadLinesAreReportedWithFileAndLine) {
+    const std::string err = configure(
+        "rootCategory=INFO\n"
+        "bogus line\n"
+        "appender.A1.maxFileSize=012\n"
+        "appender.A1.maxFileSize=0\n"
+        "appender.A1.noSuchAttribute=1\n"
+        "appender.A1.fileName\n"
+        "appender.A1.serialization=XML\n"
+        "appender.A1.escape=maybe\n"
+        "category.Other=NOTALEVEL\n"
+        "category.Fine=INFO, A1\n"
+        "<!-- never closed\n"
+        "category.Hidden=DEBUG\n");
+    const std::string cfg = dir / "log.cfg";
+    const std::vector<std::string> expected = {
+        "Invalid serialization='XML'",
+        "Invalid escape='maybe'",
+        cfg + ":2: Parse error at \"bogus line\"",
+        cfg + ":3: Parse error at \"appender.A1.maxFileSize=012\"",
+        cfg + ":5: Parse error at \"appender.A1.noSuchAttribute=1\"",
+        cfg + ":6: Parse error at \"appender.A1.fileName\"",
+        cfg + ":7: Parse error at \"appender.A1.serialization=XML\"",
+        cfg + ":8: Parse error at \"appender.A1.escape=maybe\"",
+        cfg + ":11: Unterminated XML comment started",
+        // Categories are applied once both files are read.
+        cfg + ":9: Parse error at \"Other=NOTALEVEL\"",
+    };
+    size_t at = 0;
+    for (const std::string& line : expected) {
+        const size_t found = err.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\n" << err;
+        at = found + line.size();
+    }
+    EXPECT_EQ(err.find(":4:"), std::string::npos) << "\"0\" is a valid size";
+    EXPECT_EQ(err.find(":10:"), std::string::npos);
+    EXPECT_EQ(LogAppender::find("A1", false)->maxFileSize(), 0);
+}
+
+TEST_F(LoggerConfig, MissingFileIsAnErrorAndLoggersStillWork) {
+    Logger::configuration conf;
+    conf.path = dir / "absent.cfg";
+    StderrCapture capture;
+    EXPECT_FALSE(Logger::initialize(conf));
+    otherLog.info("still here");
+    const std::string err = capture.text();
+    EXPECT_NE(err.find("Couldn't open log file configuration \"" + conf.path +
+                       "\": No such file or directory\n"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("still here\n"), std::string::npos) << err;
+    EXPECT_TRUE(Logger::isInitialized());
+}
+
+TEST_F(LoggerConfig, LocalOverrideComesLater) {
+    writeFile(dir / "log-local.cfg",
+              expand("category.Other=ERROR\nappender.A1.fileName=@DIR@/local.log\n"));
+    configure(
+        "rootCategory=DEBUG, A1\ncategory.Other=DEBUG\nappender.A1.fileName=@DIR@/main.log\n");
+    otherLog.warn("dropped");
+    otherLog.error("kept");
+    channelLog.debug("root level");
+    EXPECT_EQ(file("local.log"), "kept\nroot level\n");
+    EXPECT_FALSE(fileExists(dir / "main.log")) << "the override came before any open";
+
+    // A leaf without a dot, or with one only at its start, gets "-local" at the end.
+    for (const char* leaf : {"logcfg", ".logcfg"}) {
+        writeFile(dir / leaf, "rootCategory=INFO\n");
+        writeFile(dir / (std::string(leaf) + "-local"), "category.Other=FATAL\n");
+        Logger::configuration conf;
+        conf.path = dir / leaf;
+        ASSERT_TRUE(Logger::initialize(conf));
+        EXPECT_EQ(otherLog.getLogLevel(), 5) << leaf;
+    }
+}
+
+TEST_F(LoggerConfig, SectionsSelectLines) {
+    const std::string text =
+        "category.Before=WARN\n"
+        "[ other ]\n"
+        "category.Other=ERROR\n"
+        "[Mine] \n"
+        "category.Test.Channel=DEBUG\n";
+    Logger::configuration conf;
+    conf.section = "mine";
+    configure(text, conf);
+    EXPECT_EQ(LogChannel::findOrCreate("Before")->level(), LOG_LEVEL_WARN);
+    EXPECT_EQ(otherLog.channel()->level(), LOG_LEVEL_INFO);
+    EXPECT_EQ(channelLog.channel()->level(), LOG_LEVEL_DEBUG);
+
+    configure(text);  // no section: nothing after the first header counts
+    EXPECT_EQ(LogChannel::findOrCreate("Before")->level(), LOG_LEVEL_WARN);
+    EXPECT_EQ(channelLog.channel()->level(), LOG_LEVEL_INFO);
+}
+
+// ---------------------------------------------------------------- levels
+
+TEST_F(LoggerConfig, LevelsAndInheritance) {
+    configure(
+        "rootCategory=INFO, A1\nappender.A1.fileName=@DIR@/a.log\ncategory.Test.Channel=WARN\n");
+    StrSegment old;
+    EXPECT_TRUE(Logger::setChannelLevel("Other", "ERROR", &old));
+    EXPECT_EQ(Str(old), "INFO");
+    EXPECT_FALSE(Logger::setChannelLevel("Other", "LOUD", nullptr));
+    EXPECT_EQ(otherLog.channel()->level(), LOG_LEVEL_ERROR) << "a bad level changes nothing";
+
+    // Channels without an explicit level follow a change of all.
+    Logger late("Late.Made");  // after initialisation: a copy of the root channel
+    EXPECT_EQ(late.channel()->level(), LOG_LEVEL_INFO);
+    late.info("inherited the appender");
+    EXPECT_EQ(file("a.log"), "inherited the appender\n");
+    EXPECT_TRUE(Logger::setChannelLevel(nullptr, "DEBUG", nullptr));
+    EXPECT_EQ(late.channel()->level(), LOG_LEVEL_DEBUG);
+    EXPECT_FALSE(late.channel()->isExplicit());
+    EXPECT_EQ(channelLog.channel()->level(), LOG_LEVEL_WARN) << "explicit in the file";
+    EXPECT_EQ(otherLog.channel()->level(), LOG_LEVEL_ERROR) << "explicit by setChannelLevel";
+
+    // The public scale of every level.
+    const int scale[] = {1, 2, 2, 3, 4, 4, 4, 5, 4};
+    for (int level = 0; level <= 8; ++level) {
+        late.channel()->_level.store(level);
+        EXPECT_EQ(late.getLogLevel(), scale[level]) << level;
+        EXPECT_EQ(late._isDebugEnabled(), level == 0);
+    }
+
+    // Redirected, a channel writes to the root appender.
+    StderrCapture capture;
+    Logger::redirectToStderr("Test.Channel");
+    channelLog.error("to stderr");
+    EXPECT_EQ(capture.text(), "to stderr\n");
+}
+
+TEST_F(LoggerConfig, IterateChannels) {
+    configure("category.B=DEBUG, buffered\ncategory.A=WARN\n");
+    struct Collect : iterate_channels_callback {
+        std::string seen;
+        void channel(const Str& name, const char* level, bool buffered) override {
+            if (name == "A" || name == "B") seen += name + "=" + level + (buffered ? "+b " : " ");
+        }
+    } c;
+    Logger::iterateChannels(c);
+    EXPECT_EQ(c.seen, "A=WARN B=DEBUG+b ");
+}
+
+// ---------------------------------------------------------------- escaping
+
+TEST_F(LoggerConfig, EscapingOfMessages) {
+    configure(
+        "rootCategory=INFO, FULL, LINES\n"
+        "appender.FULL.fileName=@DIR@/full.log\n"
+        "appender.LINES.fileName=@DIR@/lines.log\n"
+        "appender.LINES.escape=false\n");
+    const std::string msg = "tab\tnl\ncr\rctl\x01\x7f utf8 \xc3\xa9";
+    otherLog.infoSeg(msg.data(), msg.size());
+    // The first appender decides the escaped form for all of them.
+    EXPECT_EQ(file("full.log"), "tab\tnl\\ncr\\rctl\\x01\\x7f utf8 \\xc3\\xa9\n");
+    EXPECT_EQ(file("lines.log"), file("full.log"));
+
+    configure(
+        "rootCategory=INFO, LINES\n"
+        "appender.LINES.fileName=@DIR@/lines2.log\n"
+        "appender.LINES.escape=no\n");
+    otherLog.infoSeg(msg.data(), msg.size());
+    EXPECT_EQ(file("lines2.log"), "tab\tnl\\ncr\\rctl\x01\x7f utf8 \xc3\xa9\n");
+
+    // Unlike Str::makeSafeForLogging, UTF-8 is escaped too.
+    StderrCapture capture;
+    simpleLog.info("%s", msg.c_str());  // a LoggerSimple escapes nothing
+    EXPECT_EQ(capture.text(), msg + "\n");
+}
+
+// ---------------------------------------------------------------- appenders
+
+TEST_F(LoggerConfig, RolloverAtTheLimit) {
+    configure(
+        "rootCategory=INFO, R\n"
+        "appender.R.fileName=@DIR@/r.log\n"
+        "appender.R.maxFileSize=1000\n"
+        "appender.R.maxBackupIndex=2\n");
+    const std::string line998(998, 'a');  // 999 bytes with its LF
+    otherLog.infoSeg(line998.data(), line998.size());
+    otherLog.infoSeg("", 0);  // to exactly 1000: not over the limit
+    EXPECT_EQ(file("r.log").size(), 1000u);
+    EXPECT_FALSE(fileExists(dir / "r.log.1"));
+    const std::string line100(99, 'b');
+    otherLog.infoSeg(line100.data(), line100.size());  // 1100: over
+    EXPECT_EQ(file("r.log.1").size(), 1100u);
+    EXPECT_EQ(file("r.log"), "");
+    otherLog.info("next");
+    EXPECT_EQ(file("r.log"), "next\n");
+    EXPECT_EQ(LogAppender::find("R", false)->fileSize(), 5u);
+}
+
+TEST_F(LoggerConfig, RotationShiftsUpToTheFirstGap) {
+    const std::string cfg =
+        "rootCategory=INFO, R\n"
+        "appender.R.fileName=@DIR@/f\n"
+        "appender.R.maxFileSize=10\n"
+        "appender.R.maxBackupIndex=2\n";
+    writeFile(dir / "f.1", "one\n");
+    writeFile(dir / "f.2", "two\n");
+    configure(cfg);
+    otherLog.info("0123456789");
+    EXPECT_EQ(file("f.1"), "0123456789\n");
+    EXPECT_EQ(file("f.2"), "one\n") << "the oldest went, the rest moved up";
+    EXPECT_FALSE(fileExists(dir / "f.3"));
+
+    testsupport::removeTree(dir / "f.1");
+    writeFile(dir / "f.2", "stays\n");
+    otherLog.info("abcdefghijk");
+    EXPECT_EQ(file("f.1"), "abcdefghijk\n");
+    EXPECT_EQ(file("f.2"), "stays\n") << "a gap stops the shift";
+
+    configure(
+        "rootCategory=INFO, Z\n"
+        "appender.Z.fileName=@DIR@/z\n"
+        "appender.Z.maxFileSize=5\n");
+    otherLog.info("restart me");
+    EXPECT_EQ(file("z"), "") << "no backups: deleted and started again";
+    EXPECT_FALSE(fileExists(dir / "z.1"));
+}
+
+TEST_F(LoggerConfig, FinalSetupWarnings) {
+    const std::string err = configure(
+        "rootCategory=INFO, S\n"
+        "appender.S = an appender with no attributes\n"
+        "appender.S.maxFileSize=100\n"
+        "appender.S.maxBackupIndex=3\n"
+        "appender.F.fileName=@DIR@/f.log\n"
+        "appender.F.maxBackupIndex=3\n");
+    EXPECT_NE(err.find("Appender \"S\" has no filename, assuming stderr"), std::string::npos)
+        << err;
+    EXPECT_NE(err.find("Appender \"S\" has maxBackupIndex set without specifying a filename, "
+                       "ignoring"),
+              std::string::npos);
+    EXPECT_NE(err.find("Appender \"S\" has maxFileSize set without specifying a filename, "
+                       "ignoring"),
+              std::string::npos);
+    EXPECT_NE(err.find("Appender \"F\" has maxBackupIndex set without specifying maxFileSize, "
+                       "ignoring"),
+              std::string::npos);
+    EXPECT_EQ(LogAppender::find("F", false)->maxBackupIndex(), 0u);
+    EXPECT_TRUE(fileExists(dir / "f.log")) << "opened once at set-up";
+    EXPECT_EQ(LogAppender::find("S", false)->fd(), STDERR_FILENO);
+}
+
+TEST_F(LoggerConfig, MovedFileIsNoticedWithinFiveSeconds) {
+    configure("rootCategory=INFO, M\nappender.M.fileName=@DIR@/m.log\n");
+    LogAppender* m = LogAppender::find("M", false);
+    LogMsgMetadata md{CurrentTimeval(), &otherLog, LOG_LEVEL_INFO};
+    m->write(md, "first", nullptr, false);
+    ASSERT_EQ(rename((dir / "m.log").c_str(), (dir / "m.log.old").c_str()), 0);
+    md.time.addSec(5);
+    m->write(md, "within five seconds", nullptr, false);
+    EXPECT_FALSE(fileExists(dir / "m.log"));
+    md.time.addSec(1);
+    m->write(md, "after six", nullptr, false);
+    EXPECT_EQ(file("m.log.old"), "first\nwithin five seconds\n");
+    EXPECT_EQ(file("m.log"), "after six\n");
+}
+
+TEST_F(LoggerConfig, UnwritablePathIsReportedOnceThenRecovers) {
+    const std::string err = configure(
+        "rootCategory=DEBUG, U\n"
+        "appender.U.fileName=@DIR@/later/u.log\n");
+    StderrCapture capture;
+    otherLog.info("lost one");
+    otherLog.info("lost two");
+    ASSERT_EQ(mkdir((dir / "later").c_str(), 0755), 0);
+    otherLog.info("found");
+    const std::string all = err + capture.text();
+    const std::string failed = "Failed opening \"" + dir / "later/u.log" + "\": No such file";
+    const size_t first = all.find(failed);
+    ASSERT_NE(first, std::string::npos) << all;
+    EXPECT_EQ(all.find(failed, first + 1), std::string::npos) << "said once\n" << all;
+    EXPECT_NE(all.find("Successfully opened \"" + dir / "later/u.log" + "\" now."),
+              std::string::npos)
+        << all;
+    EXPECT_EQ(file("later/u.log"), "found\n");
+}
+
+TEST_F(LoggerConfig, BufferedChannelsWriteByTheBufferful) {
+    configure(
+        "rootCategory=INFO\n"
+        "category.Other=INFO, B, buffered\n"
+        "appender.B.fileName=@DIR@/b.log\n"
+        "appender.B.bufferSize=1kib\n");
+    LogAppender* b = LogAppender::find("B", false);
+    EXPECT_EQ(b->bufferSize(), 1024u);
+    const std::string line(99, 'x');  // 100 bytes a line
+    for (int i = 0; i < 10; ++i) otherLog.infoSeg(line.data(), line.size());
+    EXPECT_EQ(file("b.log"), "");
+    EXPECT_EQ(b->bufferedBytes(), 1000u);
+    otherLog.infoSeg(line.data(), line.size());
+    EXPECT_EQ(file("b.log").size(), 1100u);
+    otherLog.info("held");
+    Logger::releaseLoggerFds();  // writes out, closes, back to defaults
+    EXPECT_EQ(file("b.log").size(), 1105u);
+    EXPECT_EQ(b->fd(), -1);
+    EXPECT_EQ(b->bufferSize(), LogAppender::DEFAULT_BUFFER_SIZE);
+    otherLog.info("reopened");
+    EXPECT_EQ(file("b.log").size(), 1105u) << "still buffered by the channel";
+    b->flush();
+    EXPECT_EQ(file("b.log").size(), 1114u);
+}
+
+TEST_F(LoggerConfig, SuspendedWhileTheVolumeIsAway) {
+    Logger::configuration conf;
+    conf.replacements["@VOL@"] = dir.path();
+    configure("rootCategory=INFO, V\nappender.V.fileName=@VOL@/v.log\n", conf);
+    LogAppender* v = LogAppender::find("V", false);
+    EXPECT_TRUE(v->isSuspended()) << "a placeholder path waits for unsuspend";
+    EXPECT_EQ(v->configuredName(), "@VOL@/v.log");
+    otherLog.info("dropped");
+    EXPECT_FALSE(fileExists(dir / "v.log"));
+
+    Logger::unsuspend(conf.replacements);
+    otherLog.info("written");
+    EXPECT_EQ(file("v.log"), "written\n");
+
+    Logger::suspendChannelsContaining("@VOL@");
+    EXPECT_TRUE(v->dropsAll());
+    otherLog.info("dropped again");
+    Logger::path_replacements moved;
+    moved["@VOL@"] = dir / "elsewhere";
+    ASSERT_EQ(mkdir((dir / "elsewhere").c_str(), 0755), 0);
+    Logger::unsuspend(moved);
+    otherLog.info("moved");
+    EXPECT_EQ(file("v.log"), "written\n");
+    EXPECT_EQ(file("elsewhere/v.log"), "moved\n");
+}
+
+TEST_F(LoggerConfig, RestrictedConfigurationsOnlyRaiseLimits) {
+    Logger::configuration conf;
+    conf.attributeMask =
+        (1u << LogAppender::ATTR_MAX_FILE_SIZE) | (1u << LogAppender::ATTR_FILE_NAME);
+    const std::string err = configure(
+        "rootCategory=INFO, L\n"
+        "appender.L.fileName=@DIR@/l.log\n"
+        "appender.L.maxFileSize=5000\n"
+        "appender.L.maxFileSize=4000\n"
+        "appender.L.maxMessageSize=100\n",
+        conf);
+    EXPECT_EQ(err, "");
+    const std::string log = file("l.log");  // the configured appenders hear of it
+    EXPECT_NE(log.find(":4: Parse error"), std::string::npos) << log;
+    EXPECT_NE(log.find(":5: Parse error"), std::string::npos) << "masked off\n" << log;
+    LogAppender* l = LogAppender::find("L", false);
+    EXPECT_EQ(l->maxFileSize(), 5000);
+    EXPECT_TRUE(conf.setAppenderAttribute("L", "maxFileSize", "6000"));
+    EXPECT_FALSE(conf.setAppenderAttribute("L", "maxFileSize", "10"));
+    EXPECT_FALSE(conf.setAppenderAttribute("nobody", "maxFileSize", "10"));
+    EXPECT_EQ(l->maxFileSize(), 6000);
+}
+
+TEST_F(LoggerConfig, StandardErrorCanBeForbidden) {
+    Logger::configuration conf;
+    conf.stderrAllowed = false;
+    StderrCapture capture;
+    configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n", conf);
+    otherLog.error("nowhere");
+    EXPECT_TRUE(LogAppender::find("S", false)->dropsAll());
+    EXPECT_EQ(capture.text(), "");
+}
+
+// ---------------------------------------------------------------- calls
+
+TEST_F(LoggerConfig, ObserversSeeEachLineOnce) {
+    configure(
+        "rootCategory=INFO, O1, O2\n"
+        "appender.O1.fileName=@DIR@/o1.log\n"
+        "appender.O2.fileName=@DIR@/o2.log\n"
+        "appender.O2.layout=SimpleLayout\n");
+    struct Seen : LogObserver {
+        std::vector<std::string> lines;
+        void observe(const Str& line) override { lines.push_back(line); }
+    } seen;
+    {
+        ScopedLogObserverRegistration reg(&otherLog, &seen);
+        ScopedLogObserverRegistration moved(std::move(reg));
+        otherLog.warn("one");
+        otherLog.debug("below the level");
+    }
+    otherLog.warn("after");
+    ASSERT_EQ(seen.lines.size(), 1u);
+    EXPECT_EQ(seen.lines[0], "one\n");
+    EXPECT_EQ(file("o2.log"), "WARN    : one\nWARN    : after\n");
+}
+
+struct LogsWhileStringified {
+    const Logger* log;
+};
+void append_stringified(Str* dest, const LogsWhileStringified& v) {
+    v.log->info("inner %d", 1);
+    dest->append("value");
+}
+
+TEST_F(LoggerConfig, StreamsAndTheirEdges) {
+    configure("rootCategory=DEBUG, S\nappender.S.fileName=@DIR@/s.log\n");
+    otherLog._stream_info() << "n=" << 42 << " d=" << 1.5 << " s=" << Str("str");
+    otherLog._stream_warn();  // empty: nothing
+    otherLog._stream_error() << "outer " << LogsWhileStringified{&otherLog} << " done";
+    Logger::setChannelLevel("Other", "INFO", nullptr);
+    bool rendered = false;
+    otherLog._stream_debug() << (rendered = true);
+    EXPECT_TRUE(rendered) << "arguments are evaluated, but the stream is null";
+    try {
+        otherLog._stream_info() << "partial" << [] {
+            throw std::runtime_error("midway");
+            return 0;
+        }();
+    } catch (const std::runtime_error&) {}
+    otherLog.info("after the exception");
+    EXPECT_EQ(file("s.log"), "n=42 d=1.5 s=str\ninner 1\nouter value done\nafter the exception\n");
+}
+
+TEST_F(LoggerConfig, OtherCallForms) {
+    configure(
+        "rootCategory=DEBUG, S\nappender.S.fileName=@DIR@/s.log\nappender.S.layout=SimpleLayout\n");
+    otherLog.debugSplitLines("a\r\nb\n\nc", 7);
+    otherLog.error(std::runtime_error("what it said"));
+    struct Bracket : LogFormatCallback {
+        void beforeFormat(Str& m) override { m.append("<"); }
+        void afterFormat(Str& m) override { m.append(">"); }
+    } bracket;
+    auto vcall = [&](const char* fmt, ...) {
+        va_list args;
+        va_start(args, fmt);
+        otherLog.vwarn(&bracket, fmt, args);
+        va_end(args);
+    };
+    vcall("%s %d", "v", 7);
+    const unsigned char bytes[] = {0x00, 0x41, 0xff};
+    HexDumper::dumpTo(&otherLog, bytes, sizeof bytes);
+    MonotonicTime::logWhetherMonotonicClockIsUsed(otherLog);
+    Logger::setChannelLevel("Other", "INFO", nullptr);
+    otherLog.debugSplitLines("never\n", 6);
+    Str dump;
+    HexDumper::dumpTo(&dump, bytes, sizeof bytes);
+    const size_t lf = dump.find('\n');
+    ASSERT_NE(lf, Str::npos);
+    EXPECT_EQ(file("s.log"),
+              "DEBUG   : a\nDEBUG   : b\nDEBUG   : c\n"
+              "ERROR   : what it said\n"
+              "WARN    : <v 7>\n"
+              "DEBUG   : " +
+                  dump.substr(0, lf + 1) +
+                  "DEBUG   : 00000003\n"
+                  "INFO    : using CLOCK_MONOTONIC\n");
+}
+
+TEST_F(LoggerConfig, DedupHoldsBackRepeats) {
+    configure("rootCategory=INFO, D\nappender.D.fileName=@DIR@/d.log\n");
+    Logger dedup("Dedup", true, 60, 3);
+    for (int i = 0; i < 5; ++i) dedup.info("same");
+    dedup.flushDedup();
+    dedup.info("other");
+    dedup.info("same");
+    EXPECT_EQ(file("d.log"),
+              "same\nlast message repeated 3 times\nlast message repeated 1 times\nother\nsame\n");
+}
+
+TEST_F(LoggerConfig, ErrnoIsUnchangedByEveryCall) {
+    configure(
+        "rootCategory=INFO, E\n"
+        "appender.E.fileName=@DIR@/nodir/e.log\n");  // every write fails to open
+    StderrCapture capture;
+    auto check = [](const char* what, const std::function<void()>& call) {
+        errno = 1234;
+        call();
+        EXPECT_EQ(errno, 1234) << what;
+    };
+    check("enabled", [] { otherLog.error("failing %m"); });
+    check("disabled", [] { otherLog.debug("off"); });
+    check("segment", [] { otherLog.warnSeg("seg", 3); });
+    check("stream", [] { otherLog._stream_error() << "stream"; });
+    check("exception", [] { otherLog.error(std::runtime_error("e")); });
+    check("simple", [] { simpleLog.info("simple"); });
+    check("internal", [] { LogFormat::internal(nullptr, LOG_LEVEL_ERROR, "internal %m"); });
+    const std::string err = capture.text();
+    EXPECT_NE(err.find("Unknown error 1234"), std::string::npos) << "%m is the caller's errno\n"
+                                                                 << err;
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+// Loggers before anything is set up: from static constructors, some of them
+// running before the logger they use is constructed, and before the
+// MainThread exists. This binary has no MainThread.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "util/Logger.h"
+
+extern Logger late;  // defined below the object that uses it first
+
+namespace {
+
+std::string early_capture;
+int errno_after_early_calls = 0;
+
+Logger early("Early");
+
+// Runs while this file's statics are being constructed: `late` still isn't.
+struct EarlyCaller {
+    EarlyCaller() {
+        char path[] = "/tmp/tarvex-early-XXXXXX";
+        const int fd = mkstemp(path);
+        const int saved = dup(STDERR_FILENO);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+        errno = 1234;
+        early.warn("text %d", 1);
+        early._stream_warn() << "stream " << 2;
+        early.debug("debug is on: %m");
+        late.info("from a logger not yet constructed");
+        late._stream_error() << "its stream " << 3;
+        early._stream_info();  // empty: nothing
+        errno_after_early_calls = errno;
+        dup2(saved, STDERR_FILENO);
+        close(saved);
+        early_capture = testsupport::readFile(path);
+        unlink(path);
+    }
+} early_caller;
+
+}  // namespace
+
+Logger late("Late");
+
+namespace {
+
+TEST(LoggerBeforeConfiguration, StaticConstructorsWriteToStandardError) {
+    EXPECT_EQ(early_capture,
+              "WARN - text 1\n"
+              "WARN - stream 2\n"
+              "DEBUG - debug is on: Unknown error 1234\n"
+              "INFO - from a logger not yet constructed\n"
+              "ERROR - its stream 3\n");
+    EXPECT_EQ(errno_after_early_calls, 1234);
+}
+
+TEST(LoggerBeforeConfiguration, ConfiguredWithoutAMainThread) {
+    testsupport::ScratchDir dir;
+    testsupport::writeFile(dir / "log.cfg", "rootCategory=INFO, F\nappender.F.fileName=" +
+                                                (dir / "f.log") + "\ncategory.Late=WARN\n");
+    Logger::configuration conf;
+    conf.path = dir / "log.cfg";
+    ASSERT_TRUE(Logger::initialize(conf));
+    errno = 5;
+    early.info("format %d", 4);
+    early._stream_info() << "stream " << 5;  // no Thread: a heap accumulator
+    late.info("below the level");
+    late.warn("late %s", "warns");
+    EXPECT_EQ(errno, 5);
+    EXPECT_EQ(testsupport::readFile(dir / "f.log"), "format 4\nstream 5\nlate warns\n");
+}
+
+}  // namespace
