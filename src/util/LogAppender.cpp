@@ -17,7 +17,14 @@ AppenderMap& appender_map() {
     static AppenderMap* m = new AppenderMap;
     return *m;
 }
-constinit PthreadMutexImpl appender_map_mutex{PthreadMutexImpl::StaticInit{}};
+// Never destroyed: loggers may write during the destruction of statics.
+union AppenderMapMutex {
+    PthreadMutexImpl value;
+    constexpr AppenderMapMutex() : value(PthreadMutexImpl::StaticInit{}) {}
+    ~AppenderMapMutex() {}
+};
+constinit AppenderMapMutex appender_map_mutex_storage;
+constinit PthreadMutexImpl& appender_map_mutex = appender_map_mutex_storage.value;
 
 constexpr const char* ATTRIBUTE_NAMES[] = {
     "maxFileSize", "maxBackupIndex", "layout",         "layout.ConversionPattern",

@@ -48,7 +48,8 @@ namespace {
 template <class T>
 union NeverDestroyed {
     T value;
-    constexpr NeverDestroyed() : value() {}
+    template <class... A>
+    constexpr explicit NeverDestroyed(A... args) : value(args...) {}
     ~NeverDestroyed() {}
 };
 
@@ -66,8 +67,10 @@ private:
     bool _held;
 };
 
-// Guards the logger lists and the channel map.
-constinit PthreadMutexImpl init_mutex{PthreadMutexImpl::StaticInit{}};
+// Guards the logger lists and the channel map. Loggers in other files are
+// destroyed after this file's statics, so it must outlive them all.
+constinit NeverDestroyed<PthreadMutexImpl> init_mutex_storage{PthreadMutexImpl::StaticInit{}};
+constinit PthreadMutexImpl& init_mutex = init_mutex_storage.value;
 constinit Logger* waiting_list = nullptr;  // loggers without a channel
 constinit Logger* visited_list = nullptr;  // loggers that have one, for a re-initialisation
 std::atomic<bool> initialized_flag{false};
