@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "libzero/assertion.h"
@@ -182,6 +183,10 @@ void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
 
 // ---------------------------------------------------------------- patterns
 
+namespace {
+constexpr int32_t MAX_WIDTH = 65535;
+}  // namespace
+
 LogFormat::LogFormat(const char* pattern) : _pattern(pattern) {
     const char* p = _pattern.c_str();
     const char* const end = p + _pattern.size();
@@ -213,13 +218,17 @@ LogFormat::LogFormat(const char* pattern) : _pattern(pattern) {
             a.pad = '0';
             ++p;
         }
-        for (; p < end && *p >= '0' && *p <= '9'; ++p) a.minWidth = a.minWidth * 10 + (*p - '0');
+        // Widths saturate: a line is never padded or cut past MAX_WIDTH.
+        for (; p < end && *p >= '0' && *p <= '9'; ++p) {
+            a.minWidth = std::min<int32_t>(a.minWidth * 10 + (*p - '0'), MAX_WIDTH);
+        }
         if (p < end && *p == '.') {
             ++p;
             if (p < end && *p >= '0' && *p <= '9') {
                 a.maxWidth = 0;
-                for (; p < end && *p >= '0' && *p <= '9'; ++p)
-                    a.maxWidth = a.maxWidth * 10 + (*p - '0');
+                for (; p < end && *p >= '0' && *p <= '9'; ++p) {
+                    a.maxWidth = std::min<uint32_t>(a.maxWidth * 10 + (*p - '0'), MAX_WIDTH);
+                }
             }
         }
         if (p >= end) break;

@@ -298,42 +298,31 @@ private:
     Str _escaped;
 };
 
-// To the appenders of `channel` (the root appender when it has none) but
-// `skip`. The first appender written gets the observers, under the channel's
-// lock, so that an observer sees each line once and is never called after
-// it was removed; the others are written without that lock.
+// To the appenders of `channel` (the root appender when it has none, or
+// when redirected) but `skip`. The appender list is fixed once configured,
+// so it is read without a lock. With observers, the first appender is
+// written under the channel's lock and gets them, so that an observer sees
+// each line once and is never called after it was removed.
 bool deliver(LogChannel* channel, const LogMsgMetadata& md, LogMessage& msg,
              const LogAppender* skip) {
-    LogAppender* inlineList[8];
-    std::vector<LogAppender*> heapList;
-    LogAppender** list = inlineList;
-    size_t n = 0;
+    LogAppender* root = LogAppender::rootAppender();
+    const bool toRoot =
+        channel->_toRoot.load(std::memory_order_relaxed) || channel->_appenders.empty();
+    LogAppender* const* list = toRoot ? &root : channel->_appenders.data();
+    const size_t n = toRoot ? 1 : channel->_appenders.size();
+    const bool buffered = channel->_buffered;
     size_t next = 0;
     bool took = false;
-    {
+    if (channel->_observerCount.load(std::memory_order_acquire) != 0) {
         NologLock lock(channel->_mutex);
-        const bool buffered = channel->_buffered;
-        n = channel->_appenders.size();
-        if (n == 0) {
-            inlineList[0] = LogAppender::rootAppender();
-            n = 1;
-        } else if (n <= 8) {
-            std::copy(channel->_appenders.begin(), channel->_appenders.end(), inlineList);
-        } else {
-            heapList = channel->_appenders;
-            list = heapList.data();
-        }
-        if (!channel->_observers.empty()) {
-            for (; next < n; ++next) {
-                LogAppender* a = list[next];
-                if (a == skip) continue;
-                took |= a->write(md, msg.get(a->escape()), &channel->_observers, buffered);
-                ++next;
-                break;
-            }
+        for (; next < n; ++next) {
+            LogAppender* a = list[next];
+            if (a == skip) continue;
+            took |= a->write(md, msg.get(a->escape()), &channel->_observers, buffered);
+            ++next;
+            break;
         }
     }
-    const bool buffered = channel->_buffered;
     for (; next < n; ++next) {
         LogAppender* a = list[next];
         if (a == skip) continue;
@@ -373,6 +362,7 @@ bool LogChannel::applyConfWord(StrSegment word, bool* appenderSeen) {
     if (a == nullptr) return false;
     if (!*appenderSeen) {
         _appenders.clear();
+        _toRoot.store(false, std::memory_order_relaxed);
         *appenderSeen = true;
     }
     if (std::find(_appenders.begin(), _appenders.end(), a) == _appenders.end()) {
@@ -403,12 +393,14 @@ bool LogChannel::setConfig(StrSegment text) {
 void LogChannel::addObserver(LogObserver* observer) {
     NologLock lock(_mutex);
     _observers.push_back(observer);
+    _observerCount.store(static_cast<unsigned>(_observers.size()), std::memory_order_release);
 }
 
 void LogChannel::removeObserver(LogObserver* observer) {
     NologLock lock(_mutex);
     const auto it = std::find(_observers.begin(), _observers.end(), observer);
     if (it != _observers.end()) _observers.erase(it);
+    _observerCount.store(static_cast<unsigned>(_observers.size()), std::memory_order_release);
 }
 
 bool LogChannel::write(const LogMsgMetadata& md, StrSegment message, const LogAppender* skip) {
@@ -778,10 +770,7 @@ bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* old
 }
 
 void Logger::redirectToStderr(const char* name) {
-    auto clear = [](LogChannel* c) {
-        NologLock lock(c->_mutex);
-        c->_appenders.clear();
-    };
+    auto clear = [](LogChannel* c) { c->_toRoot.store(true, std::memory_order_relaxed); };
     if (name != nullptr) {
         clear(LogChannel::findOrCreate(StrSegment(name)));
         return;
@@ -1032,6 +1021,7 @@ void reinit_channels() {
     root._explicit = false;
     root._buffered = false;
     root._appenders.clear();
+    root._toRoot.store(false, std::memory_order_relaxed);
 }
 
 class FileCloser {

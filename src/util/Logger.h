@@ -203,14 +203,14 @@ public:
     std::atomic<int32_t> _level{LOG_LEVEL_INFO};
     bool _explicit = false;
     bool _buffered = false;
+    // Set while configuring, before other threads run; read without a lock.
     std::vector<LogAppender*> _appenders;
+    // Set by redirectToStderr(): the list stands, the root appender writes.
+    std::atomic<bool> _toRoot{false};
+    // Under _mutex.
     std::vector<LogObserver*> _observers;
+    std::atomic<unsigned> _observerCount{0};
     PthreadMutexImpl _mutex{PthreadMutexImpl::StaticInit{}};
-
-private:
-    // Copies the appender list into `out` (up to `cap`); the count, or
-    // SIZE_MAX when the list is longer.
-    size_t snapshotAppenders(LogAppender** out, size_t cap);
 };
 
 // ---------------------------------------------------------------- Logger

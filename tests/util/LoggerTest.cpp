@@ -106,6 +106,8 @@ TEST(LogLayout, WidthsAlignmentAndLiterals) {
         << "a dot without digits sets no maximum";
     EXPECT_EQ(render("%p", &shortLogger, 42, ""), "???");
     EXPECT_EQ(render("%c", nullptr, LOG_LEVEL_INFO, ""), "");
+    EXPECT_EQ(render("%99999999999999999999p", &shortLogger, LOG_LEVEL_INFO, "").size(), 65535u)
+        << "widths saturate";
 }
 
 TEST(LogLayout, JsonLineIsOneObject) {
