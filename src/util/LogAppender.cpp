@@ -115,17 +115,22 @@ void LogAppender::note(int level, const char* format, ...) {
         Logger::appendVformat(text, saved, nullptr, format, args);
         va_end(args);
         _notes.emplace_back(level, std::move(text));
+        _hasNotes.store(true, std::memory_order_relaxed);
     } catch (...) {}
     errno = saved;
 }
 
 void LogAppender::reportNotes() {
+    // Notes are made under the lock by the thread that now calls this, so
+    // the flag it set is visible to it without the lock.
+    if (!_hasNotes.load(std::memory_order_relaxed)) return;
     std::vector<std::pair<int, Str>> notes;
     {
         ScopedAppenderLock lock(_mutex);
-        if (_notes.empty()) return;
         notes.swap(_notes);
+        _hasNotes.store(false, std::memory_order_relaxed);
     }
+    if (notes.empty()) return;
     for (const auto& [level, text] : notes) LogFormat::internal(this, level, "%s", text.c_str());
 }
 

@@ -667,6 +667,7 @@ private:
     // when the appenders are torn down, single-threaded.
     std::vector<LogFormat*> _retiredFormats;
     std::vector<std::pair<int, Str>> _notes;
+    std::atomic<bool> _hasNotes{false};
 };
 
 template <int LEVEL>
