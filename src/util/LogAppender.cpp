@@ -52,20 +52,6 @@ struct RenderScratch {
 };
 thread_local RenderScratch render_scratch;
 
-class ScopedAppenderLock {
-public:
-    explicit ScopedAppenderLock(PthreadMutexImpl& m) : _m(m), _held(m.NOLOG_lock()) {}
-    ~ScopedAppenderLock() {
-        if (_held) _m.NOLOG_unlock();
-    }
-    ScopedAppenderLock(const ScopedAppenderLock&) = delete;
-    ScopedAppenderLock& operator=(const ScopedAppenderLock&) = delete;
-
-private:
-    PthreadMutexImpl& _m;
-    bool _held;
-};
-
 }  // namespace
 
 LogAppender::LogAppender(StrSegment name) : _name(name) {}
@@ -88,7 +74,7 @@ LogAppender* LogAppender::rootAppender() {
 
 LogAppender* LogAppender::find(StrSegment name, bool create) {
     if (name.equals("rootAppender")) return rootAppender();
-    ScopedAppenderLock lock(appender_map_mutex);
+    ScopedNologLock lock(appender_map_mutex);
     AppenderMap& m = appender_map();
     const auto it = m.find(std::string_view(name));
     if (it != m.end()) return it->second;
@@ -100,7 +86,7 @@ LogAppender* LogAppender::find(StrSegment name, bool create) {
 
 void LogAppender::forEach(void (*fn)(const Str& name, LogAppender* appender, void* arg),
                           void* arg) {
-    ScopedAppenderLock lock(appender_map_mutex);
+    ScopedNologLock lock(appender_map_mutex);
     for (const auto& [name, a] : appender_map()) fn(name, a, arg);
 }
 
@@ -126,7 +112,7 @@ void LogAppender::reportNotes() {
     if (!_hasNotes.load(std::memory_order_relaxed)) return;
     std::vector<std::pair<int, Str>> notes;
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         notes.swap(_notes);
         _hasNotes.store(false, std::memory_order_relaxed);
     }
@@ -142,7 +128,7 @@ void LogAppender::setFormat(LogFormat* f) {
 }
 
 void LogAppender::clearFormat() {
-    ScopedAppenderLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     setFormat(LogFormat::defaultLayout());
 }
 
@@ -177,7 +163,7 @@ bool LogAppender::setAttribute(const Str& name, const Str& value,
 
     bool ok = true;
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         uint64_t n = 0;
         switch (attr) {
             case ATTR_FILE_NAME: {
@@ -250,7 +236,7 @@ bool LogAppender::setAttribute(const Str& name, const Str& value,
 
 void LogAppender::finalSetup(const char* name, bool stderrAllowed) {
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         if (_format.load(std::memory_order_relaxed) == nullptr)
             setFormat(LogFormat::defaultLayout());
         bool done = false;
@@ -449,7 +435,7 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
 
     bool took = false;
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         if (!_to_devnull.load(std::memory_order_relaxed)) {
             if (_fd >= 0 || openAndInitFile(md.time)) {
                 if (!_filename.empty()) checkMovedLocked(md.time);
@@ -477,7 +463,7 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
 
 void LogAppender::flush() {
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         if (!_buffer.empty()) {
             if (_fd < 0 && !_filename.empty()) openAndInitFile(CurrentTimeval());
             writeBufferLocked();
@@ -487,7 +473,7 @@ void LogAppender::flush() {
 }
 
 size_t LogAppender::bufferedBytes() {
-    ScopedAppenderLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     return _buffer.size();
 }
 
@@ -495,7 +481,7 @@ size_t LogAppender::bufferedBytes() {
 
 void LogAppender::suspendIfMatches(const Str& text) {
     if (_suspended || _to_devnull.load() || _configuredName.find(text) == Str::npos) return;
-    ScopedAppenderLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     closeLocked();
     _to_devnull.store(true);
     _suspended = true;
@@ -505,7 +491,7 @@ void LogAppender::unsuspend(const Logger::path_replacements& replacements) {
     if (!_suspended) return;
     const Str name = do_replacement(_configuredName, replacements);
     {
-        ScopedAppenderLock lock(_mutex);
+        ScopedNologLock lock(_mutex);
         _filename = name;
         if (openFile()) closeLocked();
         _to_devnull.store(false);
@@ -528,7 +514,7 @@ void LogAppender::resetToDefaultsLocked() {
 void LogAppender::releaseAppenderFds() {
     auto release = [](LogAppender* a) {
         {
-            ScopedAppenderLock lock(a->_mutex);
+            ScopedNologLock lock(a->_mutex);
             if (!a->_buffer.empty()) a->writeBufferLocked();
             a->closeLocked();
             a->resetToDefaultsLocked();
@@ -545,12 +531,12 @@ void LogAppender::reinitAppenders() {
     releaseAppenderFds();
     AppenderMap doomed;
     {
-        ScopedAppenderLock lock(appender_map_mutex);
+        ScopedNologLock lock(appender_map_mutex);
         doomed.swap(appender_map());
     }
     for (auto& [name, a] : doomed) delete a;
     LogAppender* root = rootAppender();
-    ScopedAppenderLock lock(root->_mutex);
+    ScopedNologLock lock(root->_mutex);
     root->_to_devnull.store(false);
     root->_escape.store(true);
     root->_suspended = false;

@@ -53,20 +53,6 @@ union NeverDestroyed {
     ~NeverDestroyed() {}
 };
 
-class NologLock {
-public:
-    explicit NologLock(PthreadMutexImpl& m) : _m(m), _held(m.NOLOG_lock()) {}
-    ~NologLock() {
-        if (_held) _m.NOLOG_unlock();
-    }
-    NologLock(const NologLock&) = delete;
-    NologLock& operator=(const NologLock&) = delete;
-
-private:
-    PthreadMutexImpl& _m;
-    bool _held;
-};
-
 // Guards the logger lists and the channel map. Loggers in other files are
 // destroyed after this file's statics, so it must outlive them all.
 constinit NeverDestroyed<PthreadMutexImpl> init_mutex_storage{PthreadMutexImpl::StaticInit{}};
@@ -314,7 +300,7 @@ bool deliver(LogChannel* channel, const LogMsgMetadata& md, LogMessage& msg,
     size_t next = 0;
     bool took = false;
     if (channel->_observerCount.load(std::memory_order_acquire) != 0) {
-        NologLock lock(channel->_mutex);
+        ScopedNologLock lock(channel->_mutex);
         for (; next < n; ++next) {
             LogAppender* a = list[next];
             if (a == skip) continue;
@@ -338,7 +324,7 @@ bool deliver(LogChannel* channel, const LogMsgMetadata& md, LogMessage& msg,
 LogChannel* LogChannel::root() { return &root_channel.value; }
 
 LogChannel* LogChannel::findOrCreate(StrSegment name) {
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     return find_or_create_locked(name);
 }
 
@@ -391,13 +377,13 @@ bool LogChannel::setConfig(StrSegment text) {
 }
 
 void LogChannel::addObserver(LogObserver* observer) {
-    NologLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     _observers.push_back(observer);
     _observerCount.store(static_cast<unsigned>(_observers.size()), std::memory_order_release);
 }
 
 void LogChannel::removeObserver(LogObserver* observer) {
-    NologLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     const auto it = std::find(_observers.begin(), _observers.end(), observer);
     if (it != _observers.end()) _observers.erase(it);
     _observerCount.store(static_cast<unsigned>(_observers.size()), std::memory_order_release);
@@ -620,7 +606,7 @@ Logger::Logger(const char* name, bool dedup, unsigned dedupSeconds, unsigned ded
     ASSERT((reinterpret_cast<uintptr_t>(this) & LoggerStreamAccumulator::DYNAMIC_FLAG) == 0);
     // clang-format on
     if (dedup) _dedup = new LogDedupper(dedupSeconds, dedupMaxHeld);
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     LoggerRegistry::add(this);
 }
 
@@ -637,7 +623,7 @@ Logger::~Logger() {
 }
 
 void Logger::removeFromUninitialzedList() {
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     LoggerRegistry::unlink(this);
 }
 
@@ -709,7 +695,7 @@ ScopedLogObserverRegistration& ScopedLogObserverRegistration::operator=(
 // window has passed, when `maxHeld` repeats are held, or on flushDedup().
 bool LogDedupper::admit(const Logger* logger, LogChannel* channel, int level, StrSegment line) {
     const int64_t now = CurrentTimeval().sec();
-    NologLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     const bool repeat = level == _lastLevel && _last.equals(line) &&
                         now - _firstSeen < static_cast<int64_t>(_seconds);
     if (repeat) {
@@ -725,7 +711,7 @@ bool LogDedupper::admit(const Logger* logger, LogChannel* channel, int level, St
 }
 
 void LogDedupper::flush(const Logger* logger, LogChannel* channel) {
-    NologLock lock(_mutex);
+    ScopedNologLock lock(_mutex);
     writeRepeatsLocked(logger, channel);
 }
 
@@ -743,7 +729,7 @@ bool Logger::isInitialized() { return initialized_flag.load(std::memory_order_ac
 
 void Logger::initialize() {
     {
-        NologLock lock(init_mutex);
+        ScopedNologLock lock(init_mutex);
         if (log_start_time.isNull()) log_start_time.setToNow();
         LoggerRegistry::assignAll();
         initialized_flag.store(true, std::memory_order_release);
@@ -759,7 +745,7 @@ bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* old
         c->_explicit = true;
         return true;
     }
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     // The root too, so that channels made later follow the change.
     if (!root_channel.value._explicit && !root_channel.value.changeLevel(level)) return false;
     for (auto& [channelName, c] : channel_map()) {
@@ -775,12 +761,12 @@ void Logger::redirectToStderr(const char* name) {
         clear(LogChannel::findOrCreate(StrSegment(name)));
         return;
     }
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     for (auto& [channelName, c] : channel_map()) clear(c);
 }
 
 void Logger::iterateChannels(iterate_channels_callback& cb) {
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     for (auto& [name, c] : channel_map()) cb.channel(name, logLevelText(c->level()), c->_buffered);
 }
 
@@ -1012,11 +998,11 @@ Str local_override_name(const Str& path) {
 
 void reinit_channels() {
     Thread::assertNotMultithreadedYet();
-    NologLock lock(init_mutex);
+    ScopedNologLock lock(init_mutex);
     initialized_flag.store(false, std::memory_order_release);
     LoggerRegistry::resetAll();
     LogChannel& root = root_channel.value;
-    NologLock rootLock(root._mutex);
+    ScopedNologLock rootLock(root._mutex);
     root._level.store(LOG_LEVEL_INFO, std::memory_order_relaxed);
     root._explicit = false;
     root._buffered = false;

@@ -117,6 +117,22 @@ public:
 // "PthreadMutexImpl:{" and the object's 40 bytes in hexadecimal, "}".
 void crashlog_write(CrashLogWriteHandler& h, const PthreadMutexImpl& m);
 
+// A lock taken by NOLOG_lock(), for the logging system, which must not log
+// about its own locks. A lock that can't be taken is not held and not released.
+class ScopedNologLock {
+public:
+    explicit ScopedNologLock(PthreadMutexImpl& m) : _m(m), _held(m.NOLOG_lock()) {}
+    ~ScopedNologLock() {
+        if (_held) _m.NOLOG_unlock();
+    }
+    ScopedNologLock(const ScopedNologLock&) = delete;
+    ScopedNologLock& operator=(const ScopedNologLock&) = delete;
+
+private:
+    PthreadMutexImpl& _m;
+    bool _held;
+};
+
 template <class M>
 class ScopedLock {
 public:
