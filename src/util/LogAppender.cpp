@@ -46,9 +46,13 @@ Str do_replacement(const Str& value, const Logger::path_replacements& replacemen
 
 // Lines are rendered outside every lock, into a buffer each thread reuses;
 // a nested write (from an observer, say) gets a local one.
+// Set when the thread's scratch is destroyed (at thread exit, and for the
+// main thread before static destructors run, which may still log).
+thread_local bool render_scratch_gone = false;
 struct RenderScratch {
     Str line;
     bool busy = false;
+    ~RenderScratch() { render_scratch_gone = true; }
 };
 thread_local RenderScratch render_scratch;
 
@@ -414,10 +418,10 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
                         const std::vector<LogObserver*>* observers, bool buffered) {
     if (_to_devnull.load(std::memory_order_relaxed)) return false;
 
-    RenderScratch& scratch = render_scratch;
+    RenderScratch* scratch = render_scratch_gone ? nullptr : &render_scratch;
     Str nested;
-    const bool useScratch = !scratch.busy;
-    Str& line = useScratch ? scratch.line : nested;
+    const bool useScratch = scratch != nullptr && !scratch->busy;
+    Str& line = useScratch ? scratch->line : nested;
     struct Release {
         RenderScratch* s;
         ~Release() {
@@ -425,8 +429,8 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
             s->busy = false;
             if (s->line.capacity() > KEEP_BUFFER_CAPACITY) Str().swap(s->line);
         }
-    } release{useScratch ? &scratch : nullptr};
-    scratch.busy = true;
+    } release{useScratch ? scratch : nullptr};
+    if (useScratch) scratch->busy = true;
     line.clear();
     const LogFormat* format = _format.load(std::memory_order_acquire);
     if (format == nullptr) format = LogFormat::defaultLayout();
@@ -457,7 +461,7 @@ bool LogAppender::write(const LogMsgMetadata& md, StrSegment message,
             }
         }
     }
-    reportNotes();
+    if (observers == nullptr) reportNotes();
     return took;
 }
 
@@ -537,6 +541,11 @@ void LogAppender::reinitAppenders() {
     for (auto& [name, a] : doomed) delete a;
     LogAppender* root = rootAppender();
     ScopedNologLock lock(root->_mutex);
+    root->closeLocked();
+    root->_filename.clear();
+    root->_configuredName.clear();
+    root->_fd = STDERR_FILENO;
+    root->_buffer.clear();
     root->_to_devnull.store(false);
     root->_escape.store(true);
     root->_suspended = false;

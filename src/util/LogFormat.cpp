@@ -184,6 +184,8 @@ void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
 // ---------------------------------------------------------------- patterns
 
 namespace {
+// Padding past this is refused rather than allocated for every line; a
+// maximum width is only a cut and stays as large as written.
 constexpr int32_t MAX_WIDTH = 65535;
 }  // namespace
 
@@ -218,7 +220,7 @@ LogFormat::LogFormat(const char* pattern) : _pattern(pattern) {
             a.pad = '0';
             ++p;
         }
-        // Widths saturate: a line is never padded or cut past MAX_WIDTH.
+        // A minimum width saturates: a line is never padded past MAX_WIDTH.
         for (; p < end && *p >= '0' && *p <= '9'; ++p) {
             a.minWidth = std::min<int32_t>(a.minWidth * 10 + (*p - '0'), MAX_WIDTH);
         }
@@ -227,7 +229,9 @@ LogFormat::LogFormat(const char* pattern) : _pattern(pattern) {
             if (p < end && *p >= '0' && *p <= '9') {
                 a.maxWidth = 0;
                 for (; p < end && *p >= '0' && *p <= '9'; ++p) {
-                    a.maxWidth = std::min<uint32_t>(a.maxWidth * 10 + (*p - '0'), MAX_WIDTH);
+                    a.maxWidth = a.maxWidth > (NO_MAX_WIDTH - 10) / 10
+                                     ? NO_MAX_WIDTH - 1
+                                     : a.maxWidth * 10 + (*p - '0');
                 }
             }
         }

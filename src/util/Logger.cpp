@@ -164,10 +164,11 @@ void thread_log_to_logger(ThreadLogLevel level, const char* text, size_t length)
 
 // The channel a message of `logger` goes to; null when it goes to the fallback.
 LogChannel* channel_for(const Logger* logger) {
+    if (!initialized_flag.load(std::memory_order_acquire)) return nullptr;
     if (logger->_logger_is_constructed_slowpath()) {
         if (LogChannel* c = logger->channel()) return c;
     }
-    return initialized_flag.load(std::memory_order_acquire) ? &root_channel.value : nullptr;
+    return &root_channel.value;
 }
 
 }  // namespace
@@ -300,14 +301,20 @@ bool deliver(LogChannel* channel, const LogMsgMetadata& md, LogMessage& msg,
     size_t next = 0;
     bool took = false;
     if (channel->_observerCount.load(std::memory_order_acquire) != 0) {
-        ScopedNologLock lock(channel->_mutex);
-        for (; next < n; ++next) {
-            LogAppender* a = list[next];
-            if (a == skip) continue;
-            took |= a->write(md, msg.get(a->escape()), &channel->_observers, buffered);
-            ++next;
-            break;
+        LogAppender* first = nullptr;
+        {
+            ScopedNologLock lock(channel->_mutex);
+            for (; next < n; ++next) {
+                LogAppender* a = list[next];
+                if (a == skip) continue;
+                took |= a->write(md, msg.get(a->escape()), &channel->_observers, buffered);
+                first = a;
+                ++next;
+                break;
+            }
         }
+        // Its complaints may go to this very channel: not under its lock.
+        if (first != nullptr) first->reportNotes();
     }
     for (; next < n; ++next) {
         LogAppender* a = list[next];
@@ -493,8 +500,15 @@ void LogFormat::do_log(LoggerStreamAccumulator* acc, int level) noexcept {
     errno = saved;
 }
 
+namespace {
+// Appenders that fail in turn would report each other's failures for ever:
+// a report made while reporting goes to standard error only.
+thread_local int internal_depth = 0;
+}  // namespace
+
 void LogFormat::internal(const LogAppender* appender, int level, const char* format, ...) {
     const int saved = errno;
+    ++internal_depth;
     try {
         LogChannel* channel = internal_logger.channel();
         if (channel == nullptr) channel = &internal_fixed_channel.value;
@@ -513,7 +527,7 @@ void LogFormat::internal(const LogAppender* appender, int level, const char* for
             va_end(args);
             const LogMsgMetadata md{CurrentTimeval(), &internal_logger, level};
             bool took = false;
-            if (initialized_flag.load(std::memory_order_acquire)) {
+            if (internal_depth == 1 && initialized_flag.load(std::memory_order_acquire)) {
                 try {
                     took = channel->write(md, text.seg(), appender);
                 } catch (...) {}
@@ -521,6 +535,7 @@ void LogFormat::internal(const LogAppender* appender, int level, const char* for
             if (!took) write_fallback(level, text.seg());
         }
     } catch (...) {}
+    --internal_depth;
     errno = saved;
 }
 
@@ -650,39 +665,49 @@ void Logger::unregisterLogObserver(LogObserver* observer) const {
 
 void Logger::flushDedup() const {
     if (_dedup == nullptr) return;
-    if (LogChannel* channel = channel_for(this)) _dedup->flush(this, channel);
+    const int saved = errno;
+    try {
+        if (LogChannel* channel = channel_for(this)) _dedup->flush(this, channel);
+    } catch (...) {}
+    errno = saved;
 }
 
 LoggerSimple::LoggerSimple(const char* name) : Logger(name, &_own) {}
 bool LoggerSimple::shouldEscape() const { return false; }
 bool LoggerSimple::shouldLimitMsgLength() const { return false; }
 
+// The channel is kept: the logger's may change when loggers are initialised.
 ScopedLogObserverRegistration::ScopedLogObserverRegistration(Logger* logger, LogObserver* observer)
     : _logger(logger), _observer(observer) {
     ASSERT(_logger);
     ASSERT(_observer);
-    _logger->registerLogObserver(_observer);
+    _channel = _logger->channel();
+    if (_channel == nullptr) _channel = &root_channel.value;
+    _channel->addObserver(_observer);
 }
 
 ScopedLogObserverRegistration::~ScopedLogObserverRegistration() {
-    if (_logger != nullptr) _logger->unregisterLogObserver(_observer);
+    if (_channel != nullptr) _channel->removeObserver(_observer);
 }
 
 ScopedLogObserverRegistration::ScopedLogObserverRegistration(
     ScopedLogObserverRegistration&& o) noexcept
-    : _logger(o._logger), _observer(o._observer) {
+    : _logger(o._logger), _observer(o._observer), _channel(o._channel) {
     o._logger = nullptr;
     o._observer = nullptr;
+    o._channel = nullptr;
 }
 
 ScopedLogObserverRegistration& ScopedLogObserverRegistration::operator=(
     ScopedLogObserverRegistration&& o) noexcept {
     if (this != &o) {
-        if (_logger != nullptr) _logger->unregisterLogObserver(_observer);
+        if (_channel != nullptr) _channel->removeObserver(_observer);
         _logger = o._logger;
         _observer = o._observer;
+        _channel = o._channel;
         o._logger = nullptr;
         o._observer = nullptr;
+        o._channel = nullptr;
     }
     return *this;
 }
@@ -779,6 +804,7 @@ struct SuspendArgs {
 
 void Logger::suspendChannelsContaining(const Str& text) {
     SuspendArgs args{&text, nullptr};
+    LogAppender::rootAppender()->suspendIfMatches(text);
     LogAppender::forEach([](const Str&, LogAppender* a,
                             void* p) { a->suspendIfMatches(*static_cast<SuspendArgs*>(p)->text); },
                          &args);
@@ -786,6 +812,7 @@ void Logger::suspendChannelsContaining(const Str& text) {
 
 void Logger::unsuspend(const path_replacements& replacements) {
     SuspendArgs args{nullptr, &replacements};
+    LogAppender::rootAppender()->unsuspend(replacements);
     LogAppender::forEach([](const Str&, LogAppender* a,
                             void* p) { a->unsuspend(*static_cast<SuspendArgs*>(p)->replacements); },
                          &args);

@@ -187,6 +187,8 @@ public:
 
     // To each appender but `skip`; no appender means the root appender.
     // True when an appender took the line.
+    // With observers the caller holds the channel's lock: the appender's
+    // complaints then wait for the caller's reportNotes().
     bool write(const LogMsgMetadata& md, StrSegment message, const LogAppender* skip);
     // The same with the logger's escaping: an escaped copy is made only
     // when the message needs one, and once for all appenders.
@@ -201,7 +203,7 @@ public:
                               StrSegment message) noexcept;
 
     std::atomic<int32_t> _level{LOG_LEVEL_INFO};
-    bool _explicit = false;
+    std::atomic<bool> _explicit{false};
     bool _buffered = false;
     // Set while configuring, before other threads run; read without a lock.
     std::vector<LogAppender*> _appenders;
@@ -447,6 +449,7 @@ public:
 private:
     Logger* _logger;
     LogObserver* _observer;
+    LogChannel* _channel = nullptr;
 };
 
 // Holds back repeats of one logger's last line. Internal to Logger.
@@ -595,6 +598,8 @@ public:
                const std::vector<LogObserver*>* observers, bool buffered);
     // Writes out a held buffer.
     void flush();
+    // Logs the complaints gathered under the appender's lock.
+    void reportNotes();
 
     bool openFile();
     bool openAndInitFile(const Timeval& time);
@@ -638,7 +643,6 @@ private:
     // The appender's own complaints wait here while its lock is held, and
     // are logged once it is released.
     void note(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
-    void reportNotes();
     void setFormat(LogFormat* f);
     bool setNumber(const Str& value, const Logger::configuration& conf, uint64_t current,
                    uint64_t* out);

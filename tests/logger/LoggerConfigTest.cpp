@@ -475,7 +475,8 @@ TEST_F(LoggerConfig, StandardErrorCanBeForbidden) {
     Logger::configuration conf;
     conf.stderrAllowed = false;
     StderrCapture capture;
-    configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n", conf);
+    EXPECT_EQ(configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n", conf),
+              "");
     otherLog.error("nowhere");
     EXPECT_TRUE(LogAppender::find("S", false)->dropsAll());
     EXPECT_EQ(capture.text(), "");
@@ -598,6 +599,39 @@ TEST_F(LoggerConfig, ErrnoIsUnchangedByEveryCall) {
     const std::string err = capture.text();
     EXPECT_NE(err.find("Unknown error 1234"), std::string::npos) << "%m is the caller's errno\n"
                                                                  << err;
+}
+
+TEST_F(LoggerConfig, FailingAppendersDoNotReportEachOtherForEver) {
+    // /dev/full opens, and every write to it fails with ENOSPC.
+    configure(
+        "rootCategory=INFO, A, B\nappender.A.fileName=/dev/full\nappender.B.fileName=/dev/full\n");
+    // An observer on the logging system's own channel: its reports must not
+    // wait for the channel lock that the failing write was made under.
+    Logger self("Logger");
+    struct Seen : LogObserver {
+        int lines = 0;
+        void observe(const Str&) override { ++lines; }
+    } seen;
+    ScopedLogObserverRegistration reg(&self, &seen);
+    StderrCapture capture;
+    otherLog.info("into a full disk");
+    self.info("and from the logging system's channel");
+    const std::string err = capture.text();
+    EXPECT_NE(err.find("Error writing to \"/dev/full\": No space left on device"),
+              std::string::npos)
+        << err;
+    EXPECT_GE(seen.lines, 1);
+}
+
+TEST_F(LoggerConfig, RootAppenderGoesBackToStandardErrorWhenReconfigured) {
+    configure("appender.rootAppender.fileName=@DIR@/root.log\n");
+    otherLog.info("to the root file");
+    EXPECT_EQ(file("root.log"), "to the root file\n");
+    configure("rootCategory=INFO\n");
+    StderrCapture capture;
+    otherLog.info("to standard error");
+    EXPECT_EQ(capture.text(), "to standard error\n");
+    EXPECT_EQ(file("root.log"), "to the root file\n");
 }
 
 }  // namespace

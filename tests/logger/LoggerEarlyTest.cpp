@@ -21,6 +21,7 @@ std::string early_capture;
 int errno_after_early_calls = 0;
 
 Logger early("Early");
+LoggerSimple simple("Simple");
 
 // Runs while this file's statics are being constructed: `late` still isn't.
 struct EarlyCaller {
@@ -37,6 +38,7 @@ struct EarlyCaller {
         late.info("from a logger not yet constructed");
         late._stream_error() << "its stream " << 3;
         early._stream_info();  // empty: nothing
+        simple.info("a simple logger too");
         errno_after_early_calls = errno;
         dup2(saved, STDERR_FILENO);
         close(saved);
@@ -57,7 +59,8 @@ TEST(LoggerBeforeConfiguration, StaticConstructorsWriteToStandardError) {
               "WARN - stream 2\n"
               "DEBUG - debug is on: Unknown error 1234\n"
               "INFO - from a logger not yet constructed\n"
-              "ERROR - its stream 3\n");
+              "ERROR - its stream 3\n"
+              "INFO - a simple logger too\n");
     EXPECT_EQ(errno_after_early_calls, 1234);
 }
 

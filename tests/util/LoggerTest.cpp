@@ -107,7 +107,10 @@ TEST(LogLayout, WidthsAlignmentAndLiterals) {
     EXPECT_EQ(render("%p", &shortLogger, 42, ""), "???");
     EXPECT_EQ(render("%c", nullptr, LOG_LEVEL_INFO, ""), "");
     EXPECT_EQ(render("%99999999999999999999p", &shortLogger, LOG_LEVEL_INFO, "").size(), 65535u)
-        << "widths saturate";
+        << "a minimum width saturates";
+    EXPECT_EQ(render("%.100000m", &shortLogger, LOG_LEVEL_INFO, std::string(70000, 'm')).size(),
+              70000u)
+        << "a maximum width stays as written";
 }
 
 TEST(LogLayout, JsonLineIsOneObject) {
