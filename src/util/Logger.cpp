@@ -1080,7 +1080,9 @@ bool Logger::initialize(const configuration& conf) {
     }
     deferred.apply();
     initialize();
-    if (conf.stderrAllowed) LogAppender::rootAppender()->finalSetup("rootAppender", true);
+    // Forbidden standard error silences the root appender too (unless it was
+    // given a file): channels without appenders would otherwise still print.
+    LogAppender::rootAppender()->finalSetup("rootAppender", conf.stderrAllowed);
     LogAppender::forEach(
         [](const Str& name, LogAppender* a, void* allowed) {
             a->finalSetup(name.c_str(), *static_cast<bool*>(allowed));

@@ -475,9 +475,13 @@ TEST_F(LoggerConfig, StandardErrorCanBeForbidden) {
     Logger::configuration conf;
     conf.stderrAllowed = false;
     StderrCapture capture;
-    EXPECT_EQ(configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n", conf),
+    EXPECT_EQ(configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n"
+                        "category.Test.Channel=ERROR\n",
+                        conf),
               "");
     otherLog.error("nowhere");
+    Logger::redirectToStderr("Test.Channel");
+    channelLog.error("not even through the root appender");
     EXPECT_TRUE(LogAppender::find("S", false)->dropsAll());
     EXPECT_EQ(capture.text(), "");
 }
