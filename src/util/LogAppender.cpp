@@ -88,10 +88,10 @@ LogAppender* LogAppender::find(StrSegment name, bool create) {
     return a;
 }
 
-void LogAppender::forEach(void (*fn)(const Str& name, LogAppender* appender, void* arg),
-                          void* arg) {
+void LogAppender::forEach(const std::function<void(LogAppender*)>& fn, bool withRoot) {
+    if (withRoot) fn(rootAppender());
     ScopedNologLock lock(appender_map_mutex);
-    for (const auto& [name, a] : appender_map()) fn(name, a, arg);
+    for (const auto& [name, a] : appender_map()) fn(a);
 }
 
 // ---------------------------------------------------------------- notes
@@ -120,7 +120,6 @@ void LogAppender::reportNotes() {
         notes.swap(_notes);
         _hasNotes.store(false, std::memory_order_relaxed);
     }
-    if (notes.empty()) return;
     for (const auto& [level, text] : notes) LogFormat::internal(this, level, "%s", text.c_str());
 }
 
@@ -516,18 +515,17 @@ void LogAppender::resetToDefaultsLocked() {
 }
 
 void LogAppender::releaseAppenderFds() {
-    auto release = [](LogAppender* a) {
-        {
-            ScopedNologLock lock(a->_mutex);
-            if (!a->_buffer.empty()) a->writeBufferLocked();
-            a->closeLocked();
-            a->resetToDefaultsLocked();
-        }
-        a->reportNotes();
-    };
-    release(rootAppender());
-    forEach([](const Str&, LogAppender* a, void* fn) { (*static_cast<decltype(release)*>(fn))(a); },
-            &release);
+    forEach(
+        [](LogAppender* a) {
+            {
+                ScopedNologLock lock(a->_mutex);
+                if (!a->_buffer.empty()) a->writeBufferLocked();
+                a->closeLocked();
+                a->resetToDefaultsLocked();
+            }
+            a->reportNotes();
+        },
+        true);
 }
 
 void LogAppender::reinitAppenders() {

@@ -6,10 +6,9 @@
 #include <cstring>
 
 #include "libzero/assertion.h"
+#include "libzero/int-to-ascii.h"
 #include "util/Logger.h"
 #include "util/Thread.h"
-
-extern Timeval log_start_time;
 
 // ---------------------------------------------------------------- time
 
@@ -44,17 +43,12 @@ const struct tm& broken_down(int64_t sec) {
     return c.tm;
 }
 
+// Padded on the left to `width`; only %s can be negative, and it has no width.
 void append_padded(Str* sink, long value, int width, char pad = '0') {
     char buf[24];
-    int n = 0;
-    unsigned long v = value < 0 ? 0UL - static_cast<unsigned long>(value) : value;
-    do {
-        buf[n++] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v != 0);
-    if (value < 0) sink->push_back('-');
-    for (int i = n; i < width; ++i) sink->push_back(pad);
-    while (n > 0) sink->push_back(buf[--n]);
+    const size_t n = convertI64ToAscii(value, buf);
+    if (static_cast<size_t>(width) > n) sink->append(width - n, pad);
+    sink->append(buf, n);
 }
 
 }  // namespace
@@ -81,9 +75,8 @@ LogFormattedTime::LogFormattedTime(StrSegment braceText) : _brace(braceText) {
     }
 }
 
-void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
-    const struct tm& tm = broken_down(time.sec());
-    const char* f = _format.c_str();
+namespace {
+void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& time) {
     for (; *f != '\0'; ++f) {
         if (*f != '%') {
             sink->push_back(*f);
@@ -153,18 +146,10 @@ void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
                 append_padded(sink, time.sec(), 1);
                 break;
             case 'F':
-                append_padded(sink, tm.tm_year + 1900L, 4);
-                sink->push_back('-');
-                append_padded(sink, tm.tm_mon + 1, 2);
-                sink->push_back('-');
-                append_padded(sink, tm.tm_mday, 2);
+                render_time(sink, "%Y-%m-%d", tm, time);
                 break;
             case 'T':
-                append_padded(sink, tm.tm_hour, 2);
-                sink->push_back(':');
-                append_padded(sink, tm.tm_min, 2);
-                sink->push_back(':');
-                append_padded(sink, tm.tm_sec, 2);
+                render_time(sink, "%H:%M:%S", tm, time);
                 break;
             case 'n':
                 sink->push_back('\n');
@@ -179,6 +164,11 @@ void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
                 return;  // refused at construction; the end of the text
         }
     }
+}
+}  // namespace
+
+void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
+    render_time(sink, _format.c_str(), broken_down(time.sec()), time);
 }
 
 // ---------------------------------------------------------------- patterns
@@ -323,12 +313,7 @@ void LogFormat::Atom::renderTo(Str* sink, const char* data, size_t len) const {
 
 void LogFormat::Atom::renderNumberTo(Str* sink, unsigned long long value) const {
     char buf[24];
-    size_t n = sizeof buf;
-    do {
-        buf[--n] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    renderTo(sink, buf + n, sizeof buf - n);
+    renderTo(sink, buf, convertU64ToAscii(value, buf));
 }
 
 void LogFormat::Atom::renderMessageTo(Str* sink, StrSegment message, const Logger* logger,
@@ -358,15 +343,9 @@ void LogFormat::Atom::renderMessageTo(Str* sink, StrSegment message, const Logge
 namespace {
 // " ...{skipping <n> bytes}... " into `buf`; its length.
 size_t skip_marker(char* buf, size_t skipped) {
-    char digits[24];
-    size_t d = sizeof digits;
-    do {
-        digits[--d] = static_cast<char>('0' + skipped % 10);
-        skipped /= 10;
-    } while (skipped != 0);
     size_t n = 0;
     memcpy(buf + n, " ...{skipping ", 14), n += 14;
-    memcpy(buf + n, digits + d, sizeof digits - d), n += sizeof digits - d;
+    n += convertU64ToAscii(skipped, buf + n);
     memcpy(buf + n, " bytes}... ", 11), n += 11;
     return n;
 }

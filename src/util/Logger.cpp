@@ -10,6 +10,7 @@
 
 #include "libzero/assertion.h"
 #include "util/CrashLog.h"
+#include "util/FileStar.h"
 #include "util/PrintfFormat.h"
 #include "util/Thread.h"
 #include "util/UnicodeStream.h"
@@ -99,7 +100,6 @@ void write_fallback(int level, StrSegment text) noexcept {
 
 }  // namespace
 
-// The process start as the logging system sees it, for %r and %R.
 Timeval log_start_time;
 
 // Helpers with access to the loggers' private fields.
@@ -347,7 +347,7 @@ bool LogChannel::applyConfWord(StrSegment word, bool* appenderSeen) {
         _explicit = true;
         return true;
     }
-    if (Str(word).asLowercase().equals("buffered")) {
+    if (mem_compare_caseless(word.data(), word.size(), "buffered") == 0) {
         _buffered = true;
         return true;
     }
@@ -438,8 +438,12 @@ void LogChannel::finish_vlog_s(const Logger* logger, LogChannel* channel, int le
 
 namespace {
 
-// After the level test: the dedupper, then the channel.
-void log_rendered(const Logger* logger, LogChannel* channel, int level, StrSegment text) {
+// A finished message: standard error before initialisation, else the
+// channel's level, the dedupper and the channel.
+void log_text(const Logger* logger, int level, StrSegment text) {
+    LogChannel* channel = channel_for(logger);
+    if (channel == nullptr) return write_fallback(level, text);
+    if (level < channel->level()) return;
     if (LogDedupper* d = logger->_dedupper()) {
         if (!d->admit(logger, channel, level, text)) return;
     }
@@ -453,25 +457,21 @@ void LogFormat::cpp_do_log(const Logger* logger, int level, LogFormatCallback* c
     const int saved = errno;
     try {
         LogChannel* channel = channel_for(logger);
-        if (channel == nullptr || logger->_dedupper() != nullptr) {
-            if (channel != nullptr && level < channel->level()) {
-                errno = saved;
-                return;
-            }
-            LoggerStreamAccumulator::scoped_claim claim(logger);
-            Str& text = claim.str();
-            try {
-                Logger::appendVformat(text, saved, callback, format, args);
-            } catch (...) {
-                text.assign(format);
-            }
-            if (channel == nullptr) {
-                write_fallback(level, text.seg());
+        // Nothing is formatted for a level that is off.
+        if (channel == nullptr || level >= channel->level()) {
+            if (channel != nullptr && logger->_dedupper() == nullptr) {
+                LogChannel::finish_vlog(logger, channel, level, callback, saved, format, args);
             } else {
-                log_rendered(logger, channel, level, text.seg());
+                // The fallback and the dedupper take the finished text.
+                LoggerStreamAccumulator::scoped_claim claim(logger);
+                Str& text = claim.str();
+                try {
+                    Logger::appendVformat(text, saved, callback, format, args);
+                } catch (...) {
+                    text.assign(format);
+                }
+                log_text(logger, level, text.seg());
             }
-        } else if (level >= channel->level()) {
-            LogChannel::finish_vlog(logger, channel, level, callback, saved, format, args);
         }
     } catch (...) {
         // A log call never fails for its caller.
@@ -487,12 +487,7 @@ void LogFormat::do_log(LoggerStreamAccumulator* acc, int level) noexcept {
                 LoggerStreamAccumulator::NOT_CONSTRUCTED) {
                 write_fallback(level, acc->message.seg());
             } else {
-                const Logger* logger = acc->logger();
-                if (LogChannel* channel = channel_for(logger)) {
-                    log_rendered(logger, channel, level, acc->message.seg());
-                } else {
-                    write_fallback(level, acc->message.seg());
-                }
+                log_text(acc->logger(), level, acc->message.seg());
             }
         }
     } catch (...) {}
@@ -564,23 +559,14 @@ void Logger::_log(int level, const char* format, ...) const {
 }
 
 void Logger::vlog(int level, LogFormatCallback* cb, const char* format, va_list args) const {
-    if (!isLevelEnabled(level)) return;
-    va_list copy;
-    va_copy(copy, args);
-    LogFormat::cpp_do_log(this, level, cb, format, copy);
-    va_end(copy);
+    if (isLevelEnabled(level)) LogFormat::cpp_do_log(this, level, cb, format, args);
 }
 
 void Logger::logSeg(int level, const char* data, size_t length) const {
     if (!isLevelEnabled(level)) return;
     const int saved = errno;
     try {
-        if (LogChannel* channel = channel_for(this)) {
-            if (level >= channel->level())
-                log_rendered(this, channel, level, StrSegment(data, length));
-        } else {
-            write_fallback(level, StrSegment(data, length));
-        }
+        log_text(this, level, StrSegment(data, length));
     } catch (...) {}
     errno = saved;
 }
@@ -653,14 +639,20 @@ int Logger::getLogLevel() const {
     return level >= 0 && level < LEVEL_COUNT ? SCALE[level] : 0;
 }
 
+namespace {
+// Before initialisation a logger's lines are observed on the root channel.
+LogChannel* observed_channel(const Logger* logger) {
+    LogChannel* c = logger->channel();
+    return c != nullptr ? c : &root_channel.value;
+}
+}  // namespace
+
 void Logger::registerLogObserver(LogObserver* observer) const {
-    LogChannel* c = channel();
-    (c != nullptr ? c : &root_channel.value)->addObserver(observer);
+    observed_channel(this)->addObserver(observer);
 }
 
 void Logger::unregisterLogObserver(LogObserver* observer) const {
-    LogChannel* c = channel();
-    (c != nullptr ? c : &root_channel.value)->removeObserver(observer);
+    observed_channel(this)->removeObserver(observer);
 }
 
 void Logger::flushDedup() const {
@@ -681,8 +673,7 @@ ScopedLogObserverRegistration::ScopedLogObserverRegistration(Logger* logger, Log
     : _logger(logger), _observer(observer) {
     ASSERT(_logger);
     ASSERT(_observer);
-    _channel = _logger->channel();
-    if (_channel == nullptr) _channel = &root_channel.value;
+    _channel = observed_channel(_logger);
     _channel->addObserver(_observer);
 }
 
@@ -781,13 +772,13 @@ bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* old
 }
 
 void Logger::redirectToStderr(const char* name) {
-    auto clear = [](LogChannel* c) { c->_toRoot.store(true, std::memory_order_relaxed); };
+    auto redirect = [](LogChannel* c) { c->_toRoot.store(true, std::memory_order_relaxed); };
     if (name != nullptr) {
-        clear(LogChannel::findOrCreate(StrSegment(name)));
+        redirect(LogChannel::findOrCreate(StrSegment(name)));
         return;
     }
     ScopedNologLock lock(init_mutex);
-    for (auto& [channelName, c] : channel_map()) clear(c);
+    for (auto& [channelName, c] : channel_map()) redirect(c);
 }
 
 void Logger::iterateChannels(iterate_channels_callback& cb) {
@@ -795,27 +786,12 @@ void Logger::iterateChannels(iterate_channels_callback& cb) {
     for (auto& [name, c] : channel_map()) cb.channel(name, logLevelText(c->level()), c->_buffered);
 }
 
-namespace {
-struct SuspendArgs {
-    const Str* text;
-    const Logger::path_replacements* replacements;
-};
-}  // namespace
-
 void Logger::suspendChannelsContaining(const Str& text) {
-    SuspendArgs args{&text, nullptr};
-    LogAppender::rootAppender()->suspendIfMatches(text);
-    LogAppender::forEach([](const Str&, LogAppender* a,
-                            void* p) { a->suspendIfMatches(*static_cast<SuspendArgs*>(p)->text); },
-                         &args);
+    LogAppender::forEach([&text](LogAppender* a) { a->suspendIfMatches(text); }, true);
 }
 
 void Logger::unsuspend(const path_replacements& replacements) {
-    SuspendArgs args{nullptr, &replacements};
-    LogAppender::rootAppender()->unsuspend(replacements);
-    LogAppender::forEach([](const Str&, LogAppender* a,
-                            void* p) { a->unsuspend(*static_cast<SuspendArgs*>(p)->replacements); },
-                         &args);
+    LogAppender::forEach([&replacements](LogAppender* a) { a->unsuspend(replacements); }, true);
 }
 
 void Logger::releaseLoggerFds() {
@@ -872,11 +848,7 @@ private:
 constexpr CharacterClass KEY_END(" \t.=");
 constexpr CharacterClass BLANKS(" \t");
 
-StrSegment skip_blanks(StrSegment s) {
-    size_t i = 0;
-    while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
-    return s.substr(i);
-}
+StrSegment skip_blanks(StrSegment s) { return s.trim(BLANKS, true, false); }
 
 void DeferredLogConf::parse(const char* path, FILE* file) {
     ReadableUnicodeFileStar in(file);
@@ -914,16 +886,15 @@ void DeferredLogConf::parse(const char* path, FILE* file) {
         }
         const size_t hash = line.find('#');
         if (hash != Str::npos) line.resize(hash);
-        while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.pop_back();
+        line.trimInPlace(BLANKS, false, true);
         if (line.empty()) continue;
 
         if (line[0] == '[') {
-            StrSegment header = line.seg().substr(1);
-            while (!header.empty() && (header.back() == ' ' || header.back() == ']')) {
-                header.pop_back();
-            }
+            static constexpr CharacterClass HEADER_END(" ]");
+            const StrSegment header = line.seg().substr(1).trim(HEADER_END, false, true);
             counting = !_conf.section.empty() &&
-                       Str(header).asLowercase().equals(_conf.section.asLowercase().seg());
+                       mem_compare_caseless(header.data(), header.size(), _conf.section.data(),
+                                            _conf.section.size()) == 0;
             continue;
         }
         if (!counting) continue;
@@ -1037,19 +1008,6 @@ void reinit_channels() {
     root._toRoot.store(false, std::memory_order_relaxed);
 }
 
-class FileCloser {
-public:
-    explicit FileCloser(FILE* f) : _f(f) {}
-    ~FileCloser() {
-        if (_f != nullptr) fclose(_f);
-    }
-    FileCloser(const FileCloser&) = delete;
-    FileCloser& operator=(const FileCloser&) = delete;
-
-private:
-    FILE* _f;
-};
-
 }  // namespace
 
 bool Logger::initialize(const configuration& conf) {
@@ -1059,8 +1017,8 @@ bool Logger::initialize(const configuration& conf) {
     }
     stderr_forbidden.store(!conf.stderrAllowed, std::memory_order_relaxed);
 
-    FILE* main = fopen(conf.path.c_str(), "r");
-    if (main == nullptr) {
+    ScopedFileStar main;
+    if (!main.open(conf.path, "r")) {
         const int e = errno;
         initialize();
         errno = e;
@@ -1069,25 +1027,17 @@ bool Logger::initialize(const configuration& conf) {
         return false;
     }
     DeferredLogConf deferred(conf);
-    {
-        FileCloser closer(main);
-        deferred.parse(conf.path.c_str(), main);
-    }
+    deferred.parse(conf.path.c_str(), main.get());
+    main.close();
     const Str local = local_override_name(conf.path);
-    if (FILE* f = fopen(local.c_str(), "r")) {
-        FileCloser closer(f);
-        deferred.parse(local.c_str(), f);
-    }
+    ScopedFileStar override;
+    if (override.open(local, "r")) deferred.parse(local.c_str(), override.get());
     deferred.apply();
     initialize();
     // Forbidden standard error silences the root appender too (unless it was
     // given a file): channels without appenders would otherwise still print.
-    LogAppender::rootAppender()->finalSetup("rootAppender", conf.stderrAllowed);
     LogAppender::forEach(
-        [](const Str& name, LogAppender* a, void* allowed) {
-            a->finalSetup(name.c_str(), *static_cast<bool*>(allowed));
-        },
-        const_cast<bool*>(&conf.stderrAllowed));
+        [&conf](LogAppender* a) { a->finalSetup(a->name().c_str(), conf.stderrAllowed); }, true);
     deferred.report();
     return true;
 }

@@ -17,6 +17,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -474,6 +475,9 @@ private:
 
 // ---------------------------------------------------------------- layouts
 
+// When logging started (the first initialisation), for %r and %R.
+extern Timeval log_start_time;
+
 // The broken-down time of a %d atom: a strftime-like text, with %l for
 // milliseconds. "ISO8601" (or nothing), "ABSOLUTE" and "DATE" are names.
 class LogFormattedTime {
@@ -615,8 +619,8 @@ public:
     // The same, then the named appenders are freed and the root appender
     // writes to standard error again.
     static void reinitAppenders();
-    // Every named appender, in name order.
-    static void forEach(void (*fn)(const Str& name, LogAppender* appender, void* arg), void* arg);
+    // Every named appender in name order, after the root appender when asked.
+    static void forEach(const std::function<void(LogAppender*)>& fn, bool withRoot);
 
     const Str& name() const { return _name; }
     int fd() const { return _fd; }
