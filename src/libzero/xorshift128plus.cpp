@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <x86intrin.h>
@@ -16,14 +17,14 @@ inline uint64_t finish(uint64_t z) {
     return z ^ (z >> 31);
 }
 
-// The cycle counter, or 0 where reading it would fault (PR_TSC_SIGSEGV).
-// Decided once per process.
-uint64_t cycleCounter() {
+// Whether rdtsc may be read here: not under PR_TSC_SIGSEGV. Decided once per
+// process.
+bool cycleCounterAvailable() {
     static const bool available = [] {
         int mode = 0;
         return !(prctl(PR_GET_TSC, &mode, 0, 0, 0) == 0 && mode == PR_TSC_SIGSEGV);
     }();
-    return available ? __rdtsc() : 0;
+    return available;
 }
 
 inline uint64_t errnoAddressBits() { return reinterpret_cast<uintptr_t>(&errno) >> 2; }
@@ -33,8 +34,14 @@ inline uint64_t pidSwapped() { return __builtin_bswap64(static_cast<uint64_t>(ge
 // The two clock-and-counter words every non-deterministic seed starts from.
 void clockWords(uint64_t* w0, uint64_t* w1) {
     struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    const uint64_t counter = cycleCounter();
+    const bool haveCounter = cycleCounterAvailable();
+    // Where the clock source is the TSC, the vDSO's gettimeofday reads rdtsc
+    // too and faults under PR_TSC_SIGSEGV; the system call does not.
+    if (haveCounter)
+        gettimeofday(&tv, nullptr);
+    else
+        syscall(SYS_gettimeofday, &tv, nullptr);
+    const uint64_t counter = haveCounter ? __rdtsc() : 0;
     *w0 = finish(counter - __builtin_bswap64(static_cast<uint64_t>(tv.tv_sec)));
     *w1 = finish(static_cast<uint64_t>(tv.tv_usec) + __builtin_bswap64(counter));
 }
