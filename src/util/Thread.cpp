@@ -245,38 +245,49 @@ void Thread::initialize(unsigned long stackSize) {
             thread_log(THREAD_LOG_WARN,
                        "cannot override thread stack size: pthread_attr_setstacksize(): %m");
         }
+        // A refused scheduling attribute only warns; the thread then starts
+        // with its creator's scheduling rather than a half-set policy (FIFO
+        // at priority 0 would make pthread_create itself fail).
+        bool explicitSched = true;
         if ((errno = pthread_attr_setinheritsched(&own, PTHREAD_EXPLICIT_SCHED)) != 0) {
             thread_log(THREAD_LOG_WARN,
                        "cannot override thread inherit sched: pthread_attr_setinheritsched(): %m");
+            explicitSched = false;
         }
-        if ((errno = pthread_attr_setschedpolicy(&own, _schedPolicy)) != 0) {
+        if (explicitSched && (errno = pthread_attr_setschedpolicy(&own, _schedPolicy)) != 0) {
             thread_log(
                 THREAD_LOG_WARN,
                 "cannot override thread scheduling policy: pthread_attr_setschedpolicy(): %m");
+            explicitSched = false;
         }
         struct sched_param param = {};
         param.sched_priority = _schedPriority;
-        if ((errno = pthread_attr_setschedparam(&own, &param)) != 0) {
+        if (explicitSched && (errno = pthread_attr_setschedparam(&own, &param)) != 0) {
             thread_log(
                 THREAD_LOG_WARN,
                 "cannot override thread scheduling parameter: pthread_attr_setschedparam(): %m");
+            explicitSched = false;
         }
+        if (!explicitSched) pthread_attr_setinheritsched(&own, PTHREAD_INHERIT_SCHED);
     }
 
     non_main_thread_count.fetch_add(1);
     int e = pthread_create(&_token._t, attr, callMain, this);
-    if (e == EPERM && attr == &own) {
-        // Real-time scheduling without the privilege: the attributes were
-        // accepted but the kernel refuses them at creation. A bad scheduling
-        // setting must not stop a thread from starting, so it starts with the
-        // creator's scheduling instead, after the same kind of warning.
-        errno = e;
-        thread_log(THREAD_LOG_WARN,
-                   "cannot override thread scheduling policy: pthread_create(): %m; %s starts "
-                   "with inherited scheduling",
-                   _name.c_str());
-        pthread_attr_setinheritsched(&own, PTHREAD_INHERIT_SCHED);
-        e = pthread_create(&_token._t, attr, callMain, this);
+    if ((e == EPERM || e == EINVAL) && attr == &own) {
+        // The attributes were accepted but the kernel refuses them at
+        // creation (real-time scheduling without the privilege, a priority
+        // the policy does not take). Start with the creator's scheduling.
+        int inherit = PTHREAD_INHERIT_SCHED;
+        pthread_attr_getinheritsched(&own, &inherit);
+        if (inherit == PTHREAD_EXPLICIT_SCHED) {
+            errno = e;
+            thread_log(THREAD_LOG_WARN,
+                       "cannot override thread scheduling policy: pthread_create(): %m; %s starts "
+                       "with inherited scheduling",
+                       _name.c_str());
+            pthread_attr_setinheritsched(&own, PTHREAD_INHERIT_SCHED);
+            e = pthread_create(&_token._t, attr, callMain, this);
+        }
     }
     if (attr == &own) pthread_attr_destroy(&own);
     if (e != 0) {

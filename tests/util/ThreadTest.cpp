@@ -285,30 +285,45 @@ TEST(Thread, SchedulingPoliciesByName) {
     }
 }
 
-// Without the privilege for real-time scheduling the kernel refuses the
-// thread; it must start anyway, with the creator's scheduling.
-TEST(Thread, ARealTimePolicyWithoutPrivilegeStillStarts) {
-    const int status =
-        testsupport::inChildAs(testsupport::kUnprivilegedUid, testsupport::kUnprivilegedGid, [] {
+// A refused scheduling setting, by the attribute calls or by the kernel at
+// creation, only warns: the thread starts with its creator's scheduling.
+TEST(Thread, RefusedSchedulingStillStarts) {
+    struct Case {
+        Thread::SchedPolicy policy;
+        int priority;
+        bool privileged;
+    };
+    const Case cases[] = {
+        {Thread::SCHED_POLICY_FIFO, 10, false},        // refused by pthread_create: EPERM
+        {Thread::SCHED_POLICY_FIFO, 1000, true},       // refused by setschedparam: EINVAL
+        {Thread::SCHED_POLICY_ROUND_ROBIN, -5, true},  // below the policy's range
+    };
+    for (const Case& c : cases) {
+        auto body = [&c] {
             std::atomic<bool> ran{false};
             int policy = -1;
-            struct Fifo : Thread {
+            struct Scheduled : Thread {
                 std::atomic<bool>& ran;
                 int& policy;
-                Fifo(std::atomic<bool>& r, int& p)
-                    : Thread(SCHED_POLICY_FIFO, 10, "fifo"), ran(r), policy(p) {}
+                Scheduled(const Case& c, std::atomic<bool>& r, int& p)
+                    : Thread(c.policy, c.priority, "scheduled"), ran(r), policy(p) {}
                 void main() override {
                     struct sched_param param;
                     pthread_getschedparam(pthread_self(), &policy, &param);
                     ran = true;
                 }
-            } fifo(ran, policy);
-            fifo.go();
-            fifo.join();
+            } t(c, ran, policy);
+            t.go();
+            t.join();
             if (!ran.load()) return 2;
             return policy == SCHED_OTHER ? 0 : 3;
-        });
-    EXPECT_EQ(status, 0);
+        };
+        const int status = c.privileged
+                               ? testsupport::inChild(body)
+                               : testsupport::inChildAs(testsupport::kUnprivilegedUid,
+                                                        testsupport::kUnprivilegedGid, body);
+        EXPECT_EQ(status, 0) << "policy " << c.policy << ", priority " << c.priority;
+    }
 }
 
 TEST(Thread, CrashLogDescribesTheThread) {
