@@ -153,14 +153,8 @@ namespace {
 
 // The logging system's own logger.
 Logger internal_logger("Logger", false, 60, 100);
-// Where the thread layer's lines go once loggers are initialised.
+// Where the thread layer's lines go.
 Logger thread_logger("Thread");
-
-void thread_log_to_logger(ThreadLogLevel level, const char* text, size_t length) {
-    static constexpr int LEVELS[] = {LOG_LEVEL_DEBUG, LOG_LEVEL_INFO, LOG_LEVEL_WARN,
-                                     LOG_LEVEL_FATAL};
-    thread_logger.logSeg(LEVELS[level], text, length);
-}
 
 // The channel a message of `logger` goes to; null when it goes to the fallback.
 LogChannel* channel_for(const Logger* logger) {
@@ -172,6 +166,12 @@ LogChannel* channel_for(const Logger* logger) {
 }
 
 }  // namespace
+
+void thread_log_to_logger(ThreadLogLevel level, const char* text, size_t length) {
+    static constexpr int LEVELS[] = {LOG_LEVEL_DEBUG, LOG_LEVEL_INFO, LOG_LEVEL_WARN,
+                                     LOG_LEVEL_FATAL};
+    thread_logger.logSeg(LEVELS[level], text, length);
+}
 
 // ---------------------------------------------------------------- accumulators
 
@@ -750,7 +750,6 @@ void Logger::initialize() {
         LoggerRegistry::assignAll();
         initialized_flag.store(true, std::memory_order_release);
     }
-    register_thread_log_func(thread_log_to_logger);
 }
 
 bool Logger::setChannelLevel(const char* name, StrSegment level, StrSegment* oldLevel) {

@@ -12,21 +12,13 @@
 
 #include "libzero/assertion.h"
 #include "util/BasicConversions.h"
+#include "util/Logger.h"
 #include "util/PrintfFormat.h"
 #include "util/Thread.h"
 
 // ---------------------------------------------------------------- logging
 
 namespace {
-
-void log_to_stderr(ThreadLogLevel level, const char* text, size_t length) {
-    if (level < THREAD_LOG_WARN) return;
-    struct iovec v[2] = {{const_cast<char*>(text), length}, {const_cast<char*>("\n"), 1}};
-    ssize_t ignored = writev(2, v, 2);
-    (void)ignored;
-}
-
-std::atomic<thread_log_func> thread_logger{log_to_stderr};
 
 // A fixed buffer as a crash-log target: formatting without allocating.
 struct BufferTarget : backtrace_writing_handler {
@@ -64,10 +56,6 @@ size_t format_into(char* buf, size_t cap, int errnum, const char* format, ...) {
 
 }  // namespace
 
-void register_thread_log_func(thread_log_func func) {
-    thread_logger.store(func != nullptr ? func : log_to_stderr, std::memory_order_release);
-}
-
 void thread_log(ThreadLogLevel level, const char* format, ...) {
     const int saved = errno;
     char buf[1024];
@@ -75,7 +63,7 @@ void thread_log(ThreadLogLevel level, const char* format, ...) {
     va_start(args, format);
     const size_t n = vformat_into(buf, sizeof buf, saved, format, args);
     va_end(args);
-    thread_logger.load(std::memory_order_acquire)(level, buf, n);
+    thread_log_to_logger(level, buf, n);
     errno = saved;
 }
 
@@ -114,9 +102,8 @@ void fatal_thread_error(const char* function, int errnum) noexcept {
     struct iovec v[2] = {{line, n}, {const_cast<char*>("\n"), 1}};
     ssize_t ignored = writev(2, v, 2);
     (void)ignored;
-    // Standard error has the line already; a registered logger gets it too.
-    const thread_log_func logger = thread_logger.load(std::memory_order_acquire);
-    if (logger != log_to_stderr) logger(THREAD_LOG_FATAL, line, n);
+    // Standard error has the line already; a configured logger gets it too.
+    if (Logger::isInitialized()) thread_log_to_logger(THREAD_LOG_FATAL, line, n);
     abort();
 }
 

@@ -43,11 +43,11 @@ extern thread_death_reason_t thread_death_reason;
 // process is dying. Never allocates.
 void fatal_thread_error(const char* function, int errnum) noexcept;
 
-// Where the thread layer's own log lines go. Until a logger registers
-// itself, warnings and worse go to standard error and the rest is dropped.
+// The thread layer's own log lines go to the "Thread" channel; before the
+// logger is configured, to standard error in the logger's "LEVEL - text" form.
 enum ThreadLogLevel { THREAD_LOG_DEBUG, THREAD_LOG_INFO, THREAD_LOG_WARN, THREAD_LOG_FATAL };
-typedef void (*thread_log_func)(ThreadLogLevel level, const char* text, size_t length);
-void register_thread_log_func(thread_log_func func);
+// Defined with the logger.
+void thread_log_to_logger(ThreadLogLevel level, const char* text, size_t length);
 // %m is errno as it stands at the call; errno is left unchanged.
 void thread_log(ThreadLogLevel level, const char* format, ...)
     __attribute__((format(printf, 2, 3)));

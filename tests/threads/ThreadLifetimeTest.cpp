@@ -123,7 +123,8 @@ TEST(ThreadLifetimeDeathTest, TheMainThreadComesOnce) {
             t.join();
             _exit(0);
         },
-        testing::ExitedWithCode(0), "");
+        // Before the logger is configured, in the logger's fallback form.
+        testing::ExitedWithCode(0), "(^|\n)WARN - Main Thread created twice!\n");
 }
 
 TEST(ThreadLifetimeDeathTest, OnceTheMainThreadIsGoneFailuresAreSilent) {
