@@ -528,6 +528,9 @@ int mem_compare_caseless(const char* a, size_t alen, const char* z) {
     return mem_compare_caseless(a, alen, z, strlen(z));
 }
 
+// Decoded by lead byte alone, as the other walkers do: a malformed sequence
+// counts as whatever its bits decode to, and one cut off by the end stops
+// the walk rather than counting its stray bytes.
 size_t mem_display_width(const char* data, size_t length) {
     const unsigned char* p = reinterpret_cast<const unsigned char*>(data);
     size_t width = 0;
@@ -538,12 +541,8 @@ size_t mem_display_width(const char* data, size_t length) {
             ++i;
             continue;
         }
-        const size_t len = validSequenceLength(p + i, length - i);
-        if (len == 0) {
-            ++width;
-            ++i;
-            continue;
-        }
+        const size_t len = bytescan::utf8Step(p[i]);
+        if (len > length - i) break;
         width +=
             static_cast<size_t>(codepoint_width(utf8bytes_to_codepoint(packBytes(p + i, len))));
         i += len;

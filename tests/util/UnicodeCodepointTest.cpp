@@ -579,15 +579,23 @@ TEST(PackedUtf8, MalformedValuesFindNothing) {
     EXPECT_GT(found, 10000u);
 }
 
-TEST(MemDisplayWidth, SumsColumnsAndCountsBadBytesOnce) {
-    auto width = [](const std::string& s) { return mem_display_width(s.data(), s.size()); };
-    EXPECT_EQ(width(""), 0u);
-    EXPECT_EQ(width("ab\x01\x7F"), 3u) << "C0 controls take none, DEL one";
-    EXPECT_EQ(width("e\xCC\x81"), 1u) << "a combining mark takes none";
-    EXPECT_EQ(width("\xE6\x97\xA5\xE6\x9C\xAC"), 4u) << "two wide ideographs";
-    EXPECT_EQ(width("\xE2\x80\x8B"), 0u) << "ZERO WIDTH SPACE is a format control";
-    EXPECT_EQ(width("\xE6\x97"), 2u) << "a truncated sequence is two bad bytes";
-    EXPECT_EQ(width("\xFF\xF0\x9F\x98\x80"), 3u) << "a bad byte, then a wide emoji";
+TEST(MemDisplayWidth, SumsColumnsByLeadByteAndStopsAtATruncatedEnd) {
+    const std::pair<std::string, size_t> cases[] = {
+        {"", 0},
+        {"ab\x01\x7F", 3},                // C0 controls take none, DEL one
+        {"e\xCC\x81", 1},                 // a combining mark takes none
+        {"\xE6\x97\xA5\xE6\x9C\xAC", 4},  // two wide ideographs
+        {"\xE2\x80\x8B", 0},              // ZERO WIDTH SPACE is a format control
+        {"\xE6\x97", 0},                  // a truncated last sequence ends the walk
+        {"a\xE4\xB8", 1},
+        {"ab\xF0\x9F", 2},
+        {"\xFF\xF0\x9F\x98\x80", 3},  // a byte above 0xF4 stands alone, then an emoji
+        {"\x80\x80z", 1},             // a stray continuation leads a pair (no column)
+    };
+    for (const auto& [text, want] : cases) {
+        EXPECT_EQ(mem_display_width(text.data(), text.size()), want)
+            << testing::PrintToString(text);
+    }
 }
 
 }  // namespace
