@@ -391,7 +391,8 @@ void AppendStr::append_double(double v) {
             }
         }
     }
-    write_double_fixed_point(v, [this](const char* p, size_t n) { append(p, n); });
+    _allOrNothing(
+        [&] { write_double_fixed_point(v, [this](const char* p, size_t n) { append(p, n); }); });
 }
 
 void AppendStr::appendReversed(const char* data, size_t length) {
@@ -428,7 +429,6 @@ namespace {
 class AppendStrPrintfOutput final : public PrintfOutput {
 public:
     explicit AppendStrPrintfOutput(AppendStr& s) : _s(s) {}
-    ~AppendStrPrintfOutput() { flush(); }
 
 protected:
     void emit(const char* data, size_t length) override { _s.append(data, length); }
@@ -443,9 +443,14 @@ void AppendStr::appendVformat(const char* fmt, va_list args) {
     const int errnum = errno;
     va_list copy;
     va_copy(copy, args);
-    {
-        AppendStrPrintfOutput out(*this);
-        printf_render(out, errnum, fmt, &copy);
+    try {
+        _allOrNothing([&] {
+            AppendStrPrintfOutput out(*this);
+            printf_render(out, errnum, fmt, &copy);  // flushes at its end
+        });
+    } catch (...) {
+        va_end(copy);
+        throw;
     }
     va_end(copy);
 }
@@ -483,29 +488,33 @@ constexpr bool isUriUnreserved(unsigned char c) {
 }  // namespace
 
 void AppendStr::appendUriEscaped(const char* data, size_t length) {
-    const char* run = data;
-    const char* end = data + length;
-    for (const char* p = data; p < end; ++p) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        if (isUriUnreserved(c)) continue;
-        append(run, static_cast<size_t>(p - run));
-        run = p + 1;
-        if (c == ' ') {
-            push_back('+');
-        } else {
-            const char esc[3] = {'%', HEX_UPPER[c >> 4], HEX_UPPER[c & 15]};
-            append(esc, 3);
+    _allOrNothing([&] {
+        const char* run = data;
+        const char* end = data + length;
+        for (const char* p = data; p < end; ++p) {
+            const unsigned char c = static_cast<unsigned char>(*p);
+            if (isUriUnreserved(c)) continue;
+            append(run, static_cast<size_t>(p - run));
+            run = p + 1;
+            if (c == ' ') {
+                push_back('+');
+            } else {
+                const char esc[3] = {'%', HEX_UPPER[c >> 4], HEX_UPPER[c & 15]};
+                append(esc, 3);
+            }
         }
-    }
-    append(run, static_cast<size_t>(end - run));
+        append(run, static_cast<size_t>(end - run));
+    });
 }
 
 void AppendStr::_append_one_uri_query_param(const char* key, size_t keyLength, const char* value,
                                             size_t valueLength) {
-    push_back(empty() ? '?' : '&');
-    appendUriEscaped(key, keyLength);
-    push_back('=');
-    appendUriEscaped(value, valueLength);
+    _allOrNothing([&] {
+        push_back(empty() ? '?' : '&');
+        appendUriEscaped(key, keyLength);
+        push_back('=');
+        appendUriEscaped(value, valueLength);
+    });
 }
 
 namespace {
@@ -529,203 +538,226 @@ inline bool jsonInteresting(unsigned char c) {
 }  // namespace
 
 void AppendStr::appendJsonEscaped(const char* data, size_t length) {
-    const char* end = data + length;
-    const char* run = data;
-    const char* p = data;
-    for (;;) {
-        // Find the next byte worth a look, 16 at a time.
-        while (end - p >= 16) {
-            const unsigned m = jsonInterestingMask16(p);
-            if (m) {
-                p += __builtin_ctz(m);
-                goto found;
+    _allOrNothing([&] {
+        const char* end = data + length;
+        const char* run = data;
+        const char* p = data;
+        for (;;) {
+            // Find the next byte worth a look, 16 at a time.
+            while (end - p >= 16) {
+                const unsigned m = jsonInterestingMask16(p);
+                if (m) {
+                    p += __builtin_ctz(m);
+                    goto found;
+                }
+                p += 16;
             }
-            p += 16;
+            while (p < end && !jsonInteresting(static_cast<unsigned char>(*p))) ++p;
+            if (p == end) break;
+        found:
+            const unsigned char c = static_cast<unsigned char>(*p);
+            const char* replacement = nullptr;
+            size_t consumed = 1;
+            char buf[8];
+            switch (c) {
+                case '"':
+                    replacement = "\\\"";
+                    break;
+                case '\\':
+                    replacement = "\\\\";
+                    break;
+                case '\t':
+                    replacement = "\\t";
+                    break;
+                case '\n':
+                    replacement = "\\n";
+                    break;
+                case '\f':
+                    replacement = "\\f";
+                    break;
+                case '\r':
+                    replacement = "\\r";
+                    break;
+                case '<':
+                    if (p + 1 < end && p[1] == '/') {
+                        replacement = "<\\/";
+                        consumed = 2;
+                    }
+                    break;
+                case 0xE2:
+                    if (end - p >= 3 && static_cast<unsigned char>(p[1]) == 0x80 &&
+                        (p[2] == '\xA8' || p[2] == '\xA9')) {
+                        replacement = p[2] == '\xA8' ? "\\u2028" : "\\u2029";
+                        consumed = 3;
+                    }
+                    break;
+                default:
+                    if (c < 32) {
+                        buf[0] = '\\', buf[1] = 'u', buf[2] = '0', buf[3] = '0';
+                        buf[4] = HEX_UPPER[c >> 4] | 0x20, buf[5] = HEX_UPPER[c & 15] | 0x20;
+                        buf[6] = '\0';
+                        replacement = buf;
+                    }
+            }
+            if (replacement == nullptr) {
+                ++p;  // a '<' or 0xE2 that stays
+                continue;
+            }
+            append(run, static_cast<size_t>(p - run));
+            append(replacement);
+            p += consumed;
+            run = p;
         }
-        while (p < end && !jsonInteresting(static_cast<unsigned char>(*p))) ++p;
-        if (p == end) break;
-    found:
-        const unsigned char c = static_cast<unsigned char>(*p);
-        const char* replacement = nullptr;
-        size_t consumed = 1;
-        char buf[8];
-        switch (c) {
-            case '"':
-                replacement = "\\\"";
-                break;
-            case '\\':
-                replacement = "\\\\";
-                break;
-            case '\t':
-                replacement = "\\t";
-                break;
-            case '\n':
-                replacement = "\\n";
-                break;
-            case '\f':
-                replacement = "\\f";
-                break;
-            case '\r':
-                replacement = "\\r";
-                break;
-            case '<':
-                if (p + 1 < end && p[1] == '/') {
-                    replacement = "<\\/";
-                    consumed = 2;
-                }
-                break;
-            case 0xE2:
-                if (end - p >= 3 && static_cast<unsigned char>(p[1]) == 0x80 &&
-                    (p[2] == '\xA8' || p[2] == '\xA9')) {
-                    replacement = p[2] == '\xA8' ? "\\u2028" : "\\u2029";
-                    consumed = 3;
-                }
-                break;
-            default:
-                if (c < 32) {
-                    buf[0] = '\\', buf[1] = 'u', buf[2] = '0', buf[3] = '0';
-                    buf[4] = HEX_UPPER[c >> 4] | 0x20, buf[5] = HEX_UPPER[c & 15] | 0x20;
-                    buf[6] = '\0';
-                    replacement = buf;
-                }
-        }
-        if (replacement == nullptr) {
-            ++p;  // a '<' or 0xE2 that stays
-            continue;
-        }
-        append(run, static_cast<size_t>(p - run));
-        append(replacement);
-        p += consumed;
-        run = p;
-    }
-    append(run, static_cast<size_t>(end - run));
+        append(run, static_cast<size_t>(end - run));
+    });
 }
 
 void AppendStr::appendXmlEscaped(const char* data, size_t length, const XmlEscaping& escaping) {
-    const char* end = data + length;
-    const char* run = data;
-    char buf[16];
-    for (const char* p = data; p < end;) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        const char* replacement = nullptr;
-        size_t consumed = 1;
-        bool drop = false;
-        if (c == '&') {
-            replacement = "&amp;";
-        } else if (c == '<') {
-            replacement = "&lt;";
-        } else if (c == '>') {
-            replacement = "&gt;";
-        } else if (c == '"' && escaping.has(XML_ESCAPE_DOUBLE_QUOTE)) {
-            replacement = "&quot;";
-        } else if (c == '\'' && escaping.has(XML_ESCAPE_SINGLE_QUOTE)) {
-            replacement = "&apos;";
-        } else if (c < 32) {
-            if (escaping.has(XML_KEEP_TAB_LF_CR) && (c == '\t' || c == '\n' || c == '\r')) {
-                // copied
-            } else if (escaping.has(XML_ESCAPE_CONTROL_AS_HEX)) {
-                snprintf(buf, sizeof buf, "\\x%02X", c);
-                replacement = buf;
-            } else if (c == 0) {
-                drop = true;
-            } else if (escaping.has(XML_ESCAPE_CONTROL_AS_CHARREF)) {
-                snprintf(buf, sizeof buf, "&#x%X;", c);
-                replacement = buf;
-            }
-        } else if ((c == 0xED || c == 0xEF) && end - p >= 3) {
-            const unsigned char b1 = static_cast<unsigned char>(p[1]);
-            const unsigned char b2 = static_cast<unsigned char>(p[2]);
-            // Surrogates and U+FFFE/U+FFFF can't stand in XML.
-            const bool invalid = c == 0xED ? (b1 >= 0xA0 && b1 <= 0xBF && (b2 & 0xC0) == 0x80)
-                                           : (b1 == 0xBF && (b2 == 0xBE || b2 == 0xBF));
-            if (invalid) {
-                consumed = 3;
-                if (escaping.has(XML_ESCAPE_CONTROL_AS_HEX)) {
-                    snprintf(buf, sizeof buf, "\\x%02X\\x%02X\\x%02X", c, b1, b2);
+    _allOrNothing([&] {
+        const char* end = data + length;
+        const char* run = data;
+        char buf[16];
+        for (const char* p = data; p < end;) {
+            const unsigned char c = static_cast<unsigned char>(*p);
+            const char* replacement = nullptr;
+            size_t consumed = 1;
+            bool drop = false;
+            if (c == '&') {
+                replacement = "&amp;";
+            } else if (c == '<') {
+                replacement = "&lt;";
+            } else if (c == '>') {
+                replacement = "&gt;";
+            } else if (c == '"' && escaping.has(XML_ESCAPE_DOUBLE_QUOTE)) {
+                replacement = "&quot;";
+            } else if (c == '\'' && escaping.has(XML_ESCAPE_SINGLE_QUOTE)) {
+                replacement = "&apos;";
+            } else if (c < 32) {
+                if (escaping.has(XML_KEEP_TAB_LF_CR) && (c == '\t' || c == '\n' || c == '\r')) {
+                    // copied
+                } else if (escaping.has(XML_ESCAPE_CONTROL_AS_HEX)) {
+                    snprintf(buf, sizeof buf, "\\x%02X", c);
                     replacement = buf;
-                } else {
+                } else if (c == 0) {
                     drop = true;
+                } else if (escaping.has(XML_ESCAPE_CONTROL_AS_CHARREF)) {
+                    snprintf(buf, sizeof buf, "&#x%X;", c);
+                    replacement = buf;
+                }
+            } else if ((c == 0xED || c == 0xEF) && end - p >= 3) {
+                const unsigned char b1 = static_cast<unsigned char>(p[1]);
+                const unsigned char b2 = static_cast<unsigned char>(p[2]);
+                // Surrogates and U+FFFE/U+FFFF can't stand in XML.
+                const bool invalid = c == 0xED ? (b1 >= 0xA0 && b1 <= 0xBF && (b2 & 0xC0) == 0x80)
+                                               : (b1 == 0xBF && (b2 == 0xBE || b2 == 0xBF));
+                if (invalid) {
+                    consumed = 3;
+                    if (escaping.has(XML_ESCAPE_CONTROL_AS_HEX)) {
+                        snprintf(buf, sizeof buf, "\\x%02X\\x%02X\\x%02X", c, b1, b2);
+                        replacement = buf;
+                    } else {
+                        drop = true;
+                    }
                 }
             }
+            if (replacement == nullptr && !drop) {
+                ++p;
+                continue;
+            }
+            append(run, static_cast<size_t>(p - run));
+            if (replacement) append(replacement);
+            p += consumed;
+            run = p;
         }
-        if (replacement == nullptr && !drop) {
-            ++p;
-            continue;
-        }
-        append(run, static_cast<size_t>(p - run));
-        if (replacement) append(replacement);
-        p += consumed;
-        run = p;
-    }
-    append(run, static_cast<size_t>(end - run));
+        append(run, static_cast<size_t>(end - run));
+    });
 }
 
 void AppendStr::appendHtmlEscaped(const char* data, size_t length) {
-    const char* end = data + length;
-    const char* run = data;
-    for (const char* p = data; p < end; ++p) {
-        const char* replacement;
-        switch (*p) {
-            case '"':
-                replacement = "&quot;";
-                break;
-            case '&':
-                replacement = "&amp;";
-                break;
-            case '\'':
-                replacement = "&#039;";
-                break;
-            case '<':
-                replacement = "&lt;";
-                break;
-            case '>':
-                replacement = "&gt;";
-                break;
-            default:
-                continue;
+    _allOrNothing([&] {
+        const char* end = data + length;
+        const char* run = data;
+        for (const char* p = data; p < end; ++p) {
+            const char* replacement;
+            switch (*p) {
+                case '"':
+                    replacement = "&quot;";
+                    break;
+                case '&':
+                    replacement = "&amp;";
+                    break;
+                case '\'':
+                    replacement = "&#039;";
+                    break;
+                case '<':
+                    replacement = "&lt;";
+                    break;
+                case '>':
+                    replacement = "&gt;";
+                    break;
+                default:
+                    continue;
+            }
+            append(run, static_cast<size_t>(p - run));
+            append(replacement);
+            run = p + 1;
         }
-        append(run, static_cast<size_t>(p - run));
-        append(replacement);
-        run = p + 1;
-    }
-    append(run, static_cast<size_t>(end - run));
+        append(run, static_cast<size_t>(end - run));
+    });
 }
 
 void AppendStr::appendCsvEscaped(const char* data, size_t length, const CsvEscaping& escaping) {
-    if (length == 0) {
-        append("\"\"", 2);
-        return;
-    }
-    const char* end = data + length;
-    const char* p = data;
-    while (p < end && isalnum(static_cast<unsigned char>(*p))) ++p;
-    append(data, static_cast<size_t>(p - data));
-    if (p == end) return;
-    // Quoted from the first byte that isn't alphanumeric to the end.
-    push_back('"');
-    const char* run = p;
-    for (; p < end; ++p) {
-        if (*p == '"') {
-            append(run, static_cast<size_t>(p + 1 - run));  // the quote, then its double
-            run = p;
-        } else if (*p == '\r' && escaping.has(CSV_REMOVE_CR)) {
+    _allOrNothing([&] {
+        if (length == 0) {
+            append("\"\"", 2);
+            return;
+        }
+        const bool removeCr = escaping.has(CSV_REMOVE_CR);
+        const uint64_t before = size();
+        const char* end = data + length;
+        const char* run = data;
+        const char* p = data;
+        // A removed CR is gone, not a reason to quote: only a CR that stays
+        // counts as non-alphanumeric.
+        for (; p < end; ++p) {
+            if (isalnum(static_cast<unsigned char>(*p))) continue;
+            if (*p != '\r' || !removeCr) break;
             append(run, static_cast<size_t>(p - run));
             run = p + 1;
         }
-    }
-    append(run, static_cast<size_t>(end - run));
-    push_back('"');
+        append(run, static_cast<size_t>(p - run));
+        if (p == end) {
+            if (size() == before) append("\"\"", 2);  // nothing but CRs: still a field
+            return;
+        }
+        // Quoted from the first byte that isn't alphanumeric to the end.
+        push_back('"');
+        run = p;
+        for (; p < end; ++p) {
+            if (*p == '"') {
+                append(run, static_cast<size_t>(p + 1 - run));  // the quote, then its double
+                run = p;
+            } else if (*p == '\r' && escaping.has(CSV_REMOVE_CR)) {
+                append(run, static_cast<size_t>(p - run));
+                run = p + 1;
+            }
+        }
+        append(run, static_cast<size_t>(end - run));
+        push_back('"');
+    });
 }
 
 void AppendStr::appendDroppingControlCharacters(const char* data, size_t length) {
-    const char* end = data + length;
-    const char* run = data;
-    for (const char* p = data; p < end; ++p) {
-        if (static_cast<unsigned char>(*p) >= 32) continue;
-        append(run, static_cast<size_t>(p - run));
-        run = p + 1;
-    }
-    append(run, static_cast<size_t>(end - run));
+    _allOrNothing([&] {
+        const char* end = data + length;
+        const char* run = data;
+        for (const char* p = data; p < end; ++p) {
+            if (static_cast<unsigned char>(*p) >= 32) continue;
+            append(run, static_cast<size_t>(p - run));
+            run = p + 1;
+        }
+        append(run, static_cast<size_t>(end - run));
+    });
 }
 
 // ---------------------------------------------------------------- Base64
@@ -754,25 +786,27 @@ constexpr uint32_t PADDING_SEEN = 7;
 }  // namespace
 
 void AppendStr::appendBase64Escaped(Base64EncodeState& state, const char* data, size_t length) {
-    char out[256];
-    size_t used = 0;
-    unsigned bits = state._bits, nbits = state._nbits;
-    for (size_t i = 0; i < length; ++i) {
-        bits = (bits << 8) | static_cast<unsigned char>(data[i]);
-        nbits += 8;
-        while (nbits >= 6) {
-            nbits -= 6;
-            out[used++] = BASE64_ALPHABET[(bits >> nbits) & 63];
+    _allOrNothing([&] {
+        char out[256];
+        size_t used = 0;
+        unsigned bits = state._bits, nbits = state._nbits;
+        for (size_t i = 0; i < length; ++i) {
+            bits = (bits << 8) | static_cast<unsigned char>(data[i]);
+            nbits += 8;
+            while (nbits >= 6) {
+                nbits -= 6;
+                out[used++] = BASE64_ALPHABET[(bits >> nbits) & 63];
+            }
+            bits &= (1u << nbits) - 1;
+            if (used > sizeof out - 4) {
+                append(out, used);
+                used = 0;
+            }
         }
-        bits &= (1u << nbits) - 1;
-        if (used > sizeof out - 4) {
-            append(out, used);
-            used = 0;
-        }
-    }
-    append(out, used);
-    state._bits = bits;
-    state._nbits = nbits;
+        append(out, used);
+        state._bits = bits;
+        state._nbits = nbits;
+    });
 }
 
 void AppendStr::finishBase64Escaping(Base64EncodeState& state) {

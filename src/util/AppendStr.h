@@ -347,6 +347,19 @@ private:
             length -= n;
         }
     }
+    // Runs a growing operation made of several appends: if one throws, what
+    // the others added is taken back, so a failure never leaves half an
+    // escape or half a number behind.
+    template <typename F>
+    void _allOrNothing(F f) {
+        const uint64_t before = size();
+        try {
+            f();
+        } catch (...) {
+            resize(before);
+            throw;
+        }
+    }
     void _push_back_new_chunk_with(char c);
     void _append_spanning_two_chunks(const char* data, size_t n);
     // Room in the last chunk for n bytes written in place, or null.

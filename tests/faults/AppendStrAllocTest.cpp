@@ -55,6 +55,39 @@ TEST(AppendStrOutOfMemory, AppendsLeaveTheBufferAsItWas) {
                        [](AppendStr& s) { s.push_back('x'); }, unchanged);
 }
 
+// Operations made of several appends take back what they added when a later
+// one fails: no half escape, number or format is left behind.
+TEST(AppendStrOutOfMemory, EveryGrowingOperationIsAllOrNothing) {
+    // Inputs long enough to cross chunks, with something to escape throughout.
+    std::string mixed;
+    for (int i = 0; i < 3000; ++i) mixed += "a\"<&>'\r\n\x01 /\xE2\x80\xA8";
+    const XmlEscaping xml(XML_ESCAPE_DOUBLE_QUOTE | XML_ESCAPE_CONTROL_AS_CHARREF);
+    const std::pair<const char*, std::function<void(AppendStr&)>> ops[] = {
+        {"json", [&](AppendStr& s) { s.appendJsonEscaped(mixed.data(), mixed.size()); }},
+        {"xml", [&](AppendStr& s) { s.appendXmlEscaped(mixed.data(), mixed.size(), xml); }},
+        {"html", [&](AppendStr& s) { s.appendHtmlEscaped(mixed.data(), mixed.size()); }},
+        {"uri", [&](AppendStr& s) { s.appendUriEscaped(mixed.data(), mixed.size()); }},
+        {"csv",
+         [&](AppendStr& s) { s.appendCsvEscaped(mixed.data(), mixed.size(), CsvEscaping(1)); }},
+        {"control",
+         [&](AppendStr& s) { s.appendDroppingControlCharacters(mixed.data(), mixed.size()); }},
+        {"query",
+         [&](AppendStr& s) { s._append_one_uri_query_param(mixed.data(), mixed.size(), "v", 1); }},
+        {"base64",
+         [&](AppendStr& s) {
+             AppendStr::Base64EncodeState st;
+             s.appendBase64Escaped(st, mixed.data(), mixed.size());
+         }},
+        {"double", [](AppendStr& s) { s.append_double(1e300); }},
+        {"format", [&](AppendStr& s) { s.appendFormat("%s|%0*d", mixed.c_str(), 9000, 7); }},
+    };
+    for (const auto& [name, op] : ops) {
+        SCOPED_TRACE(name);
+        // Nearly full: the first allocation comes after a partial write.
+        failEachAllocation([](AppendStr& s) { s.append(CHUNK - 2, 'p'); }, op, unchanged);
+    }
+}
+
 TEST(AppendStrOutOfMemory, ReleasingNeverAllocates) {
     AppendStr s;
     for (int i = 0; i < 40; ++i) s.append(CHUNK / 2 + 1, 'r');

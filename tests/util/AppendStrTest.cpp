@@ -352,12 +352,27 @@ TEST(AppendStrEscaping, CsvHtmlAndControl) {
         a.appendCsvEscaped(s.data(), s.size(), CsvEscaping(flags));
         return text(a);
     };
-    EXPECT_EQ(csv("", 0), "\"\"");
-    EXPECT_EQ(csv("abc123", 0), "abc123");
-    EXPECT_EQ(csv("abc,d", 0), "abc\",d\"");
-    EXPECT_EQ(csv("say \"hi\"", 0), "say\" \"\"hi\"\"\"");
-    EXPECT_EQ(csv("a\r\nb", 0), "a\"\r\nb\"");
-    EXPECT_EQ(csv("a\r\nb", CSV_REMOVE_CR), "a\"\nb\"");
+    const struct {
+        std::string in;
+        unsigned flags;
+        std::string want;
+    } cases[] = {
+        {"", 0, "\"\""},
+        {"abc123", 0, "abc123"},
+        {"abc,d", 0, "abc\",d\""},
+        {"say \"hi\"", 0, "say\" \"\"hi\"\"\""},
+        {"a\r\nb", 0, "a\"\r\nb\""},
+        {"a\r\nb", CSV_REMOVE_CR, "a\"\nb\""},
+        {"a\rb", 0, "a\"\rb\""},
+        // A removed CR is gone: it neither quotes nor stays.
+        {"a\rb", CSV_REMOVE_CR, "ab"},
+        {"abc\r", CSV_REMOVE_CR, "abc"},
+        {"\r", CSV_REMOVE_CR, "\"\""},
+        {"a\r,\rb", CSV_REMOVE_CR, "a\",b\""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(csv(c.in, c.flags), c.want) << testing::PrintToString(c.in) << " " << c.flags;
+    }
 
     AppendStr h;
     h.appendHtmlEscaped("<a href=\"x\">'&'</a>");
