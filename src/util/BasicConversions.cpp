@@ -253,7 +253,9 @@ constexpr Base64Values kBase64Values;
 
 void Base64::encode(Str& dest, const void* data, size_t length) {
     const unsigned char* p = static_cast<const unsigned char*>(data);
-    dest.reserve(dest.size() + 2 * length);
+    const size_t groups = length / 3 + (length % 3 != 0);
+    dest._checkAppendLength(groups > dest.max_size() / 4 ? dest.max_size() + 1 : groups * 4);
+    dest.reserve(dest.size() + groups * 4);
     size_t i = 0;
     for (; i + 3 <= length; i += 3) {
         const uint32_t w = uint32_t{p[i]} << 16 | uint32_t{p[i + 1]} << 8 | p[i + 2];

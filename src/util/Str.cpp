@@ -170,6 +170,9 @@ void utf8_character_buffer::_set(unsigned codepoint) {
 // Constructing at the final size allocates exactly that; reserve() on an
 // empty string would round small sizes up to the growth policy's.
 Str operator+(StrSegment a, StrSegment b) {
+    if (a._len > Str::MAX_LENGTH || b._len > Str::MAX_LENGTH - a._len) {
+        throw std::length_error("basic_string::append");
+    }
     Str result(a._len + b._len, '\0');
     if (a._len) memcpy(result.data(), a._data, a._len);
     if (b._len) memcpy(result.data() + a._len, b._data, b._len);
@@ -343,14 +346,16 @@ Str& Str::makeSafeForLogging() {
 
 Str& Str::appendDroppingControlCharacters(const char* p, size_t n) {
     if (_aliases(p)) return appendDroppingControlCharacters(Str(p, n).data(), n);
-    for (size_t i = 0; i < n; ++i) {
-        if (ubyte(p[i]) >= 32) push_back(p[i]);
-    }
-    return *this;
+    return _allOrNothing([&] {
+        for (size_t i = 0; i < n; ++i) {
+            if (ubyte(p[i]) >= 32) push_back(p[i]);
+        }
+    });
 }
 
 Str& Str::appendAsCSV(const char* p, size_t n) {
     if (_aliases(p)) return appendAsCSV(Str(p, n).data(), n);
+    _checkAppendLength(n);
     if (mem_find(p, n, kCsvSpecial, 0, true) == MEM_NPOS) {
         std::string::append(p, n);
         return *this;
@@ -401,11 +406,13 @@ void Str::_appendUtf8Multibyte(uint32_t codepoint) {
 
 Str& Str::appendUriEscaped(const char* p, size_t n) {
     if (_aliases(p)) return appendUriEscaped(Str(p, n).data(), n);
-    for (size_t i = 0; i < n; ++i) {
-        const unsigned char b = ubyte(p[i]);
-        std::string::append(kUriEscapes.text[b], kUriEscapes.len[b]);
-    }
-    return *this;
+    _checkAppendLength(n);
+    return _allOrNothing([&] {
+        for (size_t i = 0; i < n; ++i) {
+            const unsigned char b = ubyte(p[i]);
+            std::string::append(kUriEscapes.text[b], kUriEscapes.len[b]);
+        }
+    });
 }
 
 Str Str::asUriEncoded() const {

@@ -4,11 +4,13 @@
 // implementation serves every string-like type. Text is UTF-8 by convention;
 // nothing here enforces it unless it says so.
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -369,7 +371,10 @@ struct utf8_character_buffer {
 
 // The owning byte string: the platform string (15 bytes in the object, heap
 // beyond, always zero-terminated, at most 2^62 - 1 bytes) plus the operations
-// below.
+// below. Appending past that limit raises std::length_error with the text
+// "basic_string::append". The platform string's own limit under C++20 is
+// 2^63 - 1, and below it a huge append fails as std::bad_alloc; so the
+// appends and the library's growing operations check the stated limit first.
 class Str : public std::string {
 public:
     using std::string::append;
@@ -377,6 +382,9 @@ public:
     using std::string::find;
     using std::string::rfind;
     using std::string::operator=;
+    using std::string::operator+=;
+
+    static constexpr size_t MAX_LENGTH = (size_t{1} << 62) - 1;
 
     constexpr Str() noexcept = default;
     Str(const std::string& s) : std::string(s) {}
@@ -404,13 +412,25 @@ public:
     // (Conversion to StrSegment goes through StrSegment's constructor.)
     StrSegment seg() const { return StrSegment(data(), size()); }
 
+    size_t max_size() const noexcept { return MAX_LENGTH; }
+    Str& append(const char* data, size_t length) {
+        _checkAppendLength(length);
+        std::string::append(data, length);
+        return *this;
+    }
+    Str& append(const char* z) { return append(z, strlen(z)); }
+    Str& append(const std::string& s) { return append(s.data(), s.size()); }
+    Str& append(size_t count, char c) {
+        _checkAppendLength(count);
+        std::string::append(count, c);
+        return *this;
+    }
+    Str& operator+=(const std::string& s) { return append(s.data(), s.size()); }
+    Str& operator+=(const char* z) { return append(z, strlen(z)); }
     // Moves whichever way copies fewer bytes; `other` is left unspecified.
     Str& append(Str&& other);
     Str& prepend(Str&& other);
-    Str& append(StrSegment s) {
-        std::string::append(s._data, s._len);
-        return *this;
-    }
+    Str& append(StrSegment s) { return append(s._data, s._len); }
 
     Str substr(size_t pos = 0, size_t n = npos) const { return Str(std::string::substr(pos, n)); }
 
@@ -498,6 +518,26 @@ public:
     // Whether `p` points into this string's buffer: an append from there
     // must copy first, since growing may move the buffer.
     bool _aliases(const char* p) const { return p >= data() && p <= data() + capacity(); }
+    // Raises the length error of an append past the limit, before any byte
+    // of the input is read.
+    void _checkAppendLength(size_t n) const {
+        if (n > MAX_LENGTH - std::min(size(), MAX_LENGTH)) {
+            throw std::length_error("basic_string::append");
+        }
+    }
+    // A growing operation made of several appends: on a failure, what the
+    // earlier ones added is taken back.
+    template <typename F>
+    Str& _allOrNothing(F f) {
+        const size_t before = size();
+        try {
+            f();
+        } catch (...) {
+            resize(before);
+            throw;
+        }
+        return *this;
+    }
 
     // Unreserved bytes (letters, digits, "-_.~") stay; all others are %XX.
     Str& appendUriEscaped(const char* data, size_t length);

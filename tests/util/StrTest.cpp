@@ -1,11 +1,13 @@
 // Str and StrSegment beyond the platform string, and BaseException.
 
+#include "util/BasicConversions.h"
 #include "util/Str.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -146,15 +148,31 @@ TEST(StrErrors, TheStandardMessages) {
         EXPECT_STREQ(e.what(),
                      "basic_string::substr: __pos (which is 4) > this->size() (which is 3)");
     }
-    volatile size_t tooMany = s.max_size();  // opaque, so the compiler does not object
-    try {
-        s.append("x", tooMany);
-        FAIL() << "no exception";
-    } catch (const std::length_error& e) {
-        EXPECT_STREQ(e.what(), "basic_string::append");
+    EXPECT_EQ(s.max_size(), (size_t{1} << 62) - 1) << "the limit the header states";
+    // One byte past the limit, through every road that grows by an outside
+    // length: the same error, raised before the input is read.
+    volatile size_t over = size_t{1} << 62;  // opaque, so the compiler does not object
+    const char* nowhere = reinterpret_cast<const char*>(16);
+    const std::pair<const char*, std::function<void(Str&)>> roads[] = {
+        {"append", [&](Str& t) { t.append(nowhere, over); }},
+        {"segment", [&](Str& t) { t.append(StrSegment(nowhere, over)); }},
+        {"fill", [&](Str& t) { t.append(over, 'x'); }},
+        {"just over", [&](Str& t) { t.append(nowhere, Str::MAX_LENGTH - 2); }},
+        {"concat", [&](Str& t) { t = StrSegment(t) + StrSegment(nowhere, over - 3); }},
+        {"csv", [&](Str& t) { t.appendAsCSV(nowhere, over); }},
+        {"uri", [&](Str& t) { t.appendUriEscaped(nowhere, over); }},
+        {"base64", [&](Str& t) { Base64::encode(t, nowhere, over / 4 * 3); }},
+    };
+    for (const auto& [name, grow] : roads) {
+        Str t("abc");
+        try {
+            grow(t);
+            ADD_FAILURE() << name << ": no exception";
+        } catch (const std::length_error& e) {
+            EXPECT_STREQ(e.what(), "basic_string::append") << name;
+        }
+        EXPECT_EQ(t, "abc") << name;
     }
-    // The platform string's own limit; at least the 2^62 - 1 promised.
-    EXPECT_GE(s.max_size(), (size_t{1} << 62) - 1);
 }
 
 // ---------------------------------------------------------------- replacing
