@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "libzero/int-to-ascii.h"
+#include "util/AppendStr.h"
+#include "util/SimpleRandomNumber.h"
 
 constinit const StrVector StrVector::EMPTY_STRVECTOR;
 
@@ -46,15 +48,16 @@ bool StrVector::contains(const char* data, size_t length) const {
 
 namespace {
 
-template <class Vector>
-void joinSegments(const Vector& v, Str& dest, const char* sep, size_t seplen) {
-    size_t total = dest.size();
+// Room for the whole result first, so that the appends cannot fail midway.
+template <class Vector, class Dest>
+void joinSegments(const Vector& v, Dest& dest, const char* sep, size_t seplen) {
+    uint64_t total = dest.size();
     for (const auto& s : v) total += s.size() + seplen;
     dest.reserve(total);
     bool first = true;
     for (const auto& s : v) {
-        if (!first) dest.std::string::append(sep, seplen);
-        dest.std::string::append(s.data(), s.size());
+        if (!first) dest.append(sep, seplen);
+        dest.append(s.data(), s.size());
         first = false;
     }
 }
@@ -67,6 +70,12 @@ void StrVector::joinInto(Str& dest, const char* sep) const {
     joinSegments(*this, dest, sep, strlen(sep));
 }
 
+void StrVector::joinInto(AppendStr* dest, char sep) const { joinSegments(*this, *dest, &sep, 1); }
+
+void StrVector::joinInto(AppendStr* dest, const char* sep) const {
+    joinSegments(*this, *dest, sep, strlen(sep));
+}
+
 void StrVector::joinIntoAsEscapedSearchTerms(Str& dest, char sep) const {
     bool first = true;
     for (const Str& s : *this) {
@@ -77,6 +86,15 @@ void StrVector::joinIntoAsEscapedSearchTerms(Str& dest, char sep) const {
 }
 
 void StrVector::reverse() { std::reverse(begin(), end()); }
+
+// Fisher-Yates over the thread's fast generator.
+void StrVector::shuffle() {
+    xorshift128plus_state* r = SimpleRandomNumber::perThread();
+    for (size_t i = size(); i > 1; --i) {
+        const size_t j = static_cast<size_t>(xorshift128plus_next(r) % i);
+        if (j != i - 1) (*this)[i - 1].swap((*this)[j]);
+    }
+}
 
 void StrVector::sort() {
     std::sort(begin(), end(), [](const Str& a, const Str& b) {

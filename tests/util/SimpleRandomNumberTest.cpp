@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "util/Str.h"
+#include "util/Thread.h"
+
 #include <set>
 #include <thread>
 #include <vector>
@@ -33,6 +36,44 @@ TEST(PortableRand, LinearCongruentialAndSharedAcrossThreads) {
     std::set<int32_t> all;
     for (auto& d : draws) all.insert(d.begin(), d.end());
     EXPECT_EQ(all.size(), 40000u);
+}
+
+// Each Thread draws from its own seeded state; two threads' states differ.
+TEST(SimpleRandomNumber, PerThreadStatesAreSeededAndDistinct) {
+    xorshift128plus_state* mine = SimpleRandomNumber::perThread();
+    EXPECT_EQ(SimpleRandomNumber::perThread(), mine);
+    EXPECT_TRUE(mine->s[0] != 0 || mine->s[1] != 0);
+    xorshift128plus_state* theirs = nullptr;
+    xorshift128plus_state theirValue{};
+    ThreadFunction t(
+        [&] {
+            theirs = SimpleRandomNumber::perThread();
+            theirValue = *theirs;
+        },
+        "random");
+    t.go();
+    t.join();
+    EXPECT_NE(theirs, mine);
+    EXPECT_TRUE(theirValue.s[0] != mine->s[0] || theirValue.s[1] != mine->s[1]);
+}
+
+TEST(SimpleRandomNumber, RandStrStaysInRangeAndCoversIt) {
+    const struct {
+        unsigned char min, max;
+    } ranges[] = {{'a', 'z'}, {'0', '1'}, {0, 255}, {'x', 'x'}};
+    for (const auto& r : ranges) {
+        Str s("old contents");
+        SimpleRandomNumber::randStr(r.min, r.max, 5000, &s);
+        ASSERT_EQ(s.size(), 5000u);
+        std::set<unsigned char> seen;
+        for (char c : s) {
+            const unsigned char u = static_cast<unsigned char>(c);
+            ASSERT_GE(u, r.min);
+            ASSERT_LE(u, r.max);
+            seen.insert(u);
+        }
+        EXPECT_EQ(seen.size(), size_t(r.max - r.min + 1)) << int(r.min) << ".." << int(r.max);
+    }
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
+
+#include "util/AppendStr.h"
 
 namespace {
 
@@ -31,6 +34,34 @@ TEST(StrVector, Joins) {
     Str e;
     StrVector().joinInto(e, ',');
     EXPECT_EQ(e, "");
+    // Into chunked output, across a chunk boundary.
+    AppendStr a;
+    a.append(AppendStr::CHUNK_SIZE - 3, '.');
+    v.joinInto(&a, ',');
+    v.joinInto(&a, "::");
+    Str tail;
+    append_stringified(&tail, a);
+    EXPECT_EQ(tail.substr(AppendStr::CHUNK_SIZE - 3), "a,b c,\"d\"a::b c::\"d\"");
+}
+
+// A permutation, and every order of three reachable.
+TEST(StrVector, ShuffleKeepsTheElements) {
+    const StrVector original("a", "b", "c", nullptr);
+    std::set<std::string> orders;
+    for (int i = 0; i < 200; ++i) {
+        StrVector v = original;
+        v.shuffle();
+        std::string order;
+        for (const Str& s : v) order += s;
+        StrVector sorted = v;
+        sorted.sort();
+        ASSERT_EQ(sorted, original);
+        orders.insert(order);
+    }
+    EXPECT_EQ(orders.size(), 6u);
+    StrVector one("x", nullptr);
+    one.shuffle();
+    EXPECT_EQ(one, StrVector("x", nullptr));
 }
 
 TEST(StrVector, SortDedupReverse) {
