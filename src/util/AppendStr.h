@@ -28,7 +28,6 @@ class FileStar;
 class JsonDocument;
 class JsonNode;
 class PollableDescriptor;
-class ReadableArchiveStream;
 class ScopedFileDescriptor;
 class ScopedFileStar;
 class SerializedResult;
@@ -70,7 +69,7 @@ public:
     PortableIovec& operator<<(const AppendStr& s);
     PortableIovec& operator<<(const SerializedResult& r);
 
-    // Defined with the pollable descriptors.
+    // Defined with the pollable descriptors (the event-loop capability).
     ssize_t _writeWithTimeout(const PollableDescriptor& descriptor, Interval timeout,
                               uint64_t total) const;
 
@@ -110,7 +109,8 @@ public:
     // Loops write() until all is out, a failure or a write of nothing: the
     // bytes written, or -1 when a failure came before any.
     ssize_t writeAll(const FileDescriptor& descriptor);
-    // Defined with their transports.
+    // Defined with their transports: pollable descriptors and pipes with the
+    // event loop, TLS connections with TLS.
     bool write(const PollableDescriptor& descriptor);
     bool write(const WritablePipe& pipe);
     bool write(const SslConnection& connection);
@@ -296,17 +296,17 @@ public:
     AppendStr& operator<<(ScopedFileStar& f);
     AppendStr& operator<<(const FileDescriptor& fd);
     AppendStr& operator<<(const ScopedFileDescriptor& fd);
-    // Defined with the JSON documents.
+    // Defined with the JSON documents (the JSON capability).
     AppendStr& operator<<(const JsonDocument& doc);
     AppendStr& operator<<(const JsonNode& node);
 
     // Up to `wanted` bytes by one read/readv into the free space: the count,
     // or the failed call's result (nothing added).
     ssize_t read(const FileDescriptor& fd, size_t wanted);
-    // Defined with their transports.
+    // Defined with their transports: pollable descriptors with the event
+    // loop, TLS connections with TLS.
     ssize_t read(const PollableDescriptor& fd, size_t wanted);
     ssize_t read(SslConnection& connection);
-    ssize_t read(ReadableArchiveStream& stream);
     // Up to `count` bytes; the number read.
     uint64_t read(std::istream& in, uint64_t count);
 

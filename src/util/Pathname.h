@@ -292,5 +292,5 @@ struct PathnameOpResult {
 };
 
 // Description, outcome, attempts and their times in asctime form; defined
-// with the calendar conversions.
+// with the calendar conversions (TimeFormat).
 void append_stringified(Str* dest, const PathnameOpResult& v);

@@ -460,6 +460,7 @@ public:
     size_t replaceAll(StrSegment from, StrSegment to) {
         return _replaceAll(from._data, from._len, to._data, to._len);
     }
+    // Defined with the regular expressions.
     size_t replaceAll(const Regex& re, const RegexReplacementPattern& replacement);
     size_t eraseAll(const Regex& re);
 

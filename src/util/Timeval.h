@@ -290,7 +290,7 @@ public:
     bool _resurrect(const char* text, size_t length);
 
     // "MAX_TIME", "MIN_TIME", "ZERO_TIME" or the local time as asctime()
-    // writes it; defined with the calendar conversions.
+    // writes it; defined with the calendar conversions (TimeFormat).
     void _printAsctime(Str* dest) const;
     // Seconds, then "." and `digits` fraction digits (none for 0).
     void _printAsUnixTime(Str* dest, unsigned digits) const;
@@ -299,7 +299,8 @@ public:
     // A negative sign of the text applied to parsed magnitudes.
     bool _finish_mem_parse_into(bool negative, uint64_t seconds, long usec);
 
-    // Calendar conversions; defined with the calendar and zone code.
+    // Calendar conversions; defined with the calendar and zone code
+    // (TimeFormat, then time zones).
     bool gmtime(GmtStructTm* out) const;
     bool localtime(LocalStructTm* out) const;
     bool localtime(LocalStructTmHires* out) const;
