@@ -19,19 +19,23 @@ FUZZ_DIR     := build/fuzz
 
 CMAKE_CONFIGURE = cmake -S . $(GENERATOR) -Wno-dev --log-level=WARNING
 
-.PHONY: all deps release demo test bench fuzz tsan format install clean
+.PHONY: all deps configure-release release demo test bench fuzz tsan format install clean
 
 all: release
 
 deps:
 	@tools/install-deps
 
-release: deps
+configure-release: deps
 	@$(CMAKE_CONFIGURE) -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	    -DTARVEX_JEMALLOC=ON -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+
+release: configure-release
 	@cmake --build $(RELEASE_DIR) -j $(JOBS)
 
-demo: release
+# Only what the demo runs: the library and the tool.
+demo: configure-release
+	@cmake --build $(RELEASE_DIR) -j $(JOBS) --target dirclasp
 	@tools/demo $(RELEASE_DIR)/dirclasp
 
 test: deps
@@ -49,6 +53,8 @@ tsan: deps
 
 bench: release
 	@for b in $(RELEASE_DIR)/bench/bench_*; do echo "== $$b"; $$b || exit 1; done
+	@echo "== bench/scripts/dirclasp-vs-dotlockfile"
+	@bench/scripts/dirclasp-vs-dotlockfile $(RELEASE_DIR)/dirclasp
 
 fuzz: deps
 	@$(CMAKE_CONFIGURE) -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

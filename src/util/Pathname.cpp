@@ -178,20 +178,6 @@ bool Pathname::isReadOnly() const {
     return stat(&st) && (st.st_mode & 0222) == 0;
 }
 
-// The faccessat system call takes no flags (glibc emulates AT_EACCESS in user
-// space, by guesswork); faccessat2 does, so the kernel itself checks for the
-// effective user. Kernels before 5.8 lack it (ENOSYS), and some container
-// seccomp profiles refuse calls they do not know with EPERM: then access(2),
-// which checks for the real user. access(2) itself gives EPERM only for
-// writing an immutable file, where it answers no as well.
-bool Pathname::accessOk(int mode) const {
-    if (can_safely_probe_linux_syscalls()) {
-        if (syscall(SYS_faccessat2, AT_FDCWD, c_str(), mode, AT_EACCESS) == 0) return true;
-        if (errno != ENOSYS && errno != EPERM) return false;
-    }
-    return access(c_str(), mode) == 0;
-}
-
 void UnixStructStat::getMtime(Timeval* out) const {
     *out = Timeval(st_mtim.tv_sec, st_mtim.tv_nsec / 1000);
 }
