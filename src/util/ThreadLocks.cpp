@@ -422,10 +422,43 @@ bool MutexByte::attemptSleep(waiting_list* chain, uint8_t expected) {
         return false;
     }
     // Only the thread handing over the lock clears waitingOn: any other
-    // wake-up is spurious.
-    while (pts._u.s.waitingOn != nullptr) pts.cond.wait(m);
+    // wake-up is spurious, or the call to come forward below.
+    bool spin = firstWaiterFor(chain, this) == &pts;
+    for (;;) {
+        if (spin) {
+            // First in line: the hand-off is near. Waiting awake turns it into
+            // a store seen within nanoseconds instead of a wake-up that needs
+            // the scheduler, while the lock sits owned by a thread not running.
+            m.unlock();
+            if (awaitHandOff(pts)) return true;
+            m.lock();
+        }
+        if (pts._u.s.waitingOn == nullptr) break;
+        pts.cond.wait(m);
+        if (pts._u.s.waitingOn == nullptr) break;
+        spin = true;  // woken ahead of our turn
+    }
     m.unlock();
     return true;
+}
+
+// How long the first waiter stays awake for its hand-off: about as long as
+// a wake-up through the scheduler takes, so that waiting awake never costs
+// much more than sleeping would have.
+constexpr unsigned HAND_OFF_SPIN = 2000;
+
+bool MutexByte::awaitHandOff(per_thread_state& pts) {
+    for (unsigned i = 0; i < HAND_OFF_SPIN; ++i) {
+        if (__atomic_load_n(&pts._u.s.waitingOn, __ATOMIC_ACQUIRE) == nullptr) return true;
+        __builtin_ia32_pause();
+    }
+    return false;
+}
+
+MutexByte::per_thread_state* MutexByte::firstWaiterFor(waiting_list* chain, const MutexByte* b) {
+    per_thread_state* e = chain->head;
+    while (e != nullptr && e->_u.s.waitingOn != b) e = e->_u.s.nextOnChain;
+    return e;
 }
 
 void MutexByte::_lock_slowpath(waiting_list* chain) {
@@ -497,9 +530,15 @@ void MutexByte::unlockWithSleepers(waiting_list* chain) {
     }
     // The lock passes straight to `e`; it stays held throughout.
     if (!another) _state.store(STATE_LOCKED, std::memory_order_relaxed);
+    per_thread_state* const next = another ? firstWaiterFor(chain, this) : nullptr;
     e->_u.s.nextOnChain = nullptr;
-    e->_u.s.waitingOn = nullptr;
+    // The next in line comes forward now and waits awake, so that its own
+    // turn does not wait for the scheduler.
+    if (next != nullptr) next->cond.wake_one();
     e->cond.wake_one();
+    // Last: a waiter spinning outside the chain's mutex may return, finish
+    // and end its thread (and its condition with it) as soon as it sees this.
+    __atomic_store_n(&e->_u.s.waitingOn, nullptr, __ATOMIC_RELEASE);
     m.unlock();
 }
 
