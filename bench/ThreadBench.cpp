@@ -127,6 +127,10 @@ BENCHMARK(contended<QueueingMutex>)->Name("contended_4/tarvex")->Args({4, 0})->U
 BENCHMARK(contended<PthreadLock>)->Name("contended_4/pthread_mutex_t")->Args({4, 0})->UseRealTime();
 BENCHMARK(contended<StdLock>)->Name("contended_4/std_mutex")->Args({4, 0})->UseRealTime();
 BENCHMARK(contended<AbslLock>)->Name("contended_4/absl_Mutex")->Args({4, 0})->UseRealTime();
+BENCHMARK(contended<QueueingMutex>)->Name("contended_8/tarvex")->Args({8, 0})->UseRealTime();
+BENCHMARK(contended<PthreadLock>)->Name("contended_8/pthread_mutex_t")->Args({8, 0})->UseRealTime();
+BENCHMARK(contended<StdLock>)->Name("contended_8/std_mutex")->Args({8, 0})->UseRealTime();
+BENCHMARK(contended<AbslLock>)->Name("contended_8/absl_Mutex")->Args({8, 0})->UseRealTime();
 
 // The same with about a microsecond of work outside the lock.
 BENCHMARK(contended<QueueingMutex>)->Name("contended_4_work/tarvex")->Args({4, 400})->UseRealTime();
