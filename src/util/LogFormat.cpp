@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "libzero/assertion.h"
@@ -25,6 +26,8 @@ constexpr const char* DAYS_LONG[] = {"Sunday",   "Monday", "Tuesday", "Wednesday
                                      "Thursday", "Friday", "Saturday"};
 // The conversions renderTo knows.
 constexpr const char* KNOWN_CONVERSIONS = "YymdeHIMSlbBaAjpZzsFTnt%";
+
+std::atomic<uint64_t> next_time_format_id{1};
 
 // The broken-down time of the last second this thread converted.
 struct CachedTm {
@@ -61,7 +64,8 @@ bool LogFormattedTime::acceptsFormat(StrSegment format) {
     return true;
 }
 
-LogFormattedTime::LogFormattedTime(StrSegment braceText) : _brace(braceText) {
+LogFormattedTime::LogFormattedTime(StrSegment braceText)
+    : _brace(braceText), _id(next_time_format_id.fetch_add(1)) {
     if (braceText.empty() || braceText.equals("ISO8601")) {
         _format = ISO8601_FORMAT;
     } else if (braceText.equals("ABSOLUTE")) {
@@ -76,7 +80,11 @@ LogFormattedTime::LogFormattedTime(StrSegment braceText) : _brace(braceText) {
 }
 
 namespace {
-void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& time) {
+constexpr int MAX_MILLIS_FIELDS = 4;
+
+// `millisAt`, when given, receives where each %l's three digits went.
+void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& time,
+                 size_t* millisAt = nullptr, int* millisCount = nullptr) {
     for (; *f != '\0'; ++f) {
         if (*f != '%') {
             sink->push_back(*f);
@@ -111,6 +119,9 @@ void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& t
                 append_padded(sink, tm.tm_sec, 2);
                 break;
             case 'l':
+                if (millisAt != nullptr && *millisCount < MAX_MILLIS_FIELDS) {
+                    millisAt[(*millisCount)++] = sink->size();
+                }
                 append_padded(sink, time.usec() / 1000, 3);
                 break;
             case 'b':
@@ -146,10 +157,10 @@ void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& t
                 append_padded(sink, time.sec(), 1);
                 break;
             case 'F':
-                render_time(sink, "%Y-%m-%d", tm, time);
+                render_time(sink, "%Y-%m-%d", tm, time, millisAt, millisCount);
                 break;
             case 'T':
-                render_time(sink, "%H:%M:%S", tm, time);
+                render_time(sink, "%H:%M:%S", tm, time, millisAt, millisCount);
                 break;
             case 'n':
                 sink->push_back('\n');
@@ -167,8 +178,46 @@ void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& t
 }
 }  // namespace
 
+namespace {
+
+// The text of the last second this thread rendered, with where its
+// milliseconds stand: within one second a line only patches three digits.
+struct RenderedSecond {
+    uint64_t formatId = 0;
+    int64_t sec = INT64_MIN;
+    size_t millisAt[MAX_MILLIS_FIELDS];
+    int millisCount = 0;
+    Str text;
+};
+thread_local RenderedSecond rendered_second;
+
+}  // namespace
+
+LogFormattedTime::LogFormattedTime(const LogFormattedTime& other)
+    : _brace(other._brace), _format(other._format), _id(next_time_format_id.fetch_add(1)) {}
+
+LogFormattedTime& LogFormattedTime::operator=(const LogFormattedTime& other) {
+    _brace = other._brace;
+    _format = other._format;
+    _id = next_time_format_id.fetch_add(1);
+    return *this;
+}
+
 void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
-    render_time(sink, _format.c_str(), broken_down(time.sec()), time);
+    RenderedSecond& r = rendered_second;
+    if (r.formatId != _id || r.sec != time.sec()) {
+        r.text.clear();
+        r.millisCount = 0;
+        render_time(&r.text, _format.c_str(), broken_down(time.sec()), time, r.millisAt,
+                    &r.millisCount);
+        r.formatId = _id;
+        r.sec = time.sec();
+    }
+    const size_t base = sink->size();
+    sink->append(r.text.data(), r.text.size());
+    const unsigned ms = static_cast<unsigned>(time.usec() / 1000);
+    const char digits[3] = {char('0' + ms / 100), char('0' + ms / 10 % 10), char('0' + ms % 10)};
+    for (int i = 0; i < r.millisCount; ++i) memcpy(sink->data() + base + r.millisAt[i], digits, 3);
 }
 
 // ---------------------------------------------------------------- patterns
