@@ -4,6 +4,7 @@
 // files themselves rather than against the generator's reading of them.
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -59,24 +60,6 @@ struct Database {
 
 inline std::string path(const char* name) { return std::string("/usr/share/unicode/") + name; }
 
-inline std::vector<std::string> splitFields(const std::string& line) {
-    std::vector<std::string> fields(1);
-    for (char c : line) {
-        if (c == ';') {
-            fields.emplace_back();
-        } else {
-            fields.back() += c;
-        }
-    }
-    return fields;
-}
-
-inline std::string stripped(const std::string& s) {
-    const size_t b = s.find_first_not_of(" \t");
-    if (b == std::string::npos) return "";
-    return s.substr(b, s.find_last_not_of(" \t") - b + 1);
-}
-
 inline uint32_t hex(const std::string& s) {
     return static_cast<uint32_t>(strtoul(s.c_str(), nullptr, 16));
 }
@@ -85,16 +68,14 @@ inline uint32_t hex(const std::string& s) {
 template <class F>
 void forEachRangeLine(const std::string& file, F f) {
     std::ifstream in(file);
-    std::string line;
-    while (std::getline(in, line)) {
-        line = line.substr(0, line.find('#'));
-        if (stripped(line).empty()) continue;
-        const std::vector<std::string> fields = splitFields(line);
-        const std::string range = stripped(fields[0]);
-        const size_t dots = range.find("..");
-        const uint32_t first = hex(range.substr(0, dots));
-        const uint32_t last = dots == std::string::npos ? first : hex(range.substr(dots + 2));
-        f(first, last, stripped(fields[1]));
+    for (std::string line; std::getline(in, line);) {
+        unsigned first, last;
+        char value[64];
+        if (sscanf(line.c_str(), "%x..%x ; %63[^ #;]", &first, &last, value) == 3) {
+            f(first, last, std::string(value));
+        } else if (sscanf(line.c_str(), "%x ; %63[^ #;]", &first, value) == 2) {
+            f(first, first, std::string(value));
+        }
     }
 }
 
@@ -110,23 +91,23 @@ inline Database load() {
     db.version = db.version.substr(dash + 1, db.version.rfind(".txt") - dash - 1);
 
     std::ifstream data(path("UnicodeData.txt"));
-    std::string line;
     uint32_t rangeFirst = 0;
-    while (std::getline(data, line)) {
-        const std::vector<std::string> f = splitFields(line);
+    for (std::string line; std::getline(data, line);) {
+        std::vector<std::string> f;  // 15 fields, of which the last may be dropped when empty
+        std::istringstream fields(line);
+        for (std::string field; std::getline(fields, field, ';');) f.push_back(field);
         const uint32_t cp = hex(f[0]);
-        const uint16_t gc = static_cast<uint16_t>(f[2][0] << 8 | f[2][1]);
-        if (f[1].find(", First>") != std::string::npos) {
+        if (f[1].ends_with(", First>")) {
             rangeFirst = cp;
             continue;
         }
-        const uint32_t first = f[1].find(", Last>") != std::string::npos ? rangeFirst : cp;
+        const uint32_t first = f[1].ends_with(", Last>") ? rangeFirst : cp;
+        const uint16_t gc = static_cast<uint16_t>(f[2][0] << 8 | f[2][1]);
         for (uint32_t c = first; c <= cp; ++c) db.category[c] = gc;
         db.combiningClass[cp] = atoi(f[3].c_str());
         if (!f[5].empty() && f[5][0] != '<') {
             std::istringstream parts(f[5]);
-            std::string part;
-            while (parts >> part) db.decomposition[cp].push_back(hex(part));
+            for (std::string part; parts >> part;) db.decomposition[cp].push_back(hex(part));
         }
         if (!f[12].empty()) db.upper[cp] = hex(f[12]);
         if (!f[13].empty()) db.lower[cp] = hex(f[13]);

@@ -2,22 +2,24 @@
 // every set it has, Python's codecs and Perl's Encode for the vendor tables
 // glibc lacks or has in an older form.
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <iconv.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
-#include <optional>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "support/TestSupport.h"
+#include "support/Oracles.h"
 #include "util/UTF8Converter.h"
 
 namespace {
+
+using oracle::codepoints;
+using oracle::Iconv;
+using oracle::utf8;
 
 std::string mark(unsigned char b) {
     char buf[8];
@@ -25,10 +27,13 @@ std::string mark(unsigned char b) {
     return buf;
 }
 
-std::string utf8(const std::vector<uint32_t>& cps) {
-    Str s;
-    for (uint32_t cp : cps) s.appendUtf8Codepoint(cp);
-    return s;
+// The bytes a text has marked.
+size_t marksIn(const std::string& text) {
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find("\\x", at)) != std::string::npos; at += 2) {
+        n += text.size() - at >= 4 && isxdigit(text[at + 2]) && isxdigit(text[at + 3]);
+    }
+    return n;
 }
 
 std::string normalised(const std::string& name) {
@@ -39,49 +44,6 @@ std::string normalised(const std::string& name) {
     }
     return key;
 }
-
-// glibc's converter from a character set into UTF-8.
-class Iconv {
-public:
-    explicit Iconv(const std::string& from, const char* to = "UTF-8")
-        : _cd(iconv_open(to, from.c_str())) {}
-    ~Iconv() {
-        if (ok()) iconv_close(_cd);
-    }
-    Iconv(const Iconv&) = delete;
-    Iconv& operator=(const Iconv&) = delete;
-    bool ok() const { return _cd != reinterpret_cast<iconv_t>(-1); }
-
-    // Converts from `from` to the end or to the first byte glibc refuses
-    // (or leaves incomplete), appending to *out; returns where it stopped.
-    size_t convertPrefix(const std::string& in, size_t from, std::string* out) {
-        iconv(_cd, nullptr, nullptr, nullptr, nullptr);
-        char* ip = const_cast<char*>(in.data()) + from;
-        size_t il = in.size() - from;
-        char buf[4096];
-        for (;;) {
-            char* op = buf;
-            size_t ol = sizeof buf;
-            const size_t r = iconv(_cd, &ip, &il, &op, &ol);
-            out->append(buf, static_cast<size_t>(op - buf));
-            if (r != static_cast<size_t>(-1)) break;
-            if (errno != E2BIG) return static_cast<size_t>(ip - in.data());
-        }
-        char* op = buf;
-        size_t ol = sizeof buf;
-        iconv(_cd, nullptr, nullptr, &op, &ol);
-        out->append(buf, static_cast<size_t>(op - buf));
-        return in.size();
-    }
-    std::optional<std::string> convert(const std::string& in) {
-        std::string out;
-        if (convertPrefix(in, 0, &out) != in.size()) return std::nullopt;
-        return out;
-    }
-
-private:
-    iconv_t _cd;
-};
 
 struct Result {
     bool worked;       // what the engine returned
@@ -106,69 +68,9 @@ const UTF8Converter::spec* specOf(const std::string& name) {
     return UTF8Converter::find_engine(&s, name.c_str()) ? &s : nullptr;
 }
 
-// Runs a script over hex-encoded inputs, one a line; each output line is the
-// code points in hex, comma-separated, or "-" for a refused input.
-std::vector<std::string> runOracle(const std::vector<std::string>& argv,
-                                   const std::vector<std::string>& inputs) {
-    testsupport::ScratchDir dir;
-    std::string text;
-    for (const std::string& s : inputs) {
-        static const char hex[] = "0123456789abcdef";
-        for (unsigned char c : s) {
-            text.push_back(hex[c >> 4]);
-            text.push_back(hex[c & 15]);
-        }
-        text.push_back('\n');
-    }
-    testsupport::writeFile(dir / "in.hex", text);
-    std::vector<std::string> args = argv;
-    args.push_back(dir / "in.hex");
-    const testsupport::ProcessResult r = testsupport::runProcess(args);
-    std::vector<std::string> lines;
-    size_t at = 0;
-    for (size_t nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1) {
-        lines.push_back(r.out.substr(at, nl - at));
-    }
-    EXPECT_EQ(lines.size(), inputs.size()) << argv[1] << " failed: " << r.err;
-    return lines;
-}
-
 std::vector<std::string> pythonDecode(const std::string& codec,
                                       const std::vector<std::string>& inputs) {
-    return runOracle({"/usr/bin/env", "python3", "-c",
-                      "import sys\n"
-                      "for line in open(sys.argv[2]):\n"
-                      "    try:\n"
-                      "        s = bytes.fromhex(line.strip()).decode(sys.argv[1])\n"
-                      "        print(','.join('%x' % ord(c) for c in s))\n"
-                      "    except UnicodeDecodeError:\n"
-                      "        print('-')\n",
-                      codec},
-                     inputs);
-}
-
-std::vector<std::string> perlDecode(const std::string& encoding,
-                                    const std::vector<std::string>& inputs) {
-    return runOracle({"/usr/bin/env", "perl", "-MEncode", "-e",
-                      "open(F, $ARGV[1]) or die; while (<F>) { chomp;"
-                      " my $s = eval { decode($ARGV[0], pack('H*', $_), Encode::FB_CROAK) };"
-                      " print defined $s ? join(',', map { sprintf('%x', ord) } split //, $s)"
-                      " : '-', \"\\n\" }",
-                      encoding},
-                     inputs);
-}
-
-std::vector<uint32_t> codepoints(const std::string& line) {
-    std::vector<uint32_t> cps;
-    if (line.empty() || line == "-") return cps;
-    size_t at = 0;
-    while (at <= line.size()) {
-        size_t comma = line.find(',', at);
-        if (comma == std::string::npos) comma = line.size();
-        cps.push_back(static_cast<uint32_t>(std::stoul(line.substr(at, comma - at), nullptr, 16)));
-        at = comma + 1;
-    }
-    return cps;
+    return oracle::python(codec, "strict", inputs);
 }
 
 std::vector<std::string> eachByte() {
@@ -179,7 +81,7 @@ std::vector<std::string> eachByte() {
 
 std::string allBytes() {
     std::string s;
-    for (int b = 1; b < 256; ++b) s.push_back(static_cast<char>(b));
+    for (const std::string& b : eachByte()) s += b;
     return s;
 }
 
@@ -213,11 +115,8 @@ TEST(UTF8ConverterNames, EveryNameOfTheTableResolvesToItsOwnEntry) {
     for (size_t i = 0; i < utf8_converter_spec_count; ++i) {
         const UTF8Converter::spec& entry = utf8_converter_specs[i];
         EXPECT_EQ(normalised(entry.name), entry.name) << "not a normalised name";
-        if (i > 0) {
-            EXPECT_LT(strcmp(utf8_converter_specs[i - 1].name, entry.name), 0);
-        }
-        const std::string upper = std::string("-") + entry.name + "-";
-        const UTF8Converter::spec* found = specOf(upper);
+        EXPECT_TRUE(i == 0 || strcmp(utf8_converter_specs[i - 1].name, entry.name) < 0);
+        const UTF8Converter::spec* found = specOf(std::string("-") + entry.name + "-");
         ASSERT_NE(found, nullptr) << entry.name;
         EXPECT_EQ(found->name, entry.name);
         EXPECT_EQ(found->engine, entry.engine);
@@ -231,123 +130,100 @@ TEST(UTF8ConverterNames, EveryNameOfTheTableResolvesToItsOwnEntry) {
 // vendor's published table (through Python's codecs) differs from glibc's and
 // we follow the vendor; sets glibc lacks go to Python or Perl.
 struct SingleByteOracle {
-    const char* table;
-    const char* glibc;
+    std::string table;
+    std::string glibc;  // empty where glibc lacks the set
     const char* python = nullptr;
     const char* perl = nullptr;
     std::vector<int> vendor = {};  // bytes where glibc and the vendor disagree
 };
 
+// Sets glibc has as the vendor does, by glibc's name, which is one of ours too.
+const char* const kGlibcSingleByte[] = {
+    "CP874",     "IBM850",    "IBM862",           "IBM866",           "KOI8-R",    "KOI8-U",
+    "KOI8-T",    "ARMSCII-8", "GEORGIAN-ACADEMY", "GEORGIAN-PS",      "HP-ROMAN8", "ISO646-CN",
+    "ISO646-JP", "TIS-620",   "VISCII",           "MAC-CENTRALEUROPE"};
+
 const std::vector<SingleByteOracle>& singleByteOracles() {
-    static const std::vector<SingleByteOracle> oracles = {
-        {"iso88591", "ISO-8859-1"},
-        {"iso88592", "ISO-8859-2"},
-        {"iso88593", "ISO-8859-3"},
-        {"iso88594", "ISO-8859-4"},
-        {"iso88595", "ISO-8859-5"},
-        {"iso88596", "ISO-8859-6"},
-        {"iso88597", "ISO-8859-7"},
-        {"iso88598", "ISO-8859-8"},
-        {"iso88599", "ISO-8859-9"},
-        {"iso885910", "ISO-8859-10"},
-        {"iso885911", "ISO-8859-11"},
-        {"iso885913", "ISO-8859-13"},
-        {"iso885914", "ISO-8859-14"},
-        {"iso885915", "ISO-8859-15"},
-        {"iso885916", "ISO-8859-16"},
-        {"cp1250", "CP1250"},
-        {"cp1251", "CP1251"},
-        {"cp1252", "CP1252"},
-        {"cp1253", "CP1253"},
-        {"cp1254", "CP1254"},
-        {"cp1255", "CP1255"},
-        {"cp1256", "CP1256"},
-        {"cp1257", "CP1257"},
-        {"cp1258", "CP1258"},
-        {"cp874", "CP874"},
-        {"cp850", "IBM850"},
-        {"cp862", "IBM862"},
-        {"cp866", "IBM866"},
-        {"koi8r", "KOI8-R"},
-        {"koi8u", "KOI8-U"},
-        {"koi8t", "KOI8-T"},
-        {"armscii8", "ARMSCII-8"},
-        {"georgianacademy", "GEORGIAN-ACADEMY"},
-        {"georgianps", "GEORGIAN-PS"},
-        {"hproman8", "HP-ROMAN8"},
-        {"iso646cn", "ISO646-CN"},
-        {"iso646jp", "ISO646-JP"},
-        {"tis620", "TIS-620"},
-        {"viscii", "VISCII"},
-        {"maccentraleurope", "MAC-CENTRALEUROPE"},
-        {"macukraine", "MAC-UK"},
-        // Apple's current tables: INCREMENT (not DELTA) and the Apple logo
-        // at U+F8FF (not U+E01E) in Mac OS Roman, the euro sign in Mac
-        // Cyrillic, and Mac Icelandic's letters, which glibc's MAC-IS has
-        // elsewhere.
-        {"macintosh", "MACINTOSH", "mac_roman", nullptr, {0xC6, 0xF0}},
-        {"maccyrillic", "MAC-CYRILLIC", "mac_cyrillic", nullptr, {0xFF}},
-        {"maciceland",
-         "MAC-IS",
-         "mac_iceland",
-         nullptr,
-         {0xA0, 0xC6, 0xD0, 0xD1, 0xD7, 0xDB, 0xDC, 0xDD, 0xE0, 0xF0, 0xF6, 0xF7}},
-        {"maccroatian", nullptr, "mac_croatian"},
-        {"macgreek", nullptr, "mac_greek"},
-        {"macromania", nullptr, "mac_romanian"},
-        {"macturkish", nullptr, "mac_turkish"},
-        {"macarabic", nullptr, "mac_arabic"},
-        {"machebrew", nullptr, nullptr, "MacHebrew"},
-        {"macthai", nullptr, nullptr, "MacThai"},
-        {"nextstep", nullptr, nullptr, "nextstep"},
-        // glibc has no JIS X 0201 converter: its lower half is ISO646-JP
-        // and its katakana are EUC-JP's single-shifted ones.
-        {"jisx0201", nullptr},
-    };
+    static const std::vector<SingleByteOracle> oracles = [] {
+        std::vector<SingleByteOracle> v = {
+            // Apple's current tables: INCREMENT (not DELTA) and the Apple logo
+            // at U+F8FF (not U+E01E) in Mac OS Roman, the euro sign in Mac
+            // Cyrillic, and Mac Icelandic's letters, which glibc's MAC-IS has
+            // elsewhere.
+            {"macintosh", "MACINTOSH", "mac_roman", nullptr, {0xC6, 0xF0}},
+            {"maccyrillic", "MAC-CYRILLIC", "mac_cyrillic", nullptr, {0xFF}},
+            {"maciceland",
+             "MAC-IS",
+             "mac_iceland",
+             nullptr,
+             {0xA0, 0xC6, 0xD0, 0xD1, 0xD7, 0xDB, 0xDC, 0xDD, 0xE0, 0xF0, 0xF6, 0xF7}},
+            {"maccroatian", "", "mac_croatian"},
+            {"macgreek", "", "mac_greek"},
+            {"macromania", "", "mac_romanian"},
+            {"macturkish", "", "mac_turkish"},
+            {"macarabic", "", "mac_arabic"},
+            {"machebrew", "", nullptr, "MacHebrew"},
+            {"macthai", "", nullptr, "MacThai"},
+            {"nextstep", "", nullptr, "nextstep"},
+            // glibc has no JIS X 0201 converter: its lower half is ISO646-JP
+            // and its katakana are EUC-JP's single-shifted ones.
+            {"jisx0201", ""},
+            {"macukraine", "MAC-UK"},
+        };
+        for (const char* name : kGlibcSingleByte) v.push_back({name, name});
+        for (int n : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 14, 15, 16}) {
+            v.push_back({"ISO-8859-" + std::to_string(n), "ISO-8859-" + std::to_string(n)});
+        }
+        for (int n = 1250; n <= 1258; ++n)
+            v.push_back({"CP" + std::to_string(n), "CP" + std::to_string(n)});
+        return v;
+    }();
     return oracles;
 }
-
-bool isPua(uint32_t cp) { return cp >= 0xE000 && cp <= 0xF8FF; }
 
 // The oracle's code point for each byte 1-255 (0 for an unmapped byte).
 std::vector<uint32_t> oracleTable(const SingleByteOracle& o) {
     std::vector<uint32_t> table(256, 0);
     auto fromIconv = [&](const char* charset, const std::string& prefix, int lo, int hi) {
-        Iconv cd(charset);
-        EXPECT_TRUE(cd.ok()) << charset;
         Iconv toUtf32(charset, "UTF-32LE");
         for (int b = lo; b <= hi; ++b) {
             const auto s = toUtf32.convert(prefix + static_cast<char>(b));
             if (s && s->size() == 4) table[b] = *reinterpret_cast<const uint32_t*>(s->data());
         }
     };
-    if (o.glibc) {
-        fromIconv(o.glibc, "", 1, 255);
-    } else if (strcmp(o.table, "jisx0201") == 0) {
+    if (!o.glibc.empty()) {
+        fromIconv(o.glibc.c_str(), "", 1, 255);
+    } else if (o.table == "jisx0201") {
         fromIconv("ISO646-JP", "", 1, 0x7F);
         fromIconv("EUC-JP", "\x8E", 0xA0, 0xFF);
     }
     if (o.python) {
         const auto lines = pythonDecode(o.python, eachByte());
-        for (size_t i = 0; i < lines.size(); ++i) {
-            const int b = static_cast<int>(i + 1);
-            const auto cps = codepoints(lines[i]);
-            if (!o.glibc || std::count(o.vendor.begin(), o.vendor.end(), b)) {
+        for (int b = 1; b < 256; ++b) {
+            const auto cps = codepoints(lines[b - 1]);
+            if (o.glibc.empty() || std::count(o.vendor.begin(), o.vendor.end(), b)) {
                 table[b] = cps.size() == 1 ? cps[0] : 0;
             }
         }
     }
     if (o.perl) {
-        const auto lines = perlDecode(o.perl, eachByte());
-        for (size_t i = 0; i < lines.size(); ++i) {
-            const int b = static_cast<int>(i + 1);
-            auto cps = codepoints(lines[i]);
+        const auto lines = oracle::runOverHex(
+            {"/usr/bin/env", "perl", "-MEncode", "-e",
+             "open(F, $ARGV[1]) or die; while (<F>) { chomp;"
+             " my $s = eval { decode($ARGV[0], pack('H*', $_), Encode::FB_CROAK) };"
+             " print defined $s ? join(',', map { sprintf('%x', ord) } split //, $s)"
+             " : '-', \"\\n\" }",
+             o.perl},
+            eachByte());
+        for (int b = 1; b < 256; ++b) {
+            auto cps = codepoints(lines[b - 1]);
             // Apple's Hebrew and Thai tables give some bytes as a character
             // with rendering hints in the private use area, or with a mark;
             // a single code value keeps the first real character. They give
             // the ASCII bytes with direction hints Encode won't take alone.
-            std::erase_if(cps, [&](uint32_t cp) { return isPua(cp) && cps.size() > 1; });
-            if (lines[i] == "-" && b < 0x80) cps = {static_cast<uint32_t>(b)};
+            std::erase_if(
+                cps, [&](uint32_t cp) { return cp >= 0xE000 && cp <= 0xF8FF && cps.size() > 1; });
+            if (lines[b - 1] == "-" && b < 0x80) cps = {static_cast<uint32_t>(b)};
             table[b] = cps.empty() || cps[0] == 0xFFFD ? 0 : cps[0];
         }
     }
@@ -357,27 +233,25 @@ std::vector<uint32_t> oracleTable(const SingleByteOracle& o) {
 TEST(UTF8ConverterSingleByte, EveryTableAgreesWithItsOracleOnEveryByte) {
     std::set<const void*> checked;
     for (const SingleByteOracle& o : singleByteOracles()) {
+        SCOPED_TRACE(o.table);
         const UTF8Converter::spec* s = specOf(o.table);
-        ASSERT_NE(s, nullptr) << o.table;
+        ASSERT_NE(s, nullptr);
         ASSERT_EQ(s->engine, utf8_converter_engine_onebyte);
         checked.insert(s->data);
         const std::vector<uint32_t> table = oracleTable(o);
+        std::vector<std::string> want(256);
         std::string expected;
-        size_t unmapped = 0, mapped = 0;
+        size_t unmapped = 0;
         for (int b = 1; b < 256; ++b) {
-            if (table[b] == 0) {
-                expected += mark(static_cast<unsigned char>(b));
-                ++unmapped;
-            } else {
-                expected += utf8({table[b]});
-                ++mapped;
-            }
+            want[b] = table[b] ? utf8({table[b]}) : mark(static_cast<unsigned char>(b));
+            expected += want[b];
+            unmapped += table[b] == 0;
         }
-        EXPECT_GE(mapped, 94u) << o.table << ": the oracle knows too little";
+        EXPECT_LE(unmapped, 255u - 94) << "the oracle knows too little";
         const Result r = ours(o.table, allBytes());
         EXPECT_TRUE(r.worked);
-        EXPECT_EQ(r.text, expected) << o.table;
-        EXPECT_EQ(r.invalid, unmapped) << o.table;
+        EXPECT_EQ(r.text, expected);
+        EXPECT_EQ(r.invalid, unmapped);
         // Long texts take another path.
         std::string longText, longWant;
         for (int k = 0; k < 8; ++k) {
@@ -385,38 +259,17 @@ TEST(UTF8ConverterSingleByte, EveryTableAgreesWithItsOracleOnEveryByte) {
             longWant += expected + std::string(k, 'a');
         }
         const Result l = ours(o.table, longText);
-        EXPECT_EQ(l.text, longWant) << o.table;
-        EXPECT_EQ(l.invalid, 8 * unmapped) << o.table;
+        EXPECT_EQ(l.text, longWant);
+        EXPECT_EQ(l.invalid, 8 * unmapped);
         // Byte by byte too: the two passes must agree on a lone byte.
         for (int b : {0x41, 0x7E, 0x80, 0xA4, 0xFF}) {
-            const Result one = ours(o.table, std::string(1, static_cast<char>(b)));
-            const std::string want =
-                table[b] ? utf8({table[b]}) : mark(static_cast<unsigned char>(b));
-            EXPECT_EQ(one.text, want) << o.table << " byte " << b;
+            EXPECT_EQ(ours(o.table, std::string(1, static_cast<char>(b))).text, want[b]) << b;
         }
     }
     for (size_t i = 0; i < utf8_converter_spec_count; ++i) {
         const UTF8Converter::spec& e = utf8_converter_specs[i];
         if (e.engine == utf8_converter_engine_onebyte) {
             EXPECT_TRUE(checked.count(e.data)) << e.name << ": a table with no oracle";
-        }
-    }
-}
-
-TEST(UTF8ConverterSingleByte, WhereGlibcDiffersFromTheVendorTheVendorHolds) {
-    for (const SingleByteOracle& o : singleByteOracles()) {
-        if (o.vendor.empty()) continue;
-        Iconv glibc(o.glibc, "UTF-32LE");
-        const auto lines = pythonDecode(o.python, eachByte());
-        for (int b : o.vendor) {
-            const std::string byte(1, static_cast<char>(b));
-            const auto vendor = codepoints(lines[b - 1]);
-            const auto g = glibc.convert(byte);
-            const uint32_t glibcCp = g ? *reinterpret_cast<const uint32_t*>(g->data()) : 0;
-            ASSERT_EQ(vendor.size(), 1u) << o.table << " byte " << b;
-            EXPECT_NE(glibcCp, vendor[0])
-                << o.table << " byte " << b << " is no longer a deviation";
-            EXPECT_EQ(ours(o.table, byte).text, utf8(vendor)) << o.table << " byte " << b;
         }
     }
 }
@@ -428,9 +281,7 @@ TEST(UTF8ConverterSingleByte, PlainAsciiIsNoWorkUnlessTheSetRemapsIt) {
     EXPECT_EQ(latin1.invalid, 0u);
     EXPECT_FALSE(ours("latin1", "").worked);
     // ISO 646-CN has the yuan sign for "$" and an overline for "~".
-    const Result cn = ours("ISO646-CN", ascii);
-    EXPECT_TRUE(cn.worked);
-    EXPECT_EQ(cn.text, *Iconv("ISO646-CN").convert(ascii));
+    EXPECT_TRUE(ours("ISO646-CN", ascii).worked);
     // A byte that maps to a character below 0x80 is still work.
     EXPECT_EQ(ours("MacHebrew", "\xA0").text, " ");
 }
@@ -471,8 +322,9 @@ TEST(UTF8ConverterNames, NamesGlibcKnowsDecodeAsGlibcDoes) {
         // glibc's UCS-2 is in the machine's byte order; ours, as the
         // standard has it, big-endian (see the UTF-16 tests).
         if (g->second == "UCS-2" || g->second == "ISO-10646/UCS2") continue;
+        SCOPED_TRACE(std::string(e.name) + " (glibc " + g->second + ")");
         Iconv decoder(g->second);
-        ASSERT_TRUE(decoder.ok()) << g->second;
+        ASSERT_TRUE(decoder.ok());
         ++compared;
         if (e.engine == utf8_converter_engine_onebyte) {
             const SingleByteOracle* o = oracleOf.at(e.data);
@@ -482,20 +334,20 @@ TEST(UTF8ConverterNames, NamesGlibcKnowsDecodeAsGlibcDoes) {
                 const auto want = decoder.convert(byte);
                 EXPECT_EQ(ours(e.name, byte).text,
                           want ? *want : mark(static_cast<unsigned char>(b)))
-                    << e.name << " (glibc " << g->second << ") byte " << b;
+                    << "byte " << b;
             }
             continue;
         }
-        Iconv encoder("UTF-32LE", g->second.c_str());
+        Iconv encoder("UTF-32LE", g->second);
         std::string text;
         for (uint32_t cp : sample) {
             const std::string unit(reinterpret_cast<const char*>(&cp), 4);
             if (const auto bytes = encoder.convert(unit)) text += *bytes;
         }
-        ASSERT_GE(text.size(), 95u) << g->second;
+        ASSERT_GE(text.size(), 95u);
         const auto want = decoder.convert(text);
-        ASSERT_TRUE(want) << g->second;
-        EXPECT_EQ(ours(e.name, text).text, *want) << e.name << " (glibc " << g->second << ")";
+        ASSERT_TRUE(want);
+        EXPECT_EQ(ours(e.name, text).text, *want);
     }
     EXPECT_GT(compared, 200u);
 }
@@ -521,10 +373,18 @@ struct Codes {
     std::vector<std::string> refused;
 };
 
-Codes codesOf(const char* charset) {
+// Calls f on every string whose k-th byte lies in ranges[k].
+template <class F>
+void forEachCode(const std::vector<std::pair<int, int>>& ranges, F f, std::string code = "") {
+    if (code.size() == ranges.size()) return f(code);
+    for (int b = ranges[code.size()].first; b <= ranges[code.size()].second; ++b) {
+        forEachCode(ranges, f, code + static_cast<char>(b));
+    }
+}
+
+Codes codesOf(const std::string& charset) {
     Codes codes;
     Iconv cd(charset);
-    EXPECT_TRUE(cd.ok()) << charset;
     auto probe = [&](const std::string& code, bool keepRefused) {
         // glibc's CP949 takes 0xA2E8 (U+327E in EUC-KR) and gives nothing,
         // then refuses whatever follows: a fault of glibc's, not a code.
@@ -540,47 +400,29 @@ Codes codesOf(const char* charset) {
         alone[b] = cd.convert(std::string(1, static_cast<char>(b))).has_value();
         if (alone[b]) codes.valid.emplace_back(1, static_cast<char>(b));
     }
-    for (int a = 0x80; a < 0x100; ++a) {
-        if (alone[a]) continue;
-        for (int b = 0x21; b < 0xFF; ++b) {
-            probe(std::string{static_cast<char>(a), static_cast<char>(b)}, b >= 0x80);
-        }
+    auto byte = [](const std::string& code, size_t i) { return static_cast<uint8_t>(code[i]); };
+    forEachCode({{0x80, 0xFF}, {0x21, 0xFE}}, [&](const std::string& code) {
+        if (!alone[byte(code, 0)]) probe(code, byte(code, 1) >= 0x80);
+    });
+    // EUC's single-shifted planes: the last two bytes in A1-FE.
+    auto euc = [&](const std::string& code) {
+        probe(code, byte(code, code.size() - 2) == 0xA1 || byte(code, code.size() - 1) == 0xFE);
+    };
+    if (charset == "EUC-JP") forEachCode({{0x8F, 0x8F}, {0xA1, 0xFE}, {0xA1, 0xFE}}, euc);
+    if (charset == "EUC-TW") {
+        forEachCode({{0x8E, 0x8E}, {0xA1, 0xB0}, {0xA1, 0xFE}, {0xA1, 0xFE}}, euc);
     }
-    if (strcmp(charset, "EUC-JP") == 0 || strcmp(charset, "EUC-TW") == 0) {
-        const bool tw = charset[4] == 'T';
-        for (int plane = 0xA1; plane <= (tw ? 0xB0 : 0xA1); ++plane) {
-            for (int a = 0xA1; a < 0xFF; ++a) {
-                for (int b = 0xA1; b < 0xFF; ++b) {
-                    std::string code = tw ? "\x8E" : "\x8F";
-                    if (tw) code.push_back(static_cast<char>(plane));
-                    code += {static_cast<char>(a), static_cast<char>(b)};
-                    probe(code, a == 0xA1 || b == 0xFE);
-                }
-            }
-        }
-    }
-    if (strcmp(charset, "GB18030") == 0) {
+    if (charset == "GB18030") {
         // All of the BMP part, and a stride through the rest.
-        for (int a = 0x81; a < 0xFF; ++a) {
-            for (int b = 0x30; b <= 0x39; ++b) {
-                for (int c = 0x81; c < 0xFF; ++c) {
-                    for (int d = 0x30; d <= 0x39; ++d) {
-                        if (a > 0x84 && (a * 7 + b * 5 + c * 3 + d) % 53 != 0) continue;
-                        probe({static_cast<char>(a), static_cast<char>(b), static_cast<char>(c),
-                               static_cast<char>(d)},
-                              a <= 0x84 || (a + c) % 7 == 0);
-                    }
-                }
-            }
-        }
+        forEachCode({{0x81, 0xFE}, {0x30, 0x39}, {0x81, 0xFE}, {0x30, 0x39}},
+                    [&](const std::string& c) {
+                        const int a = byte(c, 0), b = byte(c, 1), c2 = byte(c, 2), d = byte(c, 3);
+                        if (a <= 0x84 || (a * 7 + b * 5 + c2 * 3 + d) % 53 == 0) {
+                            probe(c, a <= 0x84 || (a + c2) % 7 == 0);
+                        }
+                    });
     }
     return codes;
-}
-
-std::string concat(const std::vector<std::string>& pieces) {
-    std::string s;
-    for (const std::string& p : pieces) s += p;
-    return s;
 }
 
 // Where glibc stops at a byte it refuses, we must have marked that byte,
@@ -594,29 +436,31 @@ void expectSameUpToMarks(const std::string& charset, const std::string& table,
         std::string good;
         const size_t stop = cd.convertPrefix(input, pos, &good);
         ASSERT_EQ(r.text.substr(outPos, good.size()), good)
-            << table << ": differs from glibc within bytes " << pos << "-" << stop << " of "
+            << "differs from glibc within bytes " << pos << "-" << stop << " of "
             << testing::PrintToString(input);
         outPos += good.size();
         pos = stop;
         if (pos == input.size()) break;
         ASSERT_EQ(r.text.compare(outPos, 4, mark(input[pos])), 0)
-            << table << ": glibc refuses byte " << pos << " but it is not marked";
+            << "glibc refuses byte " << pos << " but it is not marked";
         do {
             outPos += 4;
             ++pos;
             ++marks;
         } while (pos < input.size() && r.text.compare(outPos, 4, mark(input[pos])) == 0);
     }
-    EXPECT_EQ(outPos, r.text.size()) << table;
-    EXPECT_EQ(r.invalid, marks) << table;
+    EXPECT_EQ(outPos, r.text.size());
+    EXPECT_EQ(r.invalid, marks);
 }
 
-TEST(UTF8ConverterDoubleByte, EveryCodeReadsAsGlibcReadsIt) {
+TEST(UTF8ConverterDoubleByte, CodesReadAndBrokenSequencesAreMarkedAsGlibcDoes) {
+    std::mt19937 rng(7);
     for (const DbcsOracle& o : kDbcs) {
         SCOPED_TRACE(o.table);
         const Codes codes = codesOf(o.glibc);
         ASSERT_GT(codes.valid.size(), 7000u);
-        const std::string corpus = concat(codes.valid);
+        std::string corpus;
+        for (const std::string& code : codes.valid) corpus += code;
         const Result r = ours(o.table, corpus);
         EXPECT_TRUE(r.worked);
         EXPECT_EQ(r.invalid, 0u);
@@ -631,18 +475,9 @@ TEST(UTF8ConverterDoubleByte, EveryCodeReadsAsGlibcReadsIt) {
         EXPECT_EQ(r.text, want);
         // What glibc refuses is never read as a character.
         for (const std::string& code : codes.refused) {
-            const Result bad = ours(o.table, code);
-            ASSERT_EQ(bad.text.compare(0, 4, mark(code[0])), 0)
+            ASSERT_EQ(ours(o.table, code).text.compare(0, 4, mark(code[0])), 0)
                 << "refused code read: " << testing::PrintToString(code);
         }
-    }
-}
-
-TEST(UTF8ConverterDoubleByte, BrokenSequencesAreMarkedWhereGlibcStops) {
-    std::mt19937 rng(7);
-    for (const DbcsOracle& o : kDbcs) {
-        SCOPED_TRACE(o.table);
-        const Codes codes = codesOf(o.glibc);
         for (int i = 0; i < 300; ++i) {
             std::string input;
             for (int k = rng() % 12; k >= 0; --k) {
@@ -665,33 +500,38 @@ TEST(UTF8ConverterDoubleByte, BrokenSequencesAreMarkedWhereGlibcStops) {
 }
 
 TEST(UTF8ConverterDoubleByte, TheRulesOfMarking) {
-    // A lead byte before a byte it can't pair with, or before an ASCII byte
-    // that makes no code with it: only the lead is marked, and the next
-    // byte is read afresh.
-    Result r = ours("big5",
-                    "\xA4"
-                    "0\xA4");
-    EXPECT_EQ(r.text, mark(0xA4) + "0" + mark(0xA4));
-    EXPECT_EQ(r.invalid, 2u);
-    EXPECT_FALSE(Iconv("SJIS").convert("\x82Y")) << "no longer unmapped";
-    EXPECT_EQ(ours("sjis", "\x82Y").text, mark(0x82) + "Y");
-    // A well-formed but unmapped pair with a non-ASCII trail is marked whole.
-    r = ours("euc-kr", "\xC9\xA1x");
-    EXPECT_FALSE(Iconv("EUC-KR").convert("\xC9\xA1")) << "no longer unmapped";
-    EXPECT_EQ(r.text, mark(0xC9) + mark(0xA1) + "x");
-    // A GB18030 four-byte code beyond U+10FFFF is marked whole; a broken
-    // one costs its first byte.
-    EXPECT_EQ(ours("gb18030", "\xE3\x32\x9A\x36").text,
-              mark(0xE3) + mark(0x32) + mark(0x9A) + mark(0x36));
-    EXPECT_EQ(ours("gb18030", "\x81\x30\x20").text, mark(0x81) + "0 ");
-    // Big5-HKSCS has characters of two code points.
-    EXPECT_EQ(ours("big5-hkscs", "\x88\x62").text, utf8({0xCA, 0x304}));
-    // Plain ASCII is no work; Shift_JIS has the yen sign and an overline in
-    // place of backslash and tilde, so those are.
+    const struct {
+        const char* name;
+        std::string in, want;
+        const char* glibcRefuses;  // the oracle for the expectation, where it has one
+    } cases[] = {
+        // A lead byte before a byte it can't pair with, or before an ASCII
+        // byte that makes no code with it: only the lead is marked, and the
+        // next byte is read afresh.
+        {"big5", "\xA4\x30\xA4", mark(0xA4) + "0" + mark(0xA4), nullptr},
+        {"sjis", "\x82Y", mark(0x82) + "Y", "SJIS"},
+        // A well-formed but unmapped pair with a non-ASCII trail is marked whole.
+        {"euc-kr", "\xC9\xA1x", mark(0xC9) + mark(0xA1) + "x", "EUC-KR"},
+        // A GB18030 four-byte code beyond U+10FFFF is marked whole; a broken
+        // one costs its first byte.
+        {"gb18030", "\xE3\x32\x9A\x36", mark(0xE3) + mark(0x32) + mark(0x9A) + mark(0x36), nullptr},
+        {"gb18030", "\x81\x30\x20", mark(0x81) + "0 ", nullptr},
+        // Big5-HKSCS has characters of two code points.
+        {"big5-hkscs", "\x88\x62", utf8({0xCA, 0x304}), nullptr},
+        // Shift_JIS has the yen sign and an overline in place of backslash
+        // and tilde.
+        {"Shift_JIS", "a\\b~", "a" + utf8({0xA5}) + "b" + utf8({0x203E}), nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.in));
+        const Result r = ours(c.name, c.in);
+        EXPECT_EQ(r.text, c.want);
+        EXPECT_EQ(r.invalid, marksIn(c.want));
+        EXPECT_FALSE(c.glibcRefuses && Iconv(c.glibcRefuses).convert(c.in).has_value());
+    }
+    // Plain ASCII is no work, but for sets that remap it.
     EXPECT_FALSE(ours("gbk", "plain text").worked);
     EXPECT_FALSE(ours("Shift_JIS", "plain text").worked);
-    EXPECT_EQ(ours("Shift_JIS", "a\\b~").text, *Iconv("SJIS").convert("a\\b~"));
-    EXPECT_EQ(ours("Shift_JIS", "a\\b~").text, "a" + utf8({0xA5}) + "b" + utf8({0x203E}));
 }
 
 // The raw 94x94 sets take the codes EUC-JP has after its high bits, in
@@ -704,13 +544,15 @@ TEST(UTF8ConverterDoubleByte, RawJisSetsAreEucJpWithoutTheShifts) {
     for (const std::string& code : codes.valid) {
         if (code.size() == 1) continue;
         const std::string pair = code.substr(code.size() - 2);
+        const std::string gl = {static_cast<char>(pair[0] & 0x7F),
+                                static_cast<char>(pair[1] & 0x7F)};
         if (code.size() == 2 && static_cast<unsigned char>(code[0]) >= 0xA1) {
             gr0208 += pair;
-            gl0208 += {static_cast<char>(pair[0] & 0x7F), static_cast<char>(pair[1] & 0x7F)};
+            gl0208 += gl;
             want0208 += *eucjp.convert(code);
             ++x0208;
         } else if (code.size() == 3) {
-            gl0212 += {static_cast<char>(pair[0] & 0x7F), static_cast<char>(pair[1] & 0x7F)};
+            gl0212 += gl;
             want0212 += *eucjp.convert(code);
             ++x0212;
         }
@@ -720,8 +562,8 @@ TEST(UTF8ConverterDoubleByte, RawJisSetsAreEucJpWithoutTheShifts) {
     EXPECT_EQ(ours("JIS_X0208", gl0208).text, want0208);
     EXPECT_EQ(ours("JIS_X0208", gr0208).text, want0208);
     EXPECT_EQ(ours("JIS_X0212-1990", gl0212).text, want0212);
-    const Result lines = ours("JIS_X0208", "\x30\x21\r\n \x30\x22");
-    EXPECT_EQ(lines.text, *eucjp.convert("\xB0\xA1\r\n \xB0\xA2"));
+    EXPECT_EQ(ours("JIS_X0208", "\x30\x21\r\n \x30\x22").text,
+              *eucjp.convert("\xB0\xA1\r\n \xB0\xA2"));
     EXPECT_FALSE(ours("iso-ir-87", "\r\n\t ").worked);
     EXPECT_EQ(ours("x0208", "\x30").text, mark(0x30)) << "a lone byte of a pair";
 }
@@ -740,36 +582,39 @@ TEST(UTF8ConverterDoubleByte, HzAgreesWithPython) {
                 case 1:
                     s += "x~\ny";
                     break;
-                default: {
+                default:
                     s += "~{";
                     for (int n = 1 + rng() % 5; n > 0; --n) {
                         const std::string& code = gb.valid[128 + rng() % (gb.valid.size() - 128)];
                         s += {static_cast<char>(code[0] & 0x7F), static_cast<char>(code[1] & 0x7F)};
                     }
                     s += "~}";
-                }
             }
         }
         inputs.push_back(s);
     }
-    const auto lines = pythonDecode("hz", inputs);
-    for (size_t i = 0; i < inputs.size(); ++i) {
-        ASSERT_NE(lines[i], "-") << testing::PrintToString(inputs[i]);
-        EXPECT_EQ(ours("HZ-GB-2312", inputs[i]).text, utf8(codepoints(lines[i])))
-            << testing::PrintToString(inputs[i]);
-    }
-    EXPECT_FALSE(ours("hz", "no shifts here").worked);
-
     // What Python refuses: a stray "~", and a line end in GB mode, which we
     // keep and let end GB mode, so that a missing "~}" spoils one line.
-    const std::vector<std::string> broken = {"a~x", "~{VP\nVP", "~{VP~~VP~}", "b\x80"};
-    const auto refused = pythonDecode("hz", broken);
-    for (const std::string& line : refused) EXPECT_EQ(line, "-");
     const std::string zhong = utf8({0x4E2D});
-    EXPECT_EQ(ours("hz", broken[0]).text, "a" + mark('~') + "x");
-    EXPECT_EQ(ours("hz", broken[1]).text, zhong + "\nVP");
-    EXPECT_EQ(ours("hz", broken[2]).text, zhong + mark('~') + mark('~') + zhong);
-    EXPECT_EQ(ours("hz", broken[3]).text, "b" + mark(0x80));
+    const std::vector<std::pair<std::string, std::string>> broken = {
+        {"a~x", "a" + mark('~') + "x"},
+        {"~{VP\nVP", zhong + "\nVP"},
+        {"~{VP~~VP~}", zhong + mark('~') + mark('~') + zhong},
+        {"b\x80", "b" + mark(0x80)},
+    };
+    for (const auto& [in, want] : broken) inputs.push_back(in);
+    const auto lines = pythonDecode("hz", inputs);
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        SCOPED_TRACE(testing::PrintToString(inputs[i]));
+        if (i < 400) {
+            ASSERT_NE(lines[i], "-");
+            EXPECT_EQ(ours("HZ-GB-2312", inputs[i]).text, utf8(codepoints(lines[i])));
+        } else {
+            EXPECT_EQ(lines[i], "-");
+            EXPECT_EQ(ours("hz", inputs[i]).text, broken[i - 400].second);
+        }
+    }
+    EXPECT_FALSE(ours("hz", "no shifts here").worked);
 }
 
 // ---------------------------------------------------------------- Unicode forms
@@ -777,20 +622,10 @@ TEST(UTF8ConverterDoubleByte, HzAgreesWithPython) {
 std::vector<uint32_t> randomCodepoints(std::mt19937& rng, size_t n) {
     std::vector<uint32_t> cps;
     while (cps.size() < n) {
-        uint32_t cp = 0;
-        switch (rng() % 5) {
-            case 0:
-                cp = 0x20 + rng() % 0x5F;
-                break;
-            case 1:
-                cp = 0x80 + rng() % 0x780;
-                break;
-            case 2:
-                cp = 0x800 + rng() % 0xF800;
-                break;
-            default:
-                cp = 0x10000 + rng() % 0x100000;
-        }
+        static const uint32_t from[] = {0x20, 0x80, 0x800, 0x10000, 0x10000};
+        static const uint32_t span[] = {0x5F, 0x780, 0xF800, 0x100000, 0x100000};
+        const size_t k = rng() % 5;
+        const uint32_t cp = from[k] + rng() % span[k];
         if ((cp >= 0xD800 && cp <= 0xDFFF) || cp == 0xFEFF || cp == 0xFFFE) continue;
         cps.push_back(cp);
     }
@@ -799,93 +634,69 @@ std::vector<uint32_t> randomCodepoints(std::mt19937& rng, size_t n) {
 
 std::string encodeAs(const char* charset, const std::vector<uint32_t>& cps) {
     const std::string units(reinterpret_cast<const char*>(cps.data()), cps.size() * 4);
-    const auto bytes = Iconv("UTF-32LE", charset).convert(units);
-    EXPECT_TRUE(bytes) << charset;
-    return bytes ? *bytes : "";
+    return Iconv("UTF-32LE", charset).convert(units).value_or("?");
 }
 
-TEST(UTF8ConverterUnicode, Utf16WithAndWithoutByteOrderMarks) {
+// Without a mark, "UTF-16", "UTF-32" and "UCS-2" are big-endian, as RFC 2781
+// and ISO 10646 have them (glibc takes the machine's order); a mark decides
+// either way, also against the order a name gives.
+TEST(UTF8ConverterUnicode, Utf16AndUcs4WithAndWithoutByteOrderMarks) {
     std::mt19937 rng(16);
     for (int i = 0; i < 200; ++i) {
         const auto cps = randomCodepoints(rng, 1 + rng() % 40);
         const std::string want = utf8(cps);
         const std::string be = encodeAs("UTF-16BE", cps), le = encodeAs("UTF-16LE", cps);
-        EXPECT_EQ(ours("UTF-16BE", be).text, want);
-        EXPECT_EQ(ours("UTF-16LE", le).text, want);
-        // Without a mark, "UTF-16" is big-endian; a mark decides either way.
-        EXPECT_EQ(ours("UTF-16", be).text, want);
-        for (const std::string& in : {"\xFE\xFF" + be, "\xFF\xFE" + le}) {
-            EXPECT_EQ(ours("UTF-16", in).text, want);
-            // A fresh converter each time: glibc's keeps the byte order of
-            // the last mark it saw.
-            EXPECT_EQ(*Iconv("UTF-16").convert(in), want);
+        const std::string be4 = encodeAs("UTF-32BE", cps), le4 = encodeAs("UTF-32LE", cps);
+        const std::pair<const char*, std::string> cases[] = {
+            {"UTF-16BE", be},
+            {"UTF-16LE", le},
+            {"UTF-16", be},
+            {"UTF-16", "\xFE\xFF" + be},
+            {"UTF-16", "\xFF\xFE" + le},
+            {"UTF-16LE", "\xFE\xFF" + be},
+            {"UnicodeBig", "\xFF\xFE" + le},
+            {"UCS-4", be4},
+            {"UTF-32LE", le4},
+            {"UTF-32", be4},
+            {"UTF-32", std::string("\0\0\xFE\xFF", 4) + be4},
+            {"UTF-32", std::string("\xFF\xFE\0\0", 4) + le4},
+        };
+        for (const auto& [name, in] : cases) {
+            ASSERT_EQ(ours(name, in).text, want) << name << " " << testing::PrintToString(in);
         }
-        EXPECT_EQ(ours("UTF-16LE", "\xFE\xFF" + be).text, want);
-        EXPECT_EQ(ours("UnicodeBig", "\xFF\xFE" + le).text, want);
     }
     EXPECT_FALSE(ours("UTF-16", "").worked);
     EXPECT_TRUE(ours("UTF-16", "\xFE\xFF").worked) << "an empty text is still a conversion";
     EXPECT_EQ(ours("UTF-16", "\xFE\xFF").text, "");
-    // glibc reads UTF-16 and UCS-2 without a mark in the machine's byte
-    // order, and keeps a mark as U+FEFF when the name gives the order; here
-    // both are big-endian, as RFC 2781 and ISO 10646 have them, and a mark
-    // decides.
-    EXPECT_EQ(*Iconv("UTF-16").convert(std::string("\x00\x41", 2)), utf8({0x4100}));
     EXPECT_EQ(ours("UTF-16", std::string("\x00\x41", 2)).text, "A");
-    EXPECT_EQ(*Iconv("UTF-16BE").convert(std::string("\xFE\xFF\x00\x41", 4)),
-              "\xEF\xBB\xBF"
-              "A");
     EXPECT_EQ(ours("UTF-16BE", std::string("\xFE\xFF\x00\x41", 4)).text, "A");
-    EXPECT_EQ(*Iconv("UCS-2").convert(std::string("\x00\x41", 2)), utf8({0x4100}));
     EXPECT_EQ(ours("UCS-2", std::string("\x00\x41", 2)).text, "A");
 }
 
-TEST(UTF8ConverterUnicode, Utf16BadUnitsAreMarkedInInputOrder) {
-    struct Case {
+TEST(UTF8ConverterUnicode, BadUnitsAreMarkedInInputOrder) {
+    const std::string tail("\0\0\0A\0\0", 6);
+    const struct {
         std::string name, in, want;
-        size_t invalid;
-    };
-    const std::vector<Case> cases = {
-        {"UTF-16BE", std::string("\xD8\x3D\x00\x41", 4), mark(0xD8) + mark(0x3D) + "A", 2},
-        {"UTF-16LE", std::string("\x3D\xD8\x41\x00", 4), mark(0x3D) + mark(0xD8) + "A", 2},
+    } cases[] = {
+        {"UTF-16BE", std::string("\xD8\x3D\x00\x41", 4), mark(0xD8) + mark(0x3D) + "A"},
+        {"UTF-16LE", std::string("\x3D\xD8\x41\x00", 4), mark(0x3D) + mark(0xD8) + "A"},
         {"UTF-16BE", std::string("\xDE\x00\xD8\x3D", 4),
-         mark(0xDE) + mark(0x00) + mark(0xD8) + mark(0x3D), 4},
+         mark(0xDE) + mark(0x00) + mark(0xD8) + mark(0x3D)},
         {"UTF-16BE", std::string("\xD8\x00\xD8\x00\xDC\x00", 6),
-         mark(0xD8) + mark(0x00) + utf8({0x10000}), 2},
-        {"UTF-16BE", std::string("\x00\x41\x00", 3), "A" + mark(0x00), 1},
+         mark(0xD8) + mark(0x00) + utf8({0x10000})},
+        {"UTF-16BE", std::string("\x00\x41\x00", 3), "A" + mark(0x00)},
+        // Beyond U+10FFFF, and a surrogate.
+        {"UTF-32BE", std::string("\x00\x11\x00\x00", 4) + tail,
+         mark(0) + mark(0x11) + mark(0) + mark(0) + "A" + mark(0) + mark(0)},
+        {"UTF-32BE", std::string("\x00\x00\xD8\x00", 4) + tail,
+         mark(0) + mark(0) + mark(0xD8) + mark(0) + "A" + mark(0) + mark(0)},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.in));
         EXPECT_FALSE(Iconv(c.name).convert(c.in)) << "glibc should refuse this too";
         const Result r = ours(c.name, c.in);
-        EXPECT_EQ(r.text, c.want) << testing::PrintToString(c.in);
-        EXPECT_EQ(r.invalid, c.invalid) << testing::PrintToString(c.in);
-    }
-}
-
-TEST(UTF8ConverterUnicode, Ucs4BothOrdersMarksAndBadValues) {
-    std::mt19937 rng(32);
-    for (int i = 0; i < 100; ++i) {
-        const auto cps = randomCodepoints(rng, 1 + rng() % 30);
-        const std::string want = utf8(cps);
-        const std::string be = encodeAs("UTF-32BE", cps), le = encodeAs("UTF-32LE", cps);
-        EXPECT_EQ(ours("UCS-4", be).text, want);
-        EXPECT_EQ(ours("UTF-32LE", le).text, want);
-        // As with UTF-16, glibc reads UTF-32 without a mark in the machine's
-        // order, where the standard has big-endian.
-        EXPECT_EQ(ours("UTF-32", be).text, want);
-        for (const std::string& in :
-             {std::string("\0\0\xFE\xFF", 4) + be, std::string("\xFF\xFE\0\0", 4) + le}) {
-            EXPECT_EQ(ours("UTF-32", in).text, want);
-            EXPECT_EQ(*Iconv("UTF-32").convert(in), want);
-        }
-    }
-    const std::string beyond("\x00\x11\x00\x00", 4), surrogate("\x00\x00\xD8\x00", 4);
-    for (const std::string& bad : {beyond, surrogate}) {
-        EXPECT_FALSE(Iconv("UTF-32BE").convert(bad));
-        const Result r = ours("UTF-32BE", bad + std::string("\0\0\0A\0\0", 6));
-        EXPECT_EQ(r.text, mark(bad[0]) + mark(bad[1]) + mark(bad[2]) + mark(bad[3]) + "A" +
-                              mark(0) + mark(0));
-        EXPECT_EQ(r.invalid, 6u);
+        EXPECT_EQ(r.text, c.want);
+        EXPECT_EQ(r.invalid, marksIn(c.want));
     }
 }
 
@@ -917,24 +728,26 @@ TEST(UTF8ConverterUnicode, Utf7ReadsTheRfcExamplesAndWhatOthersWrite) {
     }
     EXPECT_FALSE(ours("UTF-7", "no shift, no high bytes: ~\\").worked);
     EXPECT_EQ(ours("UTF-7", "1+-1=2").text, "1+1=2");
+    // Padding bits, fewer than six, are dropped whatever they hold.
+    EXPECT_EQ(ours("UTF-7", "+AGF-").text, "a");
 }
 
 TEST(UTF8ConverterUnicode, Utf7MarksWhatCantBeDecoded) {
-    const std::vector<std::string> bad = {"+!", "a+AGEx", "+2D0-", "+2D0AQQ-", "\xC3\xA9"};
-    const auto python = pythonDecode("utf-7", bad);
-    for (size_t i = 0; i < 2; ++i) EXPECT_EQ(python[i], "-") << bad[i];
-    // "+" before neither "-" nor base64.
-    EXPECT_EQ(ours("UTF-7", bad[0]).text, mark('+') + "!");
-    // Base64 digits that never reach a whole unit.
-    EXPECT_EQ(ours("UTF-7", bad[1]).text, "aa" + mark('x'));
-    // Lone surrogates, as their two big-endian bytes.
-    EXPECT_EQ(ours("UTF-7", bad[2]).text, mark(0xD8) + mark(0x3D));
-    EXPECT_EQ(ours("UTF-7", bad[3]).text, mark(0xD8) + mark(0x3D) + "A");
-    const Result r = ours("UTF-7", bad[4]);
-    EXPECT_EQ(r.text, mark(0xC3) + mark(0xA9));
-    EXPECT_EQ(r.invalid, 2u);
-    // Padding bits, fewer than six, are dropped whatever they hold.
-    EXPECT_EQ(ours("UTF-7", "+AGF-").text, "a");
+    const std::pair<std::string, std::string> cases[] = {
+        {"+!", mark('+') + "!"},       // "+" before neither "-" nor base64
+        {"a+AGEx", "aa" + mark('x')},  // base64 digits that never reach a whole unit
+        // Lone surrogates, as their two big-endian bytes.
+        {"+2D0-", mark(0xD8) + mark(0x3D)},
+        {"+2D0AQQ-", mark(0xD8) + mark(0x3D) + "A"},
+        {"\xC3\xA9", mark(0xC3) + mark(0xA9)},
+    };
+    const auto python = pythonDecode("utf-7", {cases[0].first, cases[1].first});
+    EXPECT_EQ(python, (std::vector<std::string>{"-", "-"}));
+    for (const auto& [in, want] : cases) {
+        const Result r = ours("UTF-7", in);
+        EXPECT_EQ(r.text, want) << in;
+        EXPECT_EQ(r.invalid, marksIn(want)) << in;
+    }
 }
 
 TEST(UTF8ConverterUnicode, UtfEbcdicRoundTripsThroughIbm1047) {
@@ -993,21 +806,21 @@ TEST(UTF8ConverterUnicode, JavaAndC99Escapes) {
             std::string escaped;
             for (uint32_t cp : cps) {
                 char buf[32];
-                const char* hex = rng() % 2 ? "%04X" : "%04x";
+                const char* hex = rng() % 2 ? "\\u%04X" : "\\u%04x";
                 if (cp < 0x80 && cp != '\\') {
                     escaped.push_back(static_cast<char>(cp));
-                } else if (cp < 0x10000) {
-                    snprintf(buf, sizeof buf, (std::string("\\u") + hex).c_str(), cp);
-                    escaped += buf;
+                    continue;
+                }
+                if (cp < 0x10000) {
+                    snprintf(buf, sizeof buf, hex, cp);
                 } else if (java) {
                     const uint32_t v = cp - 0x10000;
                     snprintf(buf, sizeof buf, "\\u%04X\\u%04x", 0xD800 + (v >> 10),
                              0xDC00 + (v & 0x3FF));
-                    escaped += buf;
                 } else {
                     snprintf(buf, sizeof buf, "\\U%08X", cp);
-                    escaped += buf;
                 }
+                escaped += buf;
             }
             const Result r = ours(name, escaped);
             EXPECT_EQ(r.text, utf8(cps)) << escaped;
@@ -1016,17 +829,25 @@ TEST(UTF8ConverterUnicode, JavaAndC99Escapes) {
     }
     // An even run of backslashes escapes itself; an odd one starts an escape.
     EXPECT_FALSE(ours("java", "C:\\\\u0041 \\n \\u004 \\x").worked);
-    EXPECT_EQ(ours("java", "\\\\\\u0041").text, "\\\\A");
-    EXPECT_EQ(ours("java", "\\uuu0041").text, "A");
-    EXPECT_EQ(ours("c99", "\\U0001F600").text, utf8({0x1F600}));
-    // Lone surrogates and values past U+10FFFF: the backslash is marked.
-    EXPECT_EQ(ours("java", "\\uD800x").text, mark('\\') + "uD800x");
-    EXPECT_EQ(ours("java", "\\uDE00").text, mark('\\') + "uDE00");
-    EXPECT_EQ(ours("java", "\\uD83D\\\\uDE00").text, mark('\\') + "uD83D\\\\uDE00");
-    EXPECT_EQ(ours("c99", "\\U00110000").text, mark('\\') + "U00110000");
-    const Result r = ours("c99", "\xC3\xA9");
-    EXPECT_EQ(r.text, mark(0xC3) + mark(0xA9));
-    EXPECT_EQ(r.invalid, 2u);
+    const struct {
+        const char* name;
+        std::string in, want;
+    } cases[] = {
+        {"java", "\\\\\\u0041", "\\\\A"},
+        {"java", "\\uuu0041", "A"},
+        {"c99", "\\U0001F600", utf8({0x1F600})},
+        // Lone surrogates and values past U+10FFFF: the backslash is marked.
+        {"java", "\\uD800x", mark('\\') + "uD800x"},
+        {"java", "\\uDE00", mark('\\') + "uDE00"},
+        {"java", "\\uD83D\\\\uDE00", mark('\\') + "uD83D\\\\uDE00"},
+        {"c99", "\\U00110000", mark('\\') + "U00110000"},
+        {"c99", "\xC3\xA9", mark(0xC3) + mark(0xA9)},
+    };
+    for (const auto& c : cases) {
+        const Result r = ours(c.name, c.in);
+        EXPECT_EQ(r.text, c.want) << c.in;
+        EXPECT_EQ(r.invalid, marksIn(c.want)) << c.in;
+    }
 }
 
 TEST(UTF8ConverterUnicode, Utf8MarksWhatPythonEscapes) {
@@ -1043,14 +864,7 @@ TEST(UTF8ConverterUnicode, Utf8MarksWhatPythonEscapes) {
         for (int k = rng() % 6; k > 0; --k) s += pieces[rng() % pieces.size()];
         inputs.push_back(s);
     }
-    const auto lines = runOracle(
-        {"/usr/bin/env", "python3", "-c",
-         "import re, sys\n"
-         "for line in open(sys.argv[1]):\n"
-         "    s = bytes.fromhex(line.strip()).decode('utf-8', 'backslashreplace')\n"
-         "    s = re.sub(r'\\\\x([0-9a-f]{2})', lambda m: '\\\\x' + m.group(1).upper(), s)\n"
-         "    print(','.join('%x' % ord(c) for c in s))\n"},
-        inputs);
+    const auto lines = oracle::python("utf-8", "backslashreplace", inputs);
     size_t invalid = 0;
     for (size_t i = 0; i < inputs.size(); ++i) {
         const Result r = ours("UTF-8", inputs[i]);
@@ -1072,9 +886,7 @@ TEST(UTF8ConverterUnicode, Utf8MarksWhatPythonEscapes) {
     EXPECT_EQ(text, "caf\xC3\xA9");
 }
 
-}  // namespace
-
-namespace {
+// ---------------------------------------------------------------- long texts
 
 // Texts far longer than the engines' staging buffer, with runs of every
 // length: the whole must read as its self-contained pieces do.
@@ -1117,10 +929,6 @@ TEST(UTF8ConverterLongTexts, WholeTextReadsAsItsPiecesDo) {
         EXPECT_EQ(r.invalid, invalid) << e.name;
     }
 }
-
-}  // namespace
-
-namespace {
 
 // Marks (four bytes out for one in) right up to and past the end of the
 // staging buffer, each run of them followed by plain text to copy: the
