@@ -9,28 +9,37 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "libzero/djb2.h"
 #include "libzero/gzip-crc32.h"
 #include "libzero/xorshift128plus.h"
+#include "support/HashCollisions.h"
 
 namespace {
 
-TEST(Djb2, SignedBytesAndTheFamilyAgree) {
-    EXPECT_EQ(djb2_hash(""), 5381u);
-    EXPECT_EQ(djb2_hash("a"), 5381u * 33 + 'a');
-    // Bytes over 0x7F count as negative (computed independently in Python).
-    const char text[] = "Hello, \xff\x80";
-    EXPECT_EQ(djb2_hash_n(text, 9), 249845907288579364u);
-    EXPECT_EQ(djb2_hash(text), djb2_hash_n(text, 9));
-
-    size_t len = 0;
-    EXPECT_EQ(djb2_hash_and_strlen(text, &len), djb2_hash_n(text, 9));
-    EXPECT_EQ(len, 9u);
-
-    // Cumulative: the hash of a piece continues the hash of what came before.
-    EXPECT_EQ(djb2_hash_n_cumulative(djb2_hash_n(text, 4), text + 4, 5), djb2_hash_n(text, 9));
-
+// Bytes over 0x7F count as negative: python3 computes the hash by the
+// definition, with its own integers.
+TEST(Djb2, SignedBytesAsPythonComputesThem) {
+    const std::vector<std::string> texts{
+        "", "a", "Hello, \xff\x80", "\x80", "caf\xc3\xa9", "\xff\xfe\xfd", "a\x80z"};
+    const std::vector<uint64_t> python = hashcollisions::pythonDjb2(texts);
+    ASSERT_EQ(python.size(), texts.size()) << "python3 must be installed";
+    EXPECT_EQ(python[0], 5381u);
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::string& t = texts[i];
+        size_t len = 99;
+        EXPECT_EQ(djb2_hash_n(t.data(), t.size()), python[i]) << i;
+        EXPECT_EQ(djb2_hash(t.c_str()), python[i]) << i;
+        EXPECT_EQ(djb2_hash_and_strlen(t.c_str(), &len), python[i]) << i;
+        EXPECT_EQ(len, t.size());
+        // The hash of a piece continues the hash of what came before.
+        for (size_t cut = 0; cut <= t.size(); ++cut) {
+            EXPECT_EQ(
+                djb2_hash_n_cumulative(djb2_hash_n(t.data(), cut), t.data() + cut, t.size() - cut),
+                python[i]);
+        }
+    }
     EXPECT_EQ(djb2_hash_n_nocase("HeLLo-Z[", 8), djb2_hash_n("hello-z[", 8));
     EXPECT_NE(djb2_hash_n_nocase("\xC9", 1), djb2_hash_n_nocase("\xE9", 1));  // ASCII only
 }
@@ -59,29 +68,23 @@ TEST(Xorshift128Plus, StepsAndSeedsMatchIndependentValues) {
     EXPECT_EQ(xorshift128plus_next(&s), 0x9100c35634c611u);
 }
 
+// Each started word takes one step; bytes past the length stay untouched.
 TEST(Xorshift128Plus, FillMemoryUsesWholeOutputsInHostOrder) {
-    xorshift128plus_state a, b;
-    xorshift128plus_init_with_seed(&a, 99);
-    b = a;
-
-    unsigned char buf[32];
-    memset(buf, 0xAA, sizeof buf);
-    xorshift128plus_fill_memory(&a, buf, 0);
-    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "0 bytes leave the state alone";
-    EXPECT_EQ(buf[0], 0xAA);
-
-    xorshift128plus_fill_memory(&a, buf, 1);
-    uint64_t first = xorshift128plus_next(&b);
-    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "1 byte takes one step";
-    EXPECT_EQ(buf[0], static_cast<unsigned char>(first));
-    EXPECT_EQ(buf[1], 0xAA);
-
-    xorshift128plus_fill_memory(&a, buf, 9);
-    uint64_t o1 = xorshift128plus_next(&b), o2 = xorshift128plus_next(&b);
-    EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << "9 bytes take two steps";
-    EXPECT_EQ(memcmp(buf, &o1, 8), 0);
-    EXPECT_EQ(buf[8], static_cast<unsigned char>(o2));
-    EXPECT_EQ(buf[9], 0xAA);
+    for (size_t length : {0, 1, 8, 9}) {
+        xorshift128plus_state a, b;
+        xorshift128plus_init_with_seed(&a, 99);
+        b = a;
+        unsigned char buf[32], want[32];
+        memset(buf, 0xAA, sizeof buf);
+        memset(want, 0xAA, sizeof want);
+        xorshift128plus_fill_memory(&a, buf, length);
+        for (size_t at = 0; at < length; at += 8) {
+            const uint64_t v = xorshift128plus_next(&b);
+            memcpy(want + at, &v, std::min<size_t>(8, length - at));
+        }
+        EXPECT_EQ(memcmp(&a, &b, sizeof a), 0) << length;
+        EXPECT_EQ(memcmp(buf, want, sizeof buf), 0) << length;
+    }
 }
 
 TEST(Xorshift128Plus, RatioStaysInTheUnitInterval) {

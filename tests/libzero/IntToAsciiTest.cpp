@@ -38,43 +38,35 @@ std::vector<T> boundaryValues() {
     return values;
 }
 
-TEST(IntToAscii, AgreesWithToCharsAcrossDigitBoundaries) {
+template <class T>
+void agreesWithToChars(size_t (*convert)(T, char*), unsigned (*count)(T)) {
     char buf[32];
-    for (uint64_t v : boundaryValues<uint64_t>()) {
-        ASSERT_EQ(std::string(buf, convertU64ToAscii(v, buf)), reference(v));
-        ASSERT_EQ(decimalCharactersU64(v), reference(v).size());
-    }
-    for (int64_t v : boundaryValues<int64_t>()) {
-        ASSERT_EQ(std::string(buf, convertI64ToAscii(v, buf)), reference(v));
-        ASSERT_EQ(decimalCharactersI64(v), reference(v).size());
-    }
-    for (uint32_t v : boundaryValues<uint32_t>()) {
-        ASSERT_EQ(std::string(buf, convertU32ToAscii(v, buf)), reference(v));
-        ASSERT_EQ(decimalCharactersU32(v), reference(v).size());
-    }
-    for (int32_t v : boundaryValues<int32_t>()) {
-        ASSERT_EQ(std::string(buf, convertI32ToAscii(v, buf)), reference(v));
-        ASSERT_EQ(decimalCharactersI32(v), reference(v).size());
+    for (T v : boundaryValues<T>()) {
+        ASSERT_EQ(std::string(buf, convert(v, buf)), reference(v));
+        ASSERT_EQ(count(v), reference(v).size());
     }
 }
 
+TEST(IntToAscii, AgreesWithToCharsAcrossDigitBoundaries) {
+    agreesWithToChars<uint64_t>(convertU64ToAscii, decimalCharactersU64);
+    agreesWithToChars<int64_t>(convertI64ToAscii, decimalCharactersI64);
+    agreesWithToChars<uint32_t>(convertU32ToAscii, decimalCharactersU32);
+    agreesWithToChars<int32_t>(convertI32ToAscii, decimalCharactersI32);
+}
+
+// Given the character count, the conversion writes exactly that many bytes.
 TEST(IntToAscii, SizeKnownWritesExactlyTheCountAndNoMore) {
     char buf[32];
-    memset(buf, '#', sizeof buf);
-    convertI64ToAsciiSizeKnown(std::numeric_limits<int64_t>::min(), buf, 20);
-    EXPECT_EQ(std::string(buf, 21), "-9223372036854775808#");
-
-    memset(buf, '#', sizeof buf);
-    convertU32ToAsciiSizeKnown(4294967295u, buf, 10);
-    EXPECT_EQ(std::string(buf, 11), "4294967295#");
-
-    memset(buf, '#', sizeof buf);
-    convertI32ToAsciiSizeKnown(-7, buf, 2);
-    EXPECT_EQ(std::string(buf, 3), "-7#");
-
-    memset(buf, '#', sizeof buf);
-    convertU64ToAsciiSizeKnown(0, buf, 1);
-    EXPECT_EQ(std::string(buf, 2), "0#");
+    auto written = [&](auto convert, auto v, unsigned count) {
+        memset(buf, '#', sizeof buf);
+        convert(v, buf, count);
+        return std::string(buf, count + 1);
+    };
+    EXPECT_EQ(written(convertI64ToAsciiSizeKnown, std::numeric_limits<int64_t>::min(), 20),
+              "-9223372036854775808#");
+    EXPECT_EQ(written(convertU32ToAsciiSizeKnown, 4294967295u, 10), "4294967295#");
+    EXPECT_EQ(written(convertI32ToAsciiSizeKnown, -7, 2), "-7#");
+    EXPECT_EQ(written(convertU64ToAsciiSizeKnown, uint64_t{0}, 1), "0#");
 }
 
 }  // namespace

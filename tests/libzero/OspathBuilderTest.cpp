@@ -53,7 +53,7 @@ TEST(StringBuilder, DecimalsAndCodePoints) {
               "\xF4\x8F\xBF\xBF");
 }
 
-TEST(OspathBuilder, LockNameOfTheLongestPathThatFits) {
+TEST(OspathBuilder, LongestPathThatFitsAndSeparators) {
     ospath_builder b;
     // 4090 + ".lock" + terminator = 4096: fits; one byte more does not.
     std::string path(4090, 'a');
@@ -62,10 +62,7 @@ TEST(OspathBuilder, LockNameOfTheLongestPathThatFits) {
     path.push_back('a');
     EXPECT_EQ(ospath_builder_concat_two_paths(&b, path.c_str(), ".lock"), -1);
     EXPECT_FALSE(ospath_builder_valid(&b));
-}
 
-TEST(OspathBuilder, SeparatorAndSet) {
-    ospath_builder b;
     ASSERT_EQ(ospath_builder_concat_two_paths_with_sep(&b, "/a/b", "c"), 0);
     EXPECT_STREQ(b.path, "/a/b/c");
     ASSERT_EQ(ospath_builder_concat_two_paths(&b, "/a/b/", ".lock"), 0);

@@ -146,15 +146,18 @@ TEST(PathnameVector, SeparatedPiecesAndTextForm) {
 // ---------------------------------------------------------------- shell quoting
 
 TEST(PathnameShell, QuotingByTheRules) {
-    EXPECT_EQ(Pathname("plain/path.txt").shellQuoted(), "plain/path.txt");
-    EXPECT_EQ(Pathname("").shellQuoted(), "");
-    EXPECT_EQ(Pathname("a b").shellQuoted(), "\"a b\"");
-    EXPECT_EQ(Pathname("it's").shellQuoted(), "it\\'s");
-    EXPECT_EQ(Pathname("a$b").shellQuoted(), "'a$b'");
-    EXPECT_EQ(Pathname("a$b c").shellQuoted(), "'a$b c'");
-    EXPECT_EQ(Pathname("it's a $x").shellQuoted(), "\"it's a \\$x\"");
-    EXPECT_EQ(Pathname("a*b").shellQuoted(), "a\\*b");
-    EXPECT_EQ(Pathname("a*b c").shellQuoted(), "\"a*b c\"");
+    const char* const cases[][2] = {
+        {"plain/path.txt", "plain/path.txt"},
+        {"", ""},
+        {"a b", "\"a b\""},
+        {"it's", "it\\'s"},
+        {"a$b", "'a$b'"},
+        {"a$b c", "'a$b c'"},
+        {"it's a $x", "\"it's a \\$x\""},
+        {"a*b", "a\\*b"},
+        {"a*b c", "\"a*b c\""},
+    };
+    for (const auto& [in, want] : cases) EXPECT_EQ(Pathname(in).shellQuoted(), want) << in;
 }
 
 // What /bin/sh makes of `words`, each printed with a NUL after it.
@@ -190,18 +193,11 @@ TEST(PathnameShell, RoundTripThroughARealShell) {
         while (w.size() < n) w += alphabet[rng() % alphabet.size()];
         words.emplace_back(w);
     }
+    // (Our own splitter reading the quoted form back is the fuzz target's work.)
     auto got = throughShell(words);
     ASSERT_EQ(got.size(), words.size());
-    for (size_t i = 0; i < words.size(); ++i) {
+    for (size_t i = 0; i < words.size(); ++i)
         EXPECT_EQ(got[i], words[i]) << "quoted as " << words[i].shellQuoted();
-        // Our own splitter reads the quoted form back the same way.
-        Pathname arg;
-        StrSegment rest;
-        Pathname quoted = words[i].shellQuoted();
-        ASSERT_TRUE(Pathname::splitArgShellQuoted(quoted.seg(), &arg, &rest)) << quoted;
-        EXPECT_EQ(arg, words[i]);
-        EXPECT_EQ(rest._len, 0u);
-    }
 }
 
 TEST(PathnameShell, SplittingStopsAtTheEnds) {

@@ -52,7 +52,12 @@ TEST(PathnameAccess, ModesForAnUnprivilegedUser) {
 
 TEST(PathnameAccess, ChecksTheEffectiveUserNotTheRealOne) {
     // Real user root, effective user nobody: access(2) would say yes, the
-    // check for the effective user must say no.
+    // check for the effective user must say no. Without faccessat2 (older
+    // kernels, some container profiles) the check is access(2)'s by design.
+    if (!can_safely_probe_linux_syscalls() ||
+        syscall(SYS_faccessat2, AT_FDCWD, "/", F_OK, AT_EACCESS) != 0) {
+        GTEST_SKIP() << "no faccessat2 here: " << strerror(errno);
+    }
     ScratchDir dir;
     const std::string locked = dir / "locked";
     mkdir(locked.c_str(), 0700);
@@ -64,7 +69,6 @@ TEST(PathnameAccess, ChecksTheEffectiveUserNotTheRealOne) {
         const bool rwOk = Pathname(locked).rw_ok();
         return (accessSays ? 1 : 0) | (rwOk ? 2 : 0);
     });
-    ASSERT_TRUE(can_safely_probe_linux_syscalls()) << "this kernel fails unknown calls cleanly";
     EXPECT_EQ(status, 1) << "access(2) yes, rw_ok no";
 }
 
@@ -90,7 +94,7 @@ TEST(PathnameAccess, FallsBackToAccessWhereTheCallIsRefused) {
     ASSERT_EQ(chown(ro.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
     for (int err : {EPERM, ENOSYS}) {
         const int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
-            if (!refuseFaccessat2(err)) return 100;
+            if (!refuseFaccessat2(err)) return 100;  // no seccomp filters allowed here
             if (syscall(SYS_faccessat2, AT_FDCWD, rw.c_str(), 6, AT_EACCESS) != -1 ||
                 errno != err) {
                 return 101;  // the filter is not in force
@@ -98,6 +102,7 @@ TEST(PathnameAccess, FallsBackToAccessWhereTheCallIsRefused) {
             return (Pathname(rw).rw_ok() ? 1 : 0) | (Pathname(ro).rw_ok() ? 2 : 0) |
                    (Pathname(ro).r_ok() ? 4 : 0);
         });
+        if (status == 100) GTEST_SKIP() << "seccomp filters can't be installed here";
         EXPECT_EQ(status, 1 | 4) << strerror(err);
     }
 }

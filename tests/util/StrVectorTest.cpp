@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(StrVector, ConstructionAndLookup) {
+TEST(StrVector, ConstructionLookupAndText) {
     StrVector v("b", "a", "c", nullptr);
     ASSERT_EQ(v.size(), 3u);
     EXPECT_TRUE(v.contains("a"));
@@ -18,6 +18,12 @@ TEST(StrVector, ConstructionAndLookup) {
     v.push_back("xyz", 2);
     EXPECT_EQ(v.back(), "xy");
     EXPECT_TRUE(StrVector::EMPTY_STRVECTOR.empty());
+
+    const StrVector t("a", "b c", "", nullptr);
+    EXPECT_EQ(t.toString(), "{[0]='a' [1]='b c' [2]=''}");
+    EXPECT_EQ(t.toString_concise(), "[a 'b c' ]");
+    EXPECT_EQ(StrVector().toString(), "{}");
+    EXPECT_EQ(StrVector().toString_concise(), "[]");
 }
 
 TEST(StrVector, Joins) {
@@ -79,26 +85,27 @@ TEST(StrVector, SortDedupReverse) {
     // A shared history spans vectors; a vector of one is left alone, and its
     // value is not recorded.
     StrSet seen;
-    StrVector first("x", "y", nullptr), second("y", "z", "x", nullptr), third("z", nullptr);
-    first.dedup(seen);
-    second.dedup(seen);
-    third.dedup(seen);
+    StrVector first("x", "y", nullptr), second("y", "z", "x", nullptr), third("z", nullptr),
+        fourth("w", "w", nullptr);
+    for (StrVector* s : {&first, &second, &third, &fourth}) s->dedup(seen);
     EXPECT_EQ(first, StrVector("x", "y", nullptr));
     EXPECT_EQ(second, StrVector("z", nullptr));
     EXPECT_EQ(third, StrVector("z", nullptr));
-    StrVector fourth("w", "w", nullptr);
-    fourth.dedup(seen);
     EXPECT_EQ(fourth, StrVector("w", nullptr));
     EXPECT_EQ(seen.size(), 4u);
 }
 
-TEST(StrVector, DestructiveAppends) {
+TEST(StrVector, DestructiveAppendsAndHeapEstimate) {
     StrVector v;
+    v.reserve(4);
     Str s(std::string(100, 'q'));
     const char* buf = s.data();
     v.appendDestructive(&s);
     EXPECT_TRUE(s.empty());
     EXPECT_EQ(v[0].data(), buf) << "swapped in, not copied";
+    v.push_back("short");
+    EXPECT_EQ(v.estimateHeapUsage(), 4 * sizeof(Str) + v[0].capacity() + 15)
+        << "an in-object element counts its object's capacity";
 
     StrVector source("a", "b", nullptr);
     StrVector empty;
@@ -109,31 +116,12 @@ TEST(StrVector, DestructiveAppends) {
 
     StrVector big;
     big.reserve(64);
-    StrVector small("c", nullptr);
+    StrVector small("c", nullptr), more("d", nullptr);
     big.appendDestructive(&small);
-    EXPECT_EQ(big, StrVector("c", nullptr));
     EXPECT_GE(big.capacity(), 64u) << "a larger receiver keeps its array";
     EXPECT_TRUE(small.empty());
-
-    StrVector more("d", nullptr);
     big.appendDestructive(&more);
     EXPECT_EQ(big, StrVector("c", "d", nullptr));
-}
-
-TEST(StrVector, Text) {
-    StrVector v("a", "b c", "", nullptr);
-    EXPECT_EQ(v.toString(), "{[0]='a' [1]='b c' [2]=''}");
-    EXPECT_EQ(v.toString_concise(), "[a 'b c' ]");
-    EXPECT_EQ(StrVector().toString(), "{}");
-    EXPECT_EQ(StrVector().toString_concise(), "[]");
-}
-
-TEST(StrVector, HeapEstimateCountsInObjectElements) {
-    StrVector v;
-    v.reserve(4);
-    v.push_back("short");
-    v.push_back(Str(std::string(100, 'x')));
-    EXPECT_EQ(v.estimateHeapUsage(), 4 * sizeof(Str) + 15 + v[1].capacity());
 }
 
 TEST(StrSegmentVector, ViewsAndJoins) {
