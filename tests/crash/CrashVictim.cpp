@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -35,14 +36,11 @@ extern "C" void __libc_free(void*);
 
 namespace {
 
-bool onSignalStack() {
-    stack_t ss;
-    return sigaltstack(nullptr, &ss) == 0 && (ss.ss_flags & SS_ONSTACK) != 0;
-}
-
 // Nothing here may look like it does not return: ASan precedes calls to
 // such functions with a stack clean-up that itself allocates.
-void allocationInHandler(const char* what) {
+void guard(const char* what) {
+    stack_t ss;
+    if (sigaltstack(nullptr, &ss) != 0 || (ss.ss_flags & SS_ONSTACK) == 0) return;
     static constexpr char kPrefix[] = "crash_victim: ";
     static constexpr char kSuffix[] = " called inside the crash handler\n";
     // Raw system calls: inside an allocator hook the sanitizers' own wrappers
@@ -63,13 +61,10 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(con
                                                          void (*free_hook)(const volatile void*));
 
 namespace {
-void mallocHook(const volatile void*, size_t) {
-    if (onSignalStack()) allocationInHandler("malloc");
+void installGuard() {
+    __sanitizer_install_malloc_and_free_hooks([](const volatile void*, size_t) { guard("malloc"); },
+                                              [](const volatile void*) { guard("free"); });
 }
-void freeHook(const volatile void*) {
-    if (onSignalStack()) allocationInHandler("free");
-}
-void installGuard() { __sanitizer_install_malloc_and_free_hooks(mallocHook, freeHook); }
 }  // namespace
 #else
 // Without a sanitizer the program's own definitions replace the C library's
@@ -80,21 +75,11 @@ void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
 
-void* malloc(size_t n) {
-    if (onSignalStack()) allocationInHandler("malloc");
-    return __libc_malloc(n);
-}
-void* calloc(size_t n, size_t size) {
-    if (onSignalStack()) allocationInHandler("calloc");
-    return __libc_calloc(n, size);
-}
-void* realloc(void* p, size_t n) {
-    if (onSignalStack()) allocationInHandler("realloc");
-    return __libc_realloc(p, n);
-}
+void* malloc(size_t n) { return guard("malloc"), __libc_malloc(n); }
+void* calloc(size_t n, size_t size) { return guard("calloc"), __libc_calloc(n, size); }
+void* realloc(void* p, size_t n) { return guard("realloc"), __libc_realloc(p, n); }
 void* memalign(size_t alignment, size_t n) {
-    if (onSignalStack()) allocationInHandler("memalign");
-    return __libc_memalign(alignment, n);
+    return guard("memalign"), __libc_memalign(alignment, n);
 }
 void* aligned_alloc(size_t alignment, size_t n) { return memalign(alignment, n); }
 int posix_memalign(void** out, size_t alignment, size_t n) {
@@ -103,10 +88,7 @@ int posix_memalign(void** out, size_t alignment, size_t n) {
     *out = p;
     return 0;
 }
-void free(void* p) {
-    if (onSignalStack()) allocationInHandler("free");
-    __libc_free(p);
-}
+void free(void* p) { guard("free"), __libc_free(p); }
 }
 namespace {
 void installGuard() {}
@@ -186,64 +168,31 @@ __attribute__((noinline)) void crash_victim_bad_free() {
 
 namespace {
 
-// Writes `total` bytes of text, 1000 at a time; forever when total is 0.
-class FloodingNotation : public ScopedPerThreadCrashLogNotation {
+// A notation of this thread that renders with `render`.
+template <class F>
+class Notation : public ScopedPerThreadCrashLogNotation {
 public:
-    explicit FloodingNotation(size_t total) : _total(total) { publish(); }
-    void renderTo(CrashLogWriteHandler& h) const override {
+    explicit Notation(F render) : _render(render) { publish(); }
+    void renderTo(CrashLogWriteHandler& h) const override { _render(h); }
+
+private:
+    F _render;
+};
+
+// Writes `total` bytes of text, 1000 at a time; forever when total is 0.
+auto flooding(size_t total) {
+    return [total](CrashLogWriteHandler& h) {
         char line[1000];
         memset(line, 'x', sizeof line - 1);
         line[sizeof line - 1] = '\n';
-        for (size_t done = 0; _total == 0 || done < _total; done += sizeof line) {
+        for (size_t done = 0; total == 0 || done < total; done += sizeof line) {
             h.write(line, sizeof line);
         }
-    }
+    };
+}
 
-private:
-    size_t _total;
-};
-
-// Crashes the crash handler.
-class FaultingNotation : public ScopedPerThreadCrashLogNotation {
-public:
-    FaultingNotation() { publish(); }
-    void renderTo(CrashLogWriteHandler& h) const override {
-        h.write("about to fault in a notation");
-        crash_victim_segv();
-    }
-};
-
-// Breaks the rule the guard enforces, to show that the guard bites.
-class AllocatingNotation : public ScopedPerThreadCrashLogNotation {
-public:
-    AllocatingNotation() { publish(); }
-    void renderTo(CrashLogWriteHandler& h) const override {
-        void* volatile p = malloc(64);
-        free(p);
-        h.write("allocated");
-    }
-};
-
-class NumberedNotation : public ScopedPerThreadCrashLogNotation {
-public:
-    NumberedNotation(const char* who, int depth) : _who(who), _depth(depth) { publish(); }
-    void renderTo(CrashLogWriteHandler& h) const override {
-        h.format("notation %s depth %d", _who, _depth);
-    }
-
-private:
-    const char* _who;
-    int _depth;
-};
-
-void runOn(bool worker, const std::function<void()>& f) {
-    if (!worker) {
-        f();
-        return;
-    }
-    ThreadFunction t(f, "CrashWorker");
-    t.go();
-    t.join();
+auto numbered(const char* who, int depth) {
+    return [who, depth](CrashLogWriteHandler& h) { h.format("notation %s depth %d", who, depth); };
 }
 
 // Two threads each hold two nested notations; the one named `crasher`
@@ -254,8 +203,8 @@ void crashAmongNotations(const char* crasher) {
     PthreadConditionImpl changed;
     int standing = 0;
     auto body = [&](const char* who) {
-        NumberedNotation outer(who, 1);
-        NumberedNotation inner(who, 2);
+        Notation outer(numbered(who, 1));
+        Notation inner(numbered(who, 2));
         m.lock();
         ++standing;
         changed.wake_all();
@@ -271,15 +220,28 @@ void crashAmongNotations(const char* crasher) {
     body("main");
 }
 
-int usage() {
-    fprintf(stderr, "usage: crash_victim DIR SCENARIO [worker]\n");
-    return 2;
-}
+// On the main thread, or on a worker with the "worker" argument.
+const std::map<std::string, void (*)()> kDeaths = {
+    {"segv", crash_victim_segv},
+    {"bus", crash_victim_bus},
+    {"ill", crash_victim_ill},
+    {"abrt", crash_victim_abrt},
+    {"fpe", [] { crash_victim_fpe(7, 0); }},
+    {"assert", [] { crash_victim_assert(41); }},
+    {"exception", crash_victim_throw},
+    {"stack-overflow", [] { crash_victim_recurse(0); }},
+    {"lock-error", crash_victim_lock_error},
+    {"kill-segv", crash_victim_kill_self},
+    {"bad-free", crash_victim_bad_free},
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) return usage();
+    if (argc < 3) {
+        fprintf(stderr, "usage: crash_victim DIR SCENARIO [worker]\n");
+        return 2;
+    }
     EmptyMainThread mainThread;
     const std::string dir = argv[1];
     const std::string scenario = argv[2];
@@ -297,42 +259,33 @@ int main(int argc, char** argv) {
     if (!installed) return 4;
     installGuard();
 
-    if (scenario == "segv") {
-        runOn(worker, crash_victim_segv);
-    } else if (scenario == "bus") {
-        runOn(worker, crash_victim_bus);
-    } else if (scenario == "ill") {
-        runOn(worker, crash_victim_ill);
-    } else if (scenario == "abrt") {
-        runOn(worker, crash_victim_abrt);
-    } else if (scenario == "fpe") {
-        runOn(worker, [] { crash_victim_fpe(7, 0); });
-    } else if (scenario == "assert") {
-        runOn(worker, [] { crash_victim_assert(41); });
-    } else if (scenario == "exception") {
-        runOn(worker, crash_victim_throw);
-    } else if (scenario == "stack-overflow") {
-        runOn(worker, [] { crash_victim_recurse(0); });
-    } else if (scenario == "lock-error") {
-        runOn(worker, crash_victim_lock_error);
-    } else if (scenario == "kill-segv") {
-        runOn(worker, crash_victim_kill_self);
-    } else if (scenario == "bad-free") {
-        runOn(worker, crash_victim_bad_free);
-    } else if (scenario == "notations-A" || scenario == "notations-B" ||
-               scenario == "notations-main") {
+    if (auto death = kDeaths.find(scenario); death != kDeaths.end() && !worker) {
+        death->second();
+    } else if (death != kDeaths.end()) {
+        ThreadFunction t(death->second, "CrashWorker");
+        t.go();
+        t.join();
+    } else if (scenario.starts_with("notations-")) {
         crashAmongNotations(scenario.c_str() + strlen("notations-"));
     } else if (scenario == "overflow") {
-        FloodingNotation flood(600 * 1000);
+        Notation flood(flooding(600 * 1000));
         crash_victim_segv();
     } else if (scenario == "loop") {
-        FloodingNotation flood(0);
+        Notation flood(flooding(0));
         crash_victim_segv();
     } else if (scenario == "fault-in-handler") {
-        FaultingNotation faulting;
+        Notation faulting([](CrashLogWriteHandler& h) {
+            h.write("about to fault in a notation");
+            crash_victim_segv();
+        });
         crash_victim_segv();
     } else if (scenario == "malloc-in-handler") {
-        AllocatingNotation allocating;
+        // Breaks the rule the guard enforces, to show that the guard bites.
+        Notation allocating([](CrashLogWriteHandler& h) {
+            void* volatile p = malloc(64);
+            free(p);
+            h.write("allocated");
+        });
         crash_victim_segv();
     } else if (scenario == "emfile") {
         struct rlimit limit = {64, 64};
@@ -344,7 +297,8 @@ int main(int argc, char** argv) {
         fflush(stderr);
         crash_victim_abrt();
     } else {
-        return usage();
+        fprintf(stderr, "crash_victim: no scenario %s\n", scenario.c_str());
+        return 2;
     }
     return 1;  // survived: the test says so
 }

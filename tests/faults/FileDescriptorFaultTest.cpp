@@ -40,33 +40,30 @@ struct Pipe {
     }
 };
 
-TEST(FileDescriptorFaults, WriteLoopsOverShortAndInterruptedCalls) {
-    Pipe p;
-    FileDescriptor fd(p.w);
-    arm(p.w, {}, {shortBy(3), fail(EINTR), shortBy(2), real()});
-    EXPECT_EQ(fd.write("hello world", 11), 11);
-    EXPECT_EQ(writeCalls, 4);
-    EXPECT_EQ(p.drain(), "hello world");
-}
-
-TEST(FileDescriptorFaults, WriteStopsAtZeroAndAtErrors) {
-    {
+// Short and interrupted calls are continued; a zero or a failure after some
+// bytes ends with the count so far, a failure before any with -1 and errno.
+TEST(FileDescriptorFaults, WriteLoopsOverShortAndInterruptedCallsAndStopsAtZeroAndErrors) {
+    struct Case {
+        std::vector<Step> script;
+        ssize_t result;
+        int calls;
+        const char* written;
+    } cases[] = {
+        {{shortBy(3), fail(EINTR), shortBy(2), real()}, 11, 4, "hello world"},
+        {{shortBy(4), zero()}, 4, 2, "hell"},
+        {{shortBy(4), fail(EIO)}, 4, 2, "hell"},
+        {{fail(EIO)}, -1, 1, ""},
+    };
+    for (const Case& c : cases) {
         Pipe p;
-        arm(p.w, {}, {shortBy(4), zero()});
-        EXPECT_EQ(FileDescriptor(p.w).write("abcdefgh", 8), 4);
-        EXPECT_EQ(p.drain(), "abcd");
-    }
-    {
-        Pipe p;
-        arm(p.w, {}, {shortBy(4), fail(EIO)});
-        EXPECT_EQ(FileDescriptor(p.w).write("abcdefgh", 8), 4);
-    }
-    {
-        Pipe p;
-        arm(p.w, {}, {fail(EIO)});
+        arm(p.w, {}, c.script);
         errno = 0;
-        EXPECT_EQ(FileDescriptor(p.w).write("abcdefgh", 8), -1);
-        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(FileDescriptor(p.w).write("hello world", 11), c.result) << c.written;
+        EXPECT_EQ(writeCalls, c.calls) << c.written;
+        if (c.result < 0) {
+            EXPECT_EQ(errno, EIO);
+        }
+        EXPECT_EQ(p.drain(), c.written);
     }
 }
 
@@ -83,51 +80,32 @@ TEST(FileDescriptorFaults, ReadRepeatsOnEintrAndStopsOnErrors) {
     EXPECT_EQ(errno, EIO);
 }
 
-std::vector<struct iovec> pieces(std::vector<std::string>& storage, size_t count) {
-    std::vector<struct iovec> iov;
-    for (size_t i = 0; i < count; ++i) {
-        storage.push_back(std::to_string(i % 10));
-    }
-    for (auto& s : storage) iov.push_back({s.data(), s.size()});
-    return iov;
-}
-
+// Batches of 1024 pieces of one byte. A short batch ends the call with what
+// it wrote, and so does a failure after a whole one.
 TEST(FileDescriptorFaults, WritevGoesInBatchesAndStopsWhenShort) {
-    {
+    struct Case {
+        int pieces;
+        std::vector<Step> script;
+        ssize_t result;
+        int calls;
+    } cases[] = {
+        {2000, {}, 2000, 2},
+        {2000, {shortBy(1000)}, 1000, 1},
+        {1024, {shortBy(10)}, 10, 1},  // at most one batch: its result as it is, no retry
+        {3000, {real(), fail(EIO)}, 1024, 2},
+    };
+    for (const Case& c : cases) {
         Pipe p;
         std::vector<std::string> storage;
-        auto iov = pieces(storage, 2000);
-        arm(p.w, {}, {});
-        EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), 2000), 2000);
-        EXPECT_EQ(writevCalls, 2);
+        std::vector<struct iovec> iov;
         std::string expected;
+        for (int i = 0; i < c.pieces; ++i) storage.push_back(std::to_string(i % 10));
+        for (auto& s : storage) iov.push_back({s.data(), s.size()});
         for (auto& s : storage) expected += s;
-        EXPECT_EQ(p.drain(), expected);
-    }
-    {
-        Pipe p;
-        std::vector<std::string> storage;
-        auto iov = pieces(storage, 2000);
-        arm(p.w, {}, {shortBy(1000)});
-        EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), 2000), 1000);
-        EXPECT_EQ(writevCalls, 1);
-    }
-    {
-        // At most one batch: one call, its result as it is, no retry.
-        Pipe p;
-        std::vector<std::string> storage;
-        auto iov = pieces(storage, 1024);
-        arm(p.w, {}, {shortBy(10)});
-        EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), 1024), 10);
-        EXPECT_EQ(writevCalls, 1);
-    }
-    {
-        Pipe p;
-        std::vector<std::string> storage;
-        auto iov = pieces(storage, 3000);
-        arm(p.w, {}, {real(), fail(EIO)});
-        EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), 3000), 1024);
-        EXPECT_EQ(writevCalls, 2);
+        arm(p.w, {}, c.script);
+        EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), c.pieces), c.result) << c.pieces;
+        EXPECT_EQ(writevCalls, c.calls) << c.pieces;
+        EXPECT_EQ(p.drain(), expected.substr(0, c.result)) << c.pieces;
     }
 }
 

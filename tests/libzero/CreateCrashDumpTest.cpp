@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -33,6 +32,7 @@ extern "C" __attribute__((noinline)) int crash_dump_test_symbol(int x) { return 
 namespace {
 
 using testsupport::ScratchDir;
+using testsupport::writeFile;
 
 struct Collect : backtrace_writing_handler {
     std::string text;
@@ -45,8 +45,14 @@ struct Collect : backtrace_writing_handler {
     }
 };
 
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
+// What the copy of a file, or of its last bytes, writes into a report.
+std::string inserted(const std::string& path, size_t limit, bool lastBytes = false) {
+    Collect c;
+    EXPECT_EQ(lastBytes ? crash_log_insert_file_last_n_bytes(&c, path.c_str(), limit)
+                        : crash_log_insert_file(&c, path.c_str(), limit),
+              0)
+        << path;
+    return c.text;
 }
 
 // ---------------------------------------------------------------- formatting
@@ -86,30 +92,21 @@ TEST(CrashLogFormat, BuiltInFormatterAgreesWithTheCLibrary) {
 
 TEST(CrashLogInsertFile, LimitCleaningAndTheTruncationMark) {
     ScratchDir dir;
-    const std::string path = dir / "f";
-    writeFile(path,
-              std::string("tab\there\x01\x7f\xc3\xa9\r\nline two\n") + std::string(3000, 'z'));
-    const std::string cleanHead = "tab here?????\nline two\n";
+    const std::string path = dir / "f", z(3000, 'z');
+    writeFile(path, std::string("tab\there\x01\x7f\xc3\xa9\r\nline two\n") + z);
+    const std::string clean = "tab here?????\nline two\n" + z;  // as long as the file
 
     Collect whole;
     ASSERT_EQ(crash_log_insert_file(&whole, path.c_str(), 100000), 0);
-    EXPECT_EQ(whole.text, cleanHead + std::string(3000, 'z'));
+    EXPECT_EQ(whole.text, clean);
     EXPECT_GE(whole.writes, 3u) << "1024-byte reads";
-
-    Collect cut;
-    ASSERT_EQ(crash_log_insert_file(&cut, path.c_str(), 10), 0);
-    EXPECT_EQ(cut.text,
+    // A limit of exactly the file's size leaves nothing out.
+    EXPECT_EQ(inserted(path, clean.size()), clean);
+    EXPECT_EQ(inserted(path, clean.size() - 1),
+              clean.substr(0, clean.size() - 1) + "<truncating output>\n");
+    EXPECT_EQ(inserted(path, 10),
               "tab here?"
               "?<truncating output>\n");
-
-    // A limit of exactly the file's size leaves nothing out.
-    const size_t size = cleanHead.size() + 3000;
-    Collect exact;
-    ASSERT_EQ(crash_log_insert_file(&exact, path.c_str(), size), 0);
-    EXPECT_EQ(exact.text, cleanHead + std::string(3000, 'z'));
-    Collect oneShort;
-    ASSERT_EQ(crash_log_insert_file(&oneShort, path.c_str(), size - 1), 0);
-    EXPECT_EQ(oneShort.text, cleanHead + std::string(2999, 'z') + "<truncating output>\n");
 
     Collect missing;
     errno = 0;
@@ -120,32 +117,23 @@ TEST(CrashLogInsertFile, LimitCleaningAndTheTruncationMark) {
 
 TEST(CrashLogInsertFile, LastBytesSkipThePartialLineAndIndent) {
     ScratchDir dir;
-    const std::string path = dir / "log";
-    std::string content;
-    for (int i = 1; i <= 50; ++i) content += "entry " + std::to_string(i) + "\tok\r\n";
+    const std::string path = dir / "log", head = " Last few lines of the file):\n";
+    std::string content, all = head;
+    for (int i = 1; i <= 50; ++i) {
+        content += "entry " + std::to_string(i) + "\tok\r\n";
+        all += "    entry " + std::to_string(i) + " ok\n";
+    }
     writeFile(path, content);
-
-    Collect all;
-    ASSERT_EQ(crash_log_insert_file_last_n_bytes(&all, path.c_str(), content.size()), 0);
-    std::string expected = " Last few lines of the file):\n";
-    for (int i = 1; i <= 50; ++i) expected += "    entry " + std::to_string(i) + " ok\n";
-    EXPECT_EQ(all.text, expected);
-
+    EXPECT_EQ(inserted(path, content.size(), true), all);
     // Lines are 13 bytes. 38 bytes before the end is inside "entry 48", so
     // the copy starts at 49; 40 bytes before is the newline ending 47.
-    Collect tail;
-    ASSERT_EQ(crash_log_insert_file_last_n_bytes(&tail, path.c_str(), 38), 0);
-    EXPECT_EQ(tail.text, " Last few lines of the file):\n    entry 49 ok\n    entry 50 ok\n");
-    Collect onNewline;
-    ASSERT_EQ(crash_log_insert_file_last_n_bytes(&onNewline, path.c_str(), 40), 0);
-    EXPECT_EQ(onNewline.text,
-              " Last few lines of the file):\n    entry 48 ok\n    entry 49 ok\n    entry 50 ok\n");
+    EXPECT_EQ(inserted(path, 38, true), head + "    entry 49 ok\n    entry 50 ok\n");
+    EXPECT_EQ(inserted(path, 40, true),
+              head + "    entry 48 ok\n    entry 49 ok\n    entry 50 ok\n");
 
     // No final newline: the last line still ends the output with one.
     writeFile(path, "first\nsecond");
-    Collect open;
-    ASSERT_EQ(crash_log_insert_file_last_n_bytes(&open, path.c_str(), 100), 0);
-    EXPECT_EQ(open.text, " Last few lines of the file):\n    first\n    second\n");
+    EXPECT_EQ(inserted(path, 100, true), head + "    first\n    second\n");
 }
 
 TEST(CrashLogWriteHandler, FileSectionsAndBufferDumps) {
@@ -267,32 +255,18 @@ std::string notationLines(const std::string& report) {
     return out;
 }
 
-TEST(CrashLogNotations, NestInnermostLastPerThread) {
+// Which threads see which notations, and in what order, the crash report
+// tests show from a dying process; here, the forms and their ends.
+TEST(CrashLogNotations, NestInnermostLastAndEndWithTheirScope) {
     Thread::registerCrashlogHooks();
     {
         Numbered outer(1);
         ASSERT_TRUE(outer.wasPushed());
-        Numbered inner(2);
         ScopedPerThreadCrashLogConstantStringNotation text("notation constant");
+        ScopedPerThreadCrashLogConstantStrlikeNotation strlike(StrSegment("notation strlike"));
         const std::string here = notationsHere();
-        EXPECT_EQ(notationLines(here), "notation 1;notation 2;notation constant;");
-        EXPECT_NE(here.find("Thread: \"MainThread\""), std::string::npos);
+        EXPECT_EQ(notationLines(here), "notation 1;notation constant;notation strlike;");
         EXPECT_LT(here.find("Thread: \"MainThread\""), here.find("notation 1"));
-
-        // A worker sees only its own, behind its own thread line.
-        std::string there;
-        ThreadFunction worker(
-            [&] {
-                Numbered a(10);
-                ScopedPerThreadCrashLogConstantStrlikeNotation b(StrSegment("notation strlike"));
-                there = notationsHere();
-            },
-            "NotationWorker");
-        worker.go();
-        worker.join();
-        EXPECT_EQ(notationLines(there), "notation 10;notation strlike;");
-        EXPECT_NE(there.find("Thread: \"NotationWorker\""), std::string::npos);
-        EXPECT_EQ(notationLines(notationsHere()), "notation 1;notation 2;notation constant;");
     }
     EXPECT_EQ(notationLines(notationsHere()), "");
 }

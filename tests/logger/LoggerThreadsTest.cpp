@@ -54,17 +54,14 @@ struct Counter : LogObserver {
 
 TEST(LoggerThreads, NoInterleavedOrLostLinesWhileTheLevelChanges) {
     testsupport::ScratchDir dir;
-    testsupport::writeFile(dir / "log.cfg",
-                           "rootCategory=INFO\n"
-                           "category.Busy=INFO, T, U\n"
-                           "appender.T.fileName=" +
-                               (dir / "t.log") +
-                               "\n"
-                               "appender.U.fileName=" +
-                               (dir / "u.log") +
-                               "\n"
-                               "appender.U.layout=PatternLayout\n"
-                               "appender.U.layout.ConversionPattern=%t|%m%n\n");
+    std::string cfg =
+        "rootCategory=INFO\ncategory.Busy=INFO, T, U\nappender.T.fileName=@/t.log\n"
+        "appender.U.fileName=@/u.log\nappender.U.layout=PatternLayout\n"
+        "appender.U.layout.ConversionPattern=%t|%m%n\n";
+    for (size_t at = 0; (at = cfg.find('@', at)) != std::string::npos; at += dir.path().size()) {
+        cfg.replace(at, 1, dir.path());
+    }
+    testsupport::writeFile(dir / "log.cfg", cfg);
     Logger::configuration conf;
     conf.path = dir / "log.cfg";
     ASSERT_TRUE(Logger::initialize(conf));

@@ -213,6 +213,10 @@ TEST(FileStar, ReadAndWrite) {
 
 TEST(FileStar, TemporaryFiles) {
     ScratchDir dir;
+    // The runner's own TMPDIR is put back for the tests after this one.
+    const char* inherited = getenv("TMPDIR");
+    const bool had = inherited != nullptr;
+    const std::string saved = had ? inherited : "";
     Pathname tmp;
     setenv("TMPDIR", "", 1);
     EXPECT_TRUE(FileStar::decideTempDir(tmp));
@@ -245,7 +249,7 @@ TEST(FileStar, TemporaryFiles) {
         return made || f.valid() || !n.empty() ? 1 : errno == EMFILE ? 0 : 2;
     });
     EXPECT_EQ(status, 0);
-    unsetenv("TMPDIR");
+    had ? setenv("TMPDIR", saved.c_str(), 1) : unsetenv("TMPDIR");
 }
 
 }  // namespace

@@ -35,22 +35,16 @@ TEST(LoggerFormat, CallbacksRunAroundTheMessage) {
         void afterFormat(Str& m) override { m.append(" [after]"); }
     } decorate;
     Str s;
-    auto append = [&](const char* fmt, ...) {
+    auto format = [&](bool append, const char* fmt, ...) {
         va_list args;
         va_start(args, fmt);
-        Logger::appendVformat(s, EBADF, &decorate, fmt, args);
+        append ? Logger::appendVformat(s, EBADF, &decorate, fmt, args)
+               : Logger::vformat(s, ENOENT, &decorate, fmt, args);
         va_end(args);
     };
-    append("%d %m", 7);
+    format(true, "%d %m", 7);
     EXPECT_EQ(s, "[before] 7 Bad file descriptor [after]");
-
-    auto replace = [&](const char* fmt, ...) {
-        va_list args;
-        va_start(args, fmt);
-        Logger::vformat(s, ENOENT, &decorate, fmt, args);
-        va_end(args);
-    };
-    replace("%s", "new");
+    format(false, "%s", "new");
     EXPECT_EQ(s, "[before] new [after]") << "this form replaces";
 }
 

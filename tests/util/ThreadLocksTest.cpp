@@ -1,6 +1,5 @@
 #include "util/ThreadLocks.h"
 
-#include <signal.h>
 #include <time.h>
 
 #include <atomic>
@@ -68,73 +67,45 @@ TEST(QueueingMutex, NoUpdateIsLostUnderContention) {
     EXPECT_EQ(crashText(m), "qmutex{unlocked, MutexByte-chain={empty}}");
 }
 
-TEST(QueueingMutex, SleepersAreServedFirstInFirstOut) {
-    QueueingMutex m;
-    Record rec;
-    m.lock();
-    std::vector<std::unique_ptr<Worker>> workers;
-    for (int i = 0; i < 4; ++i) {
-        const std::string name = "waiter" + std::to_string(i);
-        workers.push_back(std::make_unique<Worker>(name.c_str(), [&m, &rec, name] {
-            m.lock();
-            rec.add(name, m.byte().get(std::memory_order_relaxed));
+// Waiters queue one by one, each asleep on the chain before the next
+// arrives. Every hand-off but the last leaves somebody waiting (3), the last
+// sees the lock only held (1). A bounce hands the lock to the waiters, the
+// owner sleeping for it, and brings it back last.
+TEST(QueueingMutex, SleepersAreServedFirstInFirstOutAndABounceComesBackLast) {
+    for (auto [waiters, bounce] : {std::pair{4, false}, {1, true}, {2, true}}) {
+        SCOPED_TRACE(testing::Message() << waiters << " waiters, bounce " << bounce);
+        QueueingMutex m;
+        Record rec;
+        std::vector<std::string> expected;
+        m.lock();
+        {
+            std::vector<std::unique_ptr<Worker>> workers;
+            for (int i = 0; i < waiters; ++i) {
+                expected.push_back("waiter" + std::to_string(i));
+                workers.push_back(std::make_unique<Worker>(expected.back().c_str(), [&m, &rec, i] {
+                    m.lock();
+                    rec.add("waiter" + std::to_string(i), m.byte().get(std::memory_order_relaxed));
+                    m.unlock();
+                }));
+                ASSERT_TRUE(spinUntil([&] { return m.waiterCount() == size_t(i) + 1; }));
+            }
+            EXPECT_EQ(m.byte().get(std::memory_order_relaxed), 3);
+            const std::string text = crashText(m);
+            EXPECT_TRUE(text.starts_with("qmutex{LOCKED+CONTENDED, MutexByte-chain={head=0x"))
+                << text;
+            if (bounce) {
+                m._bounceContended();
+                rec.add("owner", m.byte().get(std::memory_order_relaxed));
+                expected.push_back("owner");
+            }
             m.unlock();
-        }));
-        // Each one asleep on the chain before the next arrives.
-        ASSERT_TRUE(spinUntil([&] { return m.waiterCount() == size_t(i) + 1; }));
-    }
-    EXPECT_EQ(m.byte().get(std::memory_order_relaxed), 3);
-    m.unlock();
-    workers.clear();
-    EXPECT_EQ(rec.order, (std::vector<std::string>{"waiter0", "waiter1", "waiter2", "waiter3"}));
-    // Every hand-off but the last left somebody waiting.
-    EXPECT_EQ(rec.stateSeen, (std::vector<uint8_t>{3, 3, 3, 1}));
-    EXPECT_EQ(m.byte().get(std::memory_order_relaxed), 0);
-}
-
-TEST(QueueingMutex, BounceWithOneWaiterSwapsOwnersAndStaysContended) {
-    QueueingMutex m;
-    Record rec;
-    m.lock();
-    {
-        Worker w("waiter", [&] {
-            m.lock();
-            rec.add("waiter", m.byte().get(std::memory_order_relaxed));
-            m.unlock();
-        });
-        ASSERT_TRUE(spinUntil([&] { return m.waiterCount() == 1; }));
-        m._bounceContended();
-        // Back with the lock, which the waiter had in between.
-        rec.add("owner", m.byte().get(std::memory_order_relaxed));
-        m.unlock();
-    }
-    EXPECT_EQ(rec.order, (std::vector<std::string>{"waiter", "owner"}));
-    // While the waiter held it, the old owner slept for it.
-    EXPECT_EQ(rec.stateSeen, (std::vector<uint8_t>{3, 1}));
-    EXPECT_EQ(m.byte().get(std::memory_order_relaxed), 0);
-}
-
-TEST(QueueingMutex, BounceWithSeveralWaitersQueuesTheOwnerLast) {
-    QueueingMutex m;
-    Record rec;
-    m.lock();
-    {
-        std::vector<std::unique_ptr<Worker>> workers;
-        for (const char* name : {"first", "second"}) {
-            const size_t before = m.waiterCount();
-            workers.push_back(std::make_unique<Worker>(name, [&m, &rec, name] {
-                m.lock();
-                rec.add(name, m.byte().get(std::memory_order_relaxed));
-                m.unlock();
-            }));
-            ASSERT_TRUE(spinUntil([&] { return m.waiterCount() == before + 1; }));
         }
-        m._bounceContended();
-        rec.add("owner", m.byte().get(std::memory_order_relaxed));
-        m.unlock();
+        EXPECT_EQ(rec.order, expected);
+        std::vector<uint8_t> states(expected.size(), 3);
+        states.back() = 1;
+        EXPECT_EQ(rec.stateSeen, states);
+        EXPECT_EQ(m.byte().get(std::memory_order_relaxed), 0);
     }
-    EXPECT_EQ(rec.order, (std::vector<std::string>{"first", "second", "owner"}));
-    EXPECT_EQ(rec.stateSeen, (std::vector<uint8_t>{3, 3, 1}));
 }
 
 // ---------------------------------------------------------------- MutexByte
@@ -186,20 +157,6 @@ TEST(MutexByte, AHandOffKeepsContendedWhenAnotherWaiterStandsBehindOtherBytes) {
     chain.destruct();
 }
 
-TEST(MutexByteDeathTest, UnlockingAsIfContendedWhenNotIsAFatalThreadError) {
-    EXPECT_EXIT(
-        {
-            MutexByte b;
-            MutexByte::waiting_list chain;
-            chain.construct();
-            ASSERT_TRUE(b.tryLock());
-            b.unlockWithSleepers(&chain);
-        },
-        testing::KilledBySignal(SIGABRT),
-        "Fatal thread error: MutexByte::assertIsLockedAndHasSleepersFailed\\(\\): Success; 1 "
-        "threads active, in MainThread");
-}
-
 TEST(MutexByteCrashLog, StatesChainsAndWaiters) {
     MutexByte b;
     EXPECT_EQ(crashText(b), "unlocked");
@@ -234,19 +191,6 @@ TEST(MutexByteCrashLog, StatesChainsAndWaiters) {
     chain.destruct();
 }
 
-TEST(MutexByteCrashLog, AContendedByteSaysSo) {
-    QueueingMutex m;
-    m.lock();
-    Worker w("waiter", [&] {
-        m.lock();
-        m.unlock();
-    });
-    ASSERT_TRUE(spinUntil([&] { return m.waiterCount() == 1; }));
-    const std::string text = crashText(m);
-    EXPECT_EQ(text.rfind("qmutex{LOCKED+CONTENDED, MutexByte-chain={head=0x", 0), 0u) << text;
-    m.unlock();
-}
-
 // ---------------------------------------------------------------- pthread wrappers
 
 TEST(PthreadMutexImpl, TryLockOnAHeldMutexIsFalseFromAnyThread) {
@@ -274,10 +218,7 @@ TEST(PthreadMutexImpl, CrashLogShowsTheFortyBytes) {
 }
 
 TEST(ConditionWaitTimeout, PrintsAsShortAsIsExact) {
-    struct Case {
-        ConditionWaitTimeout t;
-        const char* text;
-    } cases[] = {
+    const std::pair<ConditionWaitTimeout, const char*> cases[] = {
         {{1, 0}, "1"},
         {{1, 5000000}, "1.005"},
         {{1, 5000}, "1.000005"},
@@ -286,11 +227,11 @@ TEST(ConditionWaitTimeout, PrintsAsShortAsIsExact) {
         {{7, -3}, "7"},
         {{-2, 250000000}, "-2.250"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [timeout, expected] : cases) {
         Str s;
-        append_stringified(&s, c.t);
-        EXPECT_EQ(s, c.text);
-        EXPECT_EQ(crashText(c.t), c.text);
+        append_stringified(&s, timeout);
+        EXPECT_EQ(s, expected);
+        EXPECT_EQ(crashText(timeout), expected);
     }
 }
 

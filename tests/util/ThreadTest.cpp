@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -24,10 +26,31 @@ using testsupport::crashText;
 // Polls the state of the threads, for at most 30 seconds.
 bool spinUntil(const std::function<bool()>& pred) { return testsupport::waitUntil(pred, 30); }
 
+// A thread that runs until the end of the scope, started and known to the
+// kernel by the end of construction.
+class Held {
+public:
+    template <class... A>
+    explicit Held(const char* name, A... args)
+        : _t([this] { spinUntil([this] { return !_hold.load(); }); }, name, args...) {
+        _t.go();
+        spinUntil([this] { return _t.kernelId() != 0; });
+    }
+    ~Held() {
+        _hold = false;
+        _t.join();
+    }
+    ThreadFunction& operator*() { return _t; }
+    ThreadFunction* operator->() { return &_t; }
+
+private:
+    std::atomic<bool> _hold{true};
+    ThreadFunction _t;
+};
+
 class Flagging : public Thread {
 public:
-    explicit Flagging(std::atomic<bool>& ran, const char* name = "flagging")
-        : Thread("%s", name), _ran(ran) {}
+    explicit Flagging(std::atomic<bool>& ran) : Thread("flagging"), _ran(ran) {}
     void main() override { _ran = true; }
 
 private:
@@ -38,11 +61,9 @@ std::set<std::string> kernelNames() {
     std::set<std::string> names;
     DIR* dir = opendir("/proc/self/task");
     while (struct dirent* e = readdir(dir)) {
-        if (e->d_name[0] == '.') continue;
         std::ifstream in(std::string("/proc/self/task/") + e->d_name + "/comm");
         std::string name;
-        std::getline(in, name);
-        names.insert(name);
+        if (e->d_name[0] != '.' && std::getline(in, name)) names.insert(name);
     }
     closedir(dir);
     return names;
@@ -51,23 +72,17 @@ std::set<std::string> kernelNames() {
 // ---------------------------------------------------------------- life cycle
 
 TEST(Thread, NamesLoseTheirBlanksAndTheKernelKeepsFifteenBytes) {
-    std::atomic<bool> hold{true};
-    ThreadFunction t([&] { spinUntil([&] { return !hold.load(); }); }, "my thread %d", 1);
-    EXPECT_EQ(t.name(), "mythread1");
-    ThreadFunction longName([&] { spinUntil([&] { return !hold.load(); }); }, "Tcp Channel Thread");
-    EXPECT_EQ(longName.name(), "TcpChannelThread");
-    t.go();
-    longName.go();
-    // Each thread names itself once it runs; wait for both.
+    Held t("my thread %d", 1), longName("Tcp Channel Thread");
+    EXPECT_EQ(t->name(), "mythread1");
+    EXPECT_EQ(longName->name(), "TcpChannelThread");
+    // Each thread names itself once it runs.
     ASSERT_TRUE(spinUntil([&] {
         const auto names = kernelNames();
-        return names.count("TcpChannelThrea") == 1 && names.count("mythread1") == 1 &&
-               t.kernelId() != 0 && longName.kernelId() != 0;
+        return names.count("TcpChannelThrea") == 1 && names.count("mythread1") == 1;
     }));
-    EXPECT_NE(t.kernelId(), longName.kernelId());
-    hold = false;
-    t.join();
-    longName.join();
+    EXPECT_NE(t->kernelId(), 0);
+    EXPECT_NE(longName->kernelId(), 0);
+    EXPECT_NE(t->kernelId(), longName->kernelId());
 }
 
 TEST(Thread, AnUnstartedThreadIsJoinedQuietlyAndNeverRuns) {
@@ -80,16 +95,11 @@ TEST(Thread, AnUnstartedThreadIsJoinedQuietlyAndNeverRuns) {
     }
     EXPECT_FALSE(ran.load());
     ASSERT_TRUE(spinUntil([&] { return Thread::approximateThreadCount() == before; }));
-    {
-        Flagging t(ran);
-        t.joinEvenIfUnstarted();
-    }
+    Flagging(ran).joinEvenIfUnstarted();
     EXPECT_FALSE(ran.load());
-    {
-        Flagging t(ran);
-        t.go();
-        t.joinEvenIfUnstarted();
-    }
+    Flagging started(ran);
+    started.go();
+    started.joinEvenIfUnstarted();
     EXPECT_TRUE(ran.load());
 }
 
@@ -117,25 +127,12 @@ TEST(Thread, TheCurrentThreadKnowsItself) {
     EXPECT_FALSE(isMain);
 
     // A thread the library didn't make.
-    std::string foreignName;
-    bool foreignCurrent = true;
-    pthread_t p;
-    struct Out {
-        std::string* name;
-        bool* current;
-    } out{&foreignName, &foreignCurrent};
-    pthread_create(
-        &p, nullptr,
-        [](void* arg) -> void* {
-            Out* o = static_cast<Out*>(arg);
-            *o->name = Thread::currentName();
-            *o->current = Thread::current() != nullptr;
-            return nullptr;
-        },
-        &out);
-    pthread_join(p, nullptr);
-    EXPECT_EQ(foreignName, "Unknown Thread");
-    EXPECT_FALSE(foreignCurrent);
+    std::thread([&] {
+        name = Thread::currentName();
+        seen = Thread::current();
+    }).join();
+    EXPECT_EQ(name, "Unknown Thread");
+    EXPECT_EQ(seen, nullptr);
 }
 
 TEST(Thread, TerminateExceptionEndsTheThreadQuietly) {
@@ -161,7 +158,7 @@ TEST(ThreadDeathTest, AnyOtherExceptionFromMainEndsTheProcess) {
         "terminate called after throwing an instance of 'std::runtime_error'");
 }
 
-TEST(ThreadDeathTest, JoinRulesAreAssertions) {
+TEST(ThreadDeathTest, MisuseIsAnAssertion) {
     EXPECT_DEATH(
         {
             ThreadFunction t([] {}, "twice");
@@ -186,46 +183,30 @@ TEST(ThreadDeathTest, JoinRulesAreAssertions) {
             t.go();
         },
         "Assertion `!_ready_to_run.load\\(\\)' failed");
-    EXPECT_DEATH(
-        {
-            ThreadFunction t([] {}, "never started");
-            t.join();
-        },
-        "Assertion `_ready_to_run.load\\(\\)' failed");
-}
-
-TEST(ThreadDeathTest, TheEmptyMainThreadHasNoBody) {
-    EXPECT_DEATH(
-        {
-            // Only reachable by calling it: the class exists to be built.
-            Thread::current()->main();
-        },
-        "Assertion `0' failed");
+    EXPECT_DEATH(ThreadFunction([] {}, "never started").join(),
+                 "Assertion `_ready_to_run.load\\(\\)' failed");
+    // Only reachable by calling it: the empty main thread exists to be built.
+    EXPECT_DEATH(Thread::current()->main(), "Assertion `0' failed");
 }
 
 // ---------------------------------------------------------------- the list
 
-struct Collect : iterate_running_threads_callback {
-    std::set<const Thread*> seen;
-    void thread(Thread* t) override { seen.insert(t); }
-};
-
 TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
+    struct Collect : iterate_running_threads_callback {
+        std::set<const Thread*> seen;
+        void thread(Thread* t) override { seen.insert(t); }
+    } c, after;
     std::atomic<bool> hold{true};
     std::atomic<int> running{0};
     auto body = [&] {
         running.fetch_add(1);
         spinUntil([&] { return !hold.load(); });
     };
-    ThreadFunction listed(body, "listed");
-    ThreadFunction hidden(body, "hidden");
-    ThreadFunction unstarted(body, "unstarted");
+    ThreadFunction listed(body, "listed"), hidden(body, "hidden"), unstarted(body, "unstarted");
     hidden.excludeFromGlobalThreadList();
     listed.go();
     hidden.go();
     ASSERT_TRUE(spinUntil([&] { return running.load() == 2; }));
-
-    Collect c;
     Thread::iterateEachRunning(c);
     EXPECT_EQ(c.seen.count(&listed), 1u);
     EXPECT_EQ(c.seen.count(&hidden), 0u);
@@ -237,31 +218,25 @@ TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
     listed.join();
     hidden.join();
     unstarted.joinEvenIfUnstarted();
-    Collect after;
     Thread::iterateEachRunning(after);
     EXPECT_EQ(after.seen.count(&listed), 0u);
 }
 
 TEST(ThreadTokenSet, LookupsAfterInsertsSortAndErasesCloseGaps) {
+    auto token = [](uintptr_t v) { return ThreadToken(pthread_t(v)); };
     ThreadTokenSet set;
-    std::vector<ThreadToken> tokens;
-    for (uintptr_t v : {50u, 10u, 40u, 20u, 30u}) tokens.push_back(ThreadToken(pthread_t(v)));
-    for (ThreadToken t : tokens) set.insert(t);
-    for (ThreadToken t : tokens) EXPECT_TRUE(set.contains(t));
-    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(25))));
-    set.erase(ThreadToken(pthread_t(20)));
-    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(20))));
-    set.insert(ThreadToken(pthread_t(5)));  // after a sort, unsorted again
-    EXPECT_TRUE(set.contains(ThreadToken(pthread_t(5))));
-    EXPECT_TRUE(set.contains(ThreadToken(pthread_t(50))));
+    for (uintptr_t v : {50u, 10u, 40u, 20u, 30u}) set.insert(token(v));
+    for (uintptr_t v : {50u, 10u, 40u, 20u, 30u}) EXPECT_TRUE(set.contains(token(v))) << v;
+    EXPECT_FALSE(set.contains(token(25)));
+    set.erase(token(20));
+    EXPECT_FALSE(set.contains(token(20)));
+    set.insert(token(5));  // after a sort, unsorted again
+    EXPECT_TRUE(set.contains(token(5)));
+    EXPECT_TRUE(set.contains(token(50)));
     EXPECT_EQ(set.size(), 5u);
-
-    Str out;
-    CrashLogWriteHandlerAppendToStr h(&out);
-    set.renderCrashLogInfoTo(h);
-    EXPECT_EQ(out, "{0x5,0xa,0x1e,0x28,0x32}");
+    EXPECT_EQ(crashText(set), "{0x5,0xa,0x1e,0x28,0x32}");
     set.clear();
-    EXPECT_FALSE(set.contains(ThreadToken(pthread_t(5))));
+    EXPECT_FALSE(set.contains(token(5)));
 }
 
 TEST(Thread, SchedulingPoliciesByName) {
@@ -300,6 +275,10 @@ TEST(Thread, RefusedSchedulingStillStarts) {
     };
     for (const Case& c : cases) {
         auto body = [&c] {
+            // An unprivileged user may have real-time priorities up to
+            // RLIMIT_RTPRIO, which some hosts raise: none here.
+            const struct rlimit none = {0, 0};
+            if (setrlimit(RLIMIT_RTPRIO, &none) != 0) return 4;
             std::atomic<bool> ran{false};
             int policy = -1;
             struct Scheduled : Thread {
@@ -326,6 +305,7 @@ TEST(Thread, RefusedSchedulingStillStarts) {
     }
 }
 
+// The main thread's description the crash report tests read.
 TEST(Thread, CrashLogDescribesTheThread) {
     // The thread describes itself: its scratch is its own stack.
     std::string running;
@@ -344,13 +324,9 @@ TEST(Thread, CrashLogDescribesTheThread) {
         << running;
     // Joined: the scratch is gone with the thread's stack.
     const std::string after = crashText(t);
-    EXPECT_EQ(after.rfind("Thread: \"described\", did_join=1, ready_to_run, token=0x", 0), 0u)
+    EXPECT_TRUE(after.starts_with("Thread: \"described\", did_join=1, ready_to_run, token=0x"))
         << after;
     EXPECT_EQ(after.find("MutexByte"), std::string::npos) << after;
-    const std::string main = crashText(*Thread::current());
-    EXPECT_EQ(
-        main.rfind("Thread: \"MainThread\", did_join=1, ready_to_run, main_thread, token=", 0), 0u)
-        << main;
 }
 
 // ---------------------------------------------------------------- signal context
@@ -378,70 +354,47 @@ public:
 };
 
 TEST(Thread, CodeRunsInsideTheTargetsSignalHandler) {
-    std::atomic<bool> hold{true};
-    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
-    target.go();
-    ASSERT_TRUE(spinUntil([&] { return target.kernelId() != 0; }));
-
+    Held target("target");
     Probe probe;
-    ASSERT_TRUE(target.runInUnixSignalContext(&probe));
+    ASSERT_TRUE(target->runInUnixSignalContext(&probe));
     EXPECT_TRUE(probe.prepared.load());
-    EXPECT_EQ(probe.ranOn.load(), target.kernelId());
+    EXPECT_EQ(probe.ranOn.load(), target->kernelId());
     EXPECT_TRUE(probe.overlapped.load());
 
     // A refusal in prepare() sends nothing, and the slot is free after it.
     Probe refused;
     refused.refuse = true;
-    EXPECT_FALSE(target.runInUnixSignalContext(&refused));
+    EXPECT_FALSE(target->runInUnixSignalContext(&refused));
     EXPECT_EQ(refused.ranOn.load(), 0);
     Probe again;
-    EXPECT_TRUE(target.runInUnixSignalContext(&again));
-    EXPECT_EQ(again.ranOn.load(), target.kernelId());
-
-    hold = false;
-    target.join();
+    EXPECT_TRUE(target->runInUnixSignalContext(&again));
+    EXPECT_EQ(again.ranOn.load(), target->kernelId());
 }
 
 TEST(Thread, RequestsFromSeveralThreadsRunOneAtATime) {
-    std::atomic<bool> hold{true};
-    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
-    target.go();
-    ASSERT_TRUE(spinUntil([&] { return target.kernelId() != 0; }));
+    Held target("target");
     std::atomic<int> done{0};
-    {
-        std::vector<std::unique_ptr<ThreadFunction>> requesters;
-        for (int i = 0; i < 3; ++i) {
-            requesters.push_back(std::make_unique<ThreadFunction>(
-                [&] {
-                    for (int k = 0; k < 20; ++k) {
-                        Probe p;
-                        if (target.runInUnixSignalContext(&p) &&
-                            p.ranOn.load() == target.kernelId())
-                            done.fetch_add(1);
-                    }
-                },
-                "requester%d", i));
-            requesters.back()->go();
+    auto request = [&] {
+        for (int k = 0; k < 20; ++k) {
+            Probe p;
+            if (target->runInUnixSignalContext(&p) && p.ranOn.load() == target->kernelId()) {
+                done.fetch_add(1);
+            }
         }
-        for (auto& r : requesters) r->join();
-    }
+    };
+    ThreadFunction r0(request, "requester0"), r1(request, "requester1"), r2(request, "requester2");
+    for (Thread* r : {&r0, &r1, &r2}) r->go();
+    for (Thread* r : {&r0, &r1, &r2}) r->join();
     EXPECT_EQ(done.load(), 60);
-    hold = false;
-    target.join();
 }
 
 TEST(Thread, ASigusr1FromAnotherProcessIsIgnored) {
-    std::atomic<bool> hold{true};
-    ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "target");
-    target.go();
+    Held target("target");
     const pid_t self = getpid();
-    const int status = testsupport::inChild([self] { return kill(self, SIGUSR1) == 0 ? 0 : 1; });
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(testsupport::inChild([self] { return kill(self, SIGUSR1) == 0 ? 0 : 1; }), 0);
     // Still alive, and the channel still works.
     Probe p;
-    EXPECT_TRUE(target.runInUnixSignalContext(&p));
-    hold = false;
-    target.join();
+    EXPECT_TRUE(target->runInUnixSignalContext(&p));
 }
 
 // A child of fork() is one thread with the parent's memory: after
@@ -452,15 +405,11 @@ TEST(Thread, AForkedChildStartsOverAsTheMainThread) {
         Thread::reinitializeAfterFork();
         if (Thread::currentId() != static_cast<pid_t>(syscall(SYS_gettid))) return 2;
         if (!Thread::currentIsMainThread()) return 3;
-        std::atomic<bool> hold{true};
-        ThreadFunction target([&] { spinUntil([&] { return !hold.load(); }); }, "child-target");
-        target.go();
-        if (!spinUntil([&] { return target.kernelId() != 0; })) return 4;
+        Held target("child-target");
+        if (target->kernelId() == 0) return 4;
         Probe p;
-        const bool ran = target.runInUnixSignalContext(&p);
-        hold = false;
-        target.join();
-        return ran && p.ranOn.load() == target.kernelId() ? 0 : 5;
+        const bool ran = target->runInUnixSignalContext(&p);
+        return ran && p.ranOn.load() == target->kernelId() ? 0 : 5;
     });
     EXPECT_EQ(status, 0);
 }
@@ -468,21 +417,23 @@ TEST(Thread, AForkedChildStartsOverAsTheMainThread) {
 // ---------------------------------------------------------------- duty cycle
 
 TEST(DutyCycleEstimate, OldHistoryFadesLinearly) {
-    const uint64_t span = 1000000000;  // 1 s
-    DutyCycleEstimate d{MonotonicTime::Ticks(span)};
-    const MonotonicTime t0(1000, 0);
-    d.setRunning(true, t0);
-    EXPECT_DOUBLE_EQ(d.ratio(t0), 0.0);
-    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span / 4)), 0.25);
-    d.setRunning(false, t0 + MonotonicTime::Ticks(span / 2));
+    // In quarters of the one-second span, from t0.
+    auto at = [](uint64_t quarters) {
+        return MonotonicTime(1000, 0) + MonotonicTime::Ticks(quarters * 250000000);
+    };
+    DutyCycleEstimate d{MonotonicTime::Ticks(1000000000)};
+    d.setRunning(true, at(0));
+    EXPECT_DOUBLE_EQ(d.ratio(at(0)), 0.0);
+    EXPECT_DOUBLE_EQ(d.ratio(at(1)), 0.25);
+    d.setRunning(false, at(2));
     // Right after a transition to idle: the ratio stored.
-    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span / 2)), 0.5);
-    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(span)), 0.25);
-    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(3 * span)), 0.0);
-    d.setRunning(true, t0 + MonotonicTime::Ticks(3 * span));
-    EXPECT_DOUBLE_EQ(d.ratio(t0 + MonotonicTime::Ticks(5 * span)), 1.0);
+    EXPECT_DOUBLE_EQ(d.ratio(at(2)), 0.5);
+    EXPECT_DOUBLE_EQ(d.ratio(at(4)), 0.25);
+    EXPECT_DOUBLE_EQ(d.ratio(at(12)), 0.0);
+    d.setRunning(true, at(12));
+    EXPECT_DOUBLE_EQ(d.ratio(at(20)), 1.0);
     // A clock read from before the last transition counts as no time.
-    EXPECT_DOUBLE_EQ(d.ratio(t0), 0.0);
+    EXPECT_DOUBLE_EQ(d.ratio(at(0)), 0.0);
 }
 
 TEST(DutyCycleEstimate, AThreadsEstimateIsClaimedOnceAndReadFromOutside) {

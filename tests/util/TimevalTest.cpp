@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <sstream>
+#include <tuple>
 
 #include "support/TestSupport.h"
 #include "util/CrashLog.h"
@@ -16,18 +17,6 @@ namespace {
 
 constexpr int64_t kMax = INT64_MAX;
 constexpr int64_t kMin = INT64_MIN;
-
-std::string str(const Timeval& t) {
-    Str s;
-    append_stringified(&s, t);
-    return s;
-}
-
-std::string unixTime(const Timeval& t, unsigned digits) {
-    Str s;
-    t._printAsUnixTime(&s, digits);
-    return s;
-}
 
 using testsupport::crashText;
 
@@ -38,8 +27,15 @@ std::string text(const T& v) {
     return s;
 }
 
+std::string unixTime(const Timeval& t, unsigned digits) {
+    Str s;
+    t._printAsUnixTime(&s, digits);
+    return s;
+}
+
 Timeval tv(int64_t s, long us) { return Timeval(s, us); }
 MonotonicTime mt(int64_t s, long ns) { return MonotonicTime(s, ns); }
+MonotonicTime::Ticks ticks(uint64_t ns) { return MonotonicTime::Ticks(ns); }
 
 // ---------------------------------------------------------------- saturation
 
@@ -77,69 +73,54 @@ TEST(TimevalSaturation, AddingPastTheEndsStopsThere) {
         {tv(0, 0), [](Timeval& t) { t.subtractUsec(1); }, tv(-1, 999999)},
         {tv(0, 500), [](Timeval& t) { t -= Interval(1); }, tv(-1, 999500)},
     };
-    int i = 0;
-    for (auto& c : cases) {
-        Timeval t = c.start;
-        c.op(t);
-        EXPECT_EQ(t, c.expected) << "case " << i << ": got " << str(t);
-        ++i;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        Timeval t = cases[i].start;
+        cases[i].op(t);
+        EXPECT_EQ(t, cases[i].expected) << "case " << i << ": got " << text(t);
     }
 }
 
 TEST(TimevalSaturation, MonotonicSaturatesExceptAddSec) {
-    MonotonicTime t = MonotonicTime::max();
-    t += Interval(1);
-    EXPECT_TRUE(t.isMax());
-    t += MonotonicTime::Ticks(1);
-    EXPECT_TRUE(t.isMax());
-    t = mt(kMax, 999999998);
-    t += MonotonicTime::Ticks(1);
-    EXPECT_TRUE(t.isMax());
-    t = mt(kMax - 1, 999999999);
-    t += MonotonicTime::Ticks(1);
-    EXPECT_EQ(t, mt(kMax, 0));
-    t = mt(0, 0);
-    t += MonotonicTime::Ticks(~0ull);
-    EXPECT_EQ(t, mt(18446744073, 709551615));
-
-    t = MonotonicTime::min();
-    t -= Interval(1);
-    EXPECT_TRUE(t.isMin());
-    t -= MonotonicTime::Ticks(1);
-    EXPECT_TRUE(t.isMin());
-    t.subtractSec(1);
-    EXPECT_TRUE(t.isMin());
-    t = mt(kMin, 1);
-    t -= MonotonicTime::Ticks(2);
-    EXPECT_TRUE(t.isMin());
-    t = mt(0, 0);
-    t -= Interval(1500);
-    EXPECT_EQ(t, mt(-2, 500000000));
-
-    // addSec alone wraps: it is plain unsigned addition of the seconds.
-    t = mt(kMax, 5);
-    t.addSec(1);
-    EXPECT_EQ(t, mt(kMin, 5));
+    MonotonicTime wrapped = mt(kMax, 5);
+    wrapped.addSec(1);  // addSec alone wraps: plain unsigned addition of the seconds
+    MonotonicTime floor = MonotonicTime::min();
+    floor.subtractSec(1);
+    const std::pair<MonotonicTime, MonotonicTime> cases[] = {
+        {MonotonicTime::max() + Interval(1), MonotonicTime::max()},
+        {MonotonicTime::max() + ticks(1), MonotonicTime::max()},
+        {mt(kMax, 999999998) + ticks(1), MonotonicTime::max()},
+        {mt(kMax - 1, 999999999) + ticks(1), mt(kMax, 0)},
+        {mt(0, 0) + ticks(~0ull), mt(18446744073, 709551615)},
+        {MonotonicTime::min() - Interval(1), MonotonicTime::min()},
+        {MonotonicTime::min() - ticks(1), MonotonicTime::min()},
+        {floor, MonotonicTime::min()},
+        {mt(kMin, 1) - ticks(2), MonotonicTime::min()},
+        {mt(0, 0) - Interval(1500), mt(-2, 500000000)},
+        {wrapped, mt(kMin, 5)},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i << ": " << text(cases[i].first);
+    }
 }
 
 // ---------------------------------------------------------------- differences
 
 TEST(TimevalDifference, TimevalRoundsUpMonotonicRoundsDown) {
-    EXPECT_EQ((tv(10, 1) - tv(10, 0)).ms(), 1u);
-    EXPECT_EQ((mt(10, 1) - mt(10, 0)).ms(), 0u);
-    EXPECT_EQ((tv(11, 0) - tv(10, 999999)).ms(), 1u);
-    EXPECT_EQ((mt(11, 0) - mt(10, 999999999)).ms(), 0u);
-    EXPECT_EQ((tv(12, 1000) - tv(10, 2000)).ms(), 1999u);
-    EXPECT_EQ((mt(12, 1000000) - mt(10, 2000000)).ms(), 1999u);
-    EXPECT_EQ((tv(12, 1001) - tv(10, 2000)).ms(), 2000u);
-    EXPECT_EQ((mt(12, 1999999) - mt(10, 1000000)).ms(), 2000u);
     // Before is nothing, not a wrapped giant.
-    EXPECT_EQ((tv(10, 0) - tv(10, 1)).ms(), 0u);
-    EXPECT_EQ((mt(-5, 0) - mt(5, 0)).ms(), 0u);
+    const std::tuple<Interval, uint64_t> cases[] = {
+        {tv(10, 1) - tv(10, 0), 1},          {mt(10, 1) - mt(10, 0), 0},
+        {tv(11, 0) - tv(10, 999999), 1},     {mt(11, 0) - mt(10, 999999999), 0},
+        {tv(12, 1000) - tv(10, 2000), 1999}, {mt(12, 1000000) - mt(10, 2000000), 1999},
+        {tv(12, 1001) - tv(10, 2000), 2000}, {mt(12, 1999999) - mt(10, 1000000), 2000},
+        {tv(10, 0) - tv(10, 1), 0},          {mt(-5, 0) - mt(5, 0), 0},
+        {tv(-1, 0) - tv(-2, 500000), 500},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        EXPECT_EQ(std::get<0>(cases[i]).ms(), std::get<1>(cases[i])) << "case " << i;
+    }
     // The whole range is more milliseconds than 64 bits hold.
     EXPECT_TRUE((Timeval::max() - Timeval::min()).isUnbounded());
     EXPECT_TRUE((MonotonicTime::max() - MonotonicTime::min()).isUnbounded());
-    EXPECT_EQ((tv(-1, 0) - tv(-2, 500000)).ms(), 500u);
 }
 
 TEST(TimevalDifference, MicrosecondsAndDoublesAreSymmetric) {
@@ -162,69 +143,59 @@ TEST(TimevalDifference, MicrosecondsAndDoublesAreSymmetric) {
 // ---------------------------------------------------------------- Interval
 
 TEST(IntervalText, ParsesAtItsCutoffs) {
-    struct Case {
-        const char* text;
-        bool ok;
-        uint64_t ms;
-    } cases[] = {
-        {"0", true, 0},
-        {"1", true, 1000},
-        {"1.", true, 1000},
-        {"0.00001", true, 1},  // rounds to nothing, but is not nothing
-        {"0.0004", true, 1},
-        {"0.0005", true, 1},
-        {"0.0000", true, 0},
-        {"1.0004", true, 1000},  // the nonzero rule is only for a zero whole part
-        {"1.0005", true, 1001},
-        {"1.9995", true, 2000},
-        {"1.99949999", true, 1999},
-        {"0.123456789", true, 123},
-        {"18446744073709551", true, 18446744073709551000u},
-        {"18446744073709551.615", true, ~0ull},
-        {"18446744073709551.6149", true, ~0ull - 1 + 1},  // 615 after rounding
-        {"18446744073709551.6144", true, 18446744073709551614u},
-        {"18446744073709551.9995", true, ~0ull},  // overflow adding the fraction
-        {"18446744073709552", true, ~0ull},
-        {"99999999999999999999999", true, ~0ull},
-        {"", false, 0},
-        {".", false, 0},
-        {".5", false, 0},
-        {"1.2.3", false, 0},
-        {"-1", false, 0},
-        {"+1", false, 0},
-        {" 1", false, 0},
-        {"1.5x", false, 0},
-        {"1.00000000000x", false, 0},
+    // "0.00001" rounds to nothing, but is not nothing; that rule is only for
+    // a zero whole part. ".6149" is 615 after rounding; ".9995" overflows
+    // adding the fraction.
+    const std::pair<const char*, uint64_t> small[] = {
+        {"0", 0},         {"1", 1000},      {"1.", 1000},         {"0.00001", 1},
+        {"0.0004", 1},    {"0.0005", 1},    {"0.0000", 0},        {"1.0004", 1000},
+        {"1.0005", 1001}, {"1.9995", 2000}, {"1.99949999", 1999}, {"0.123456789", 123},
     };
-    for (auto& c : cases) {
+    const std::pair<const char*, uint64_t> large[] = {
+        {"18446744073709551", 18446744073709551000u},
+        {"18446744073709551.6144", 18446744073709551614u},
+        {"18446744073709551.615", ~0ull},
+        {"18446744073709551.6149", ~0ull},
+        {"18446744073709551.9995", ~0ull},
+        {"18446744073709552", ~0ull},
+        {"99999999999999999999999", ~0ull},
+    };
+    auto parses = [](const char* in, uint64_t ms) {
         Interval v(777);
-        bool ok = mem_parse_into(c.text, strlen(c.text), &v);
-        EXPECT_EQ(ok, c.ok) << c.text;
-        EXPECT_EQ(v.ms(), c.ok ? c.ms : 777) << c.text;
+        EXPECT_TRUE(mem_parse_into(in, strlen(in), &v)) << in;
+        EXPECT_EQ(v.ms(), ms) << in;
+    };
+    for (auto [in, ms] : small) parses(in, ms);
+    for (auto [in, ms] : large) parses(in, ms);
+    for (const char* bad : {"", ".", ".5", "1.2.3", "-1", "+1", " 1", "1.5x", "1.00000000000x"}) {
+        Interval v(777);
+        EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &v)) << bad;
+        EXPECT_EQ(v.ms(), 777u) << bad;
     }
 }
 
-TEST(IntervalText, PrintsSecondsAndMilliseconds) {
+TEST(IntervalText, PrintsAndRoundsUpNearTheTop) {
     EXPECT_EQ(text(Interval(0)), "0.000");
     EXPECT_EQ(text(Interval(1)), "0.001");
     EXPECT_EQ(text(Interval(123456)), "123.456");
     EXPECT_EQ(text(Interval::unbounded()), "18446744073709551.615");
     EXPECT_EQ(crashText(Interval(5050)), "5.050");
-    EXPECT_EQ(text(MonotonicTime::Ticks(1000000001)), "1.000000001");
-    EXPECT_EQ(crashText(MonotonicTime::Ticks(5)), "0.000000005");
+    EXPECT_EQ(text(ticks(1000000001)), "1.000000001");
+    EXPECT_EQ(crashText(ticks(5)), "0.000000005");
     EXPECT_EQ(text(mt(-3, 5)), "-3.000000005");
     EXPECT_EQ(crashText(mt(7, 120)), "7.000000120");
-}
 
-TEST(IntervalText, SecondsRoundedUpNearTheTop) {
-    EXPECT_EQ(Interval(0).secondsRoundedUp(), 0u);
-    EXPECT_EQ(Interval(1).secondsRoundedUp(), 1u);
-    EXPECT_EQ(Interval(1000).secondsRoundedUp(), 1u);
-    EXPECT_EQ(Interval(1001).secondsRoundedUp(), 2u);
-    EXPECT_EQ(Interval(18446744073709550616u).secondsRoundedUp(), 18446744073709551u);
-    EXPECT_EQ(Interval(18446744073709550617u).secondsRoundedUp(), 18446744073709552u);
-    EXPECT_EQ(Interval(~0ull - 1).secondsRoundedUp(), 18446744073709552u);
-    EXPECT_EQ(Interval::unbounded().secondsRoundedUp(), ~0ull);
+    const std::pair<uint64_t, uint64_t> rounded[] = {
+        {0, 0},
+        {1, 1},
+        {1000, 1},
+        {1001, 2},
+        {18446744073709550616u, 18446744073709551u},
+        {18446744073709550617u, 18446744073709552u},
+        {~0ull - 1, 18446744073709552u},
+        {~0ull, ~0ull},  // unbounded
+    };
+    for (auto [ms, s] : rounded) EXPECT_EQ(Interval(ms).secondsRoundedUp(), s) << ms;
 }
 
 // ---------------------------------------------------------------- Timeval text
@@ -252,7 +223,7 @@ TEST(TimevalText, ParseAndPrintAgree) {
         Timeval t(42, 42);
         ASSERT_TRUE(mem_parse_into(c.in, strlen(c.in), &t)) << c.in;
         EXPECT_EQ(t, tv(c.sec, c.usec)) << c.in;
-        EXPECT_EQ(str(t), c.out) << c.in;
+        EXPECT_EQ(text(t), c.out) << c.in;
     }
     for (const char* bad :
          {"", "-", "9223372036854775808", "-9223372036854775808.5", "-9223372036854775809",
@@ -266,16 +237,14 @@ TEST(TimevalText, ParseAndPrintAgree) {
     EXPECT_EQ(t, tv(12, 250000));
 }
 
-TEST(TimevalText, DigitsOfTheFraction) {
+TEST(TimevalText, DigitsOfTheFractionAndTheCrashLogForm) {
     EXPECT_EQ(unixTime(tv(3, 456789), 0), "3");
     EXPECT_EQ(unixTime(tv(3, 456789), 2), "3.45");
     EXPECT_EQ(unixTime(tv(3, 456789), 9), "3.456789000");
     EXPECT_EQ(unixTime(tv(-4, 250000), 0), "-3");
     EXPECT_EQ(unixTime(tv(-4, 250000), 3), "-3.750");
     EXPECT_EQ(unixTime(tv(kMin, 1), 6), "-9223372036854775807.999999");
-}
 
-TEST(TimevalText, CrashLogForm) {
     EXPECT_EQ(crashText(tv(0, 5)), "<zero>");
     EXPECT_EQ(crashText(Timeval::max()), "<max>");
     EXPECT_EQ(crashText(Timeval::min()), "<min>");
@@ -284,45 +253,39 @@ TEST(TimevalText, CrashLogForm) {
     // A negative time with a fraction shows the magnitude of its seconds
     // field, one more than the text form.
     EXPECT_EQ(crashText(tv(-2, 500000)), "-2.500000");
-    EXPECT_EQ(str(tv(-2, 500000)), "-1.500000");
+    EXPECT_EQ(text(tv(-2, 500000)), "-1.500000");
     EXPECT_EQ(crashText(tv(kMin, 1)), "-9223372036854775808.999999");
 }
 
 TEST(TimevalText, ClampedSeconds) {
-    long v = 0;
-    EXPECT_TRUE(parse_timet_clamped("123", 3, &v));
-    EXPECT_EQ(v, 123);
-    EXPECT_TRUE(parse_timet_clamped("-123", 4, &v));
-    EXPECT_EQ(v, -123);
-    EXPECT_TRUE(parse_timet_clamped("9223372036854775808", 19, &v));
-    EXPECT_EQ(v, INT64_MAX);
-    EXPECT_TRUE(parse_timet_clamped("-9223372036854775808", 20, &v));
-    EXPECT_EQ(v, INT64_MIN);
-    EXPECT_TRUE(parse_timet_clamped("-99999999999999999999999", 24, &v));
-    EXPECT_EQ(v, INT64_MIN);
-    v = 7;
-    EXPECT_FALSE(parse_timet_clamped("99999999999999999999x", 21, &v));
-    EXPECT_FALSE(parse_timet_clamped("-", 1, &v));
-    EXPECT_FALSE(parse_timet_clamped("", 0, &v));
-    EXPECT_FALSE(parse_timet_clamped("1.5", 3, &v));
-    EXPECT_EQ(v, 7);
+    for (auto [in, out] : {std::pair{"123", 123L},
+                           {"-123", -123L},
+                           {"9223372036854775808", INT64_MAX},
+                           {"-9223372036854775808", INT64_MIN},
+                           {"-99999999999999999999999", INT64_MIN}}) {
+        long v = 0;
+        EXPECT_TRUE(parse_timet_clamped(in, strlen(in), &v)) << in;
+        EXPECT_EQ(v, out) << in;
+    }
+    for (const char* bad : {"99999999999999999999x", "-", "", "1.5"}) {
+        long v = 7;
+        EXPECT_FALSE(parse_timet_clamped(bad, strlen(bad), &v)) << bad;
+        EXPECT_EQ(v, 7) << bad;
+    }
 }
 
 TEST(TimevalText, FromDouble) {
-    Timeval t;
-    t.setToUnixTimeDouble(1.25);
-    EXPECT_EQ(t, tv(1, 250000));
     // The magnitude of a negative fraction is stored, not its complement.
-    t.setToUnixTimeDouble(-1.25);
-    EXPECT_EQ(t, tv(-2, 250000));
-    t.setToUnixTimeDouble(9223372036854775808.0);
-    EXPECT_TRUE(t.isMax());
-    t.setToUnixTimeDouble(-9223372036854775808.0);
-    EXPECT_TRUE(t.isMin());
-    t.setToUnixTimeDouble(1e300);
-    EXPECT_TRUE(t.isMax());
-    t.setToUnixTimeDouble(0.9999999999);
-    EXPECT_EQ(t, tv(0, 999999));
+    for (auto [in, out] : {std::pair{1.25, tv(1, 250000)},
+                           {-1.25, tv(-2, 250000)},
+                           {9223372036854775808.0, Timeval::max()},
+                           {-9223372036854775808.0, Timeval::min()},
+                           {1e300, Timeval::max()},
+                           {0.9999999999, tv(0, 999999)}}) {
+        Timeval t;
+        t.setToUnixTimeDouble(in);
+        EXPECT_EQ(t, out) << in;
+    }
     EXPECT_DOUBLE_EQ(tv(3, 500000).unixEpochAsDouble(), 3.5);
     EXPECT_EQ(Timeval::secondsToTicks(1.5)._ns, 1500000000u);
     EXPECT_EQ(Timeval::secondsToTicks(-1)._ns, 0u);
@@ -331,24 +294,18 @@ TEST(TimevalText, FromDouble) {
 }
 
 TEST(TimevalText, Snapping) {
-    Timeval t(127, 654321);
-    t.snapSecond(60);
-    EXPECT_EQ(t, tv(120, 0));
-    t = tv(127, 654321);
-    t.snapSecond(1);
-    EXPECT_EQ(t, tv(127, 0));
-    // Down means earlier for negative times too.
-    t = tv(-7, 5);
-    t.snapSecond(5);
-    EXPECT_EQ(t, tv(-10, 0));
-    // Nothing lies below the smallest time to snap to.
-    t = tv(kMin + 3, 0);
-    t.snapSecond(7);
-    EXPECT_EQ(t, tv(kMin + 1, 0));
-    t = tv(kMin, 0);
-    t.snapSecond(7);
-    EXPECT_EQ(t, tv(kMin, 0));
-    t = tv(5, 987654);
+    // Down means earlier for negative times too, and nothing lies below the
+    // smallest time to snap to.
+    const std::tuple<Timeval, unsigned, Timeval> seconds[] = {
+        {tv(127, 654321), 60, tv(120, 0)}, {tv(127, 654321), 1, tv(127, 0)},
+        {tv(-7, 5), 5, tv(-10, 0)},        {tv(kMin + 3, 0), 7, tv(kMin + 1, 0)},
+        {tv(kMin, 0), 7, tv(kMin, 0)},
+    };
+    for (auto [t, unit, expected] : seconds) {
+        t.snapSecond(unit);
+        EXPECT_EQ(t, expected) << unit;
+    }
+    Timeval t = tv(5, 987654);
     t.snapMillisecond(10);
     EXPECT_EQ(t, tv(5, 980000));
     t.snapMillisecond(0);
@@ -386,15 +343,14 @@ TEST(TimevalText, EncodedSubsecondsRoundTrip) {
 // ---------------------------------------------------------------- serialised form
 
 TEST(TimevalSerialized, WordsAndClamps) {
-    Str s;
-    tv(0, 5)._serialize(&s);
-    EXPECT_EQ(s, "zNULLzTIMEzzzz");
-    s.clear();
-    Timeval::max()._serialize(&s);
-    EXPECT_EQ(s, "zMAXzTIMEzzzzz");
-    s.clear();
-    Timeval::min()._serialize(&s);
-    EXPECT_EQ(s, "zMINzTIMEzzzzz");
+    auto serialized = [](const Timeval& t) {
+        Str s;
+        t._serialize(&s);
+        return s;
+    };
+    EXPECT_EQ(serialized(tv(0, 5)), "zNULLzTIMEzzzz");
+    EXPECT_EQ(serialized(Timeval::max()), "zMAXzTIMEzzzzz");
+    EXPECT_EQ(serialized(Timeval::min()), "zMINzTIMEzzzzz");
 
     Timeval t(1, 1);
     EXPECT_TRUE(t._resurrect("zmaxztimezzzzz", 14));
@@ -409,33 +365,29 @@ TEST(TimevalSerialized, WordsAndClamps) {
     EXPECT_FALSE(t._resurrect("00000000TRT000", 14));  // nanoseconds past 999999999
 
     // Past 40 bits of seconds since 1601: the largest value, 999999999 ns.
-    s.clear();
-    tv(0x10000000000ll, 5)._serialize(&s);
-    EXPECT_EQ(s, "VVVVVVVVTPLIFV");
-    EXPECT_TRUE(t._resurrect(s.data(), s.size()));
+    const Str big = serialized(tv(0x10000000000ll, 5));
+    EXPECT_EQ(big, "VVVVVVVVTPLIFV");
+    EXPECT_TRUE(t._resurrect(big.data(), big.size()));
     EXPECT_EQ(t, tv(0xffffffffffll - Timeval::SECONDS_1601_TO_1970, 1000000));
     // Before 1970 reads back as the largest time.
-    s.clear();
-    tv(-100, 0)._serialize(&s);
-    EXPECT_TRUE(t._resurrect(s.data(), s.size()));
+    const Str early = serialized(tv(-100, 0));
+    EXPECT_TRUE(t._resurrect(early.data(), early.size()));
     EXPECT_TRUE(t.isMax());
 }
 
 TEST(TimevalSerialized, MatchesAnIndependentEncoder) {
     // Python computes the 1601 epoch with datetime and encodes on its own.
-    std::vector<Timeval> times = {tv(1, 0),          tv(1700000000, 123456), tv(86400, 999999),
-                                  tv(2147483648, 1), tv(32503680000, 500),   tv(1, 999999)};
-    std::ostringstream args;
-    for (auto& t : times) args << t.sec() << ":" << t.usec() << " ";
-    std::string script =
+    const Timeval times[] = {tv(1, 0),          tv(1700000000, 123456), tv(86400, 999999),
+                             tv(2147483648, 1), tv(32503680000, 500),   tv(1, 999999)};
+    std::vector<std::string> argv = {
+        "/usr/bin/python3", "-c",
         "import sys, datetime\n"
         "off = int((datetime.datetime(1970,1,1) - datetime.datetime(1601,1,1)).total_seconds())\n"
         "D = '0123456789ABCDEFGHIJKLMNOPQRSTUV'\n"
         "def b32(v, n): return ''.join(D[(v >> (5*(n-1-i))) & 31] for i in range(n))\n"
         "for a in sys.argv[1:]:\n"
         "    s, us = map(int, a.split(':'))\n"
-        "    print(b32(s + off, 8) + b32(us * 1000, 6))\n";
-    std::vector<std::string> argv = {"/usr/bin/python3", "-c", script};
+        "    print(b32(s + off, 8) + b32(us * 1000, 6))\n"};
     for (auto& t : times) argv.push_back(std::to_string(t.sec()) + ":" + std::to_string(t.usec()));
     auto r = testsupport::runProcess(argv);
     ASSERT_EQ(r.exitStatus, 0) << r.err;
@@ -446,23 +398,20 @@ TEST(TimevalSerialized, MatchesAnIndependentEncoder) {
         Str s;
         t._serialize(&s);
         EXPECT_EQ(s, expected);
-        Timeval back;
-        ASSERT_TRUE(back._resurrect(s.data(), s.size()));
-        EXPECT_EQ(back, t);
         Str lower = s;
         for (auto& c : lower) c = static_cast<char>(tolower(c));
-        ASSERT_TRUE(back._resurrect(lower.data(), lower.size()));
-        EXPECT_EQ(back, t);
+        for (const Str& form : {s, lower}) {
+            Timeval back;
+            ASSERT_TRUE(back._resurrect(form.data(), form.size())) << form;
+            EXPECT_EQ(back, t) << form;
+        }
     }
 }
 
 // ---------------------------------------------------------------- describe
 
 TEST(DescribeTimeDifference, UnitsAtTheirThresholds) {
-    struct Case {
-        Timeval a, b;
-        const char* text;
-    } cases[] = {
+    const std::tuple<Timeval, Timeval, const char*> cases[] = {
         {tv(0, 1), tv(0, 0), "1 microsecond"},
         {tv(0, 0), tv(0, 1), "-1 microsecond"},
         {tv(0, 3000), tv(0, 0), "3000 microseconds"},
@@ -478,14 +427,11 @@ TEST(DescribeTimeDifference, UnitsAtTheirThresholds) {
         {tv(8000, 1), tv(0, 0), "2.222 hours"},
         {Timeval::max(), Timeval::min(), "5124095576030431.0 hours"},
     };
-    for (auto& c : cases) {
-        EXPECT_EQ(text(describe_time_difference(c.a, c.b)), c.text);
-        EXPECT_EQ(crashText(describe_time_difference(c.a, c.b)), c.text);
+    for (auto [a, b, expected] : cases) {
+        EXPECT_EQ(text(describe_time_difference(a, b)), expected);
+        EXPECT_EQ(crashText(describe_time_difference(a, b)), expected);
     }
-    struct MCase {
-        MonotonicTime a, b;
-        const char* text;
-    } mcases[] = {
+    const std::tuple<MonotonicTime, MonotonicTime, const char*> mcases[] = {
         {mt(0, 1), mt(0, 0), "1 nanosecond"},
         {mt(0, 3000), mt(0, 0), "3000 nanoseconds"},
         {mt(0, 3001), mt(0, 0), "3.001 microseconds"},
@@ -498,7 +444,7 @@ TEST(DescribeTimeDifference, UnitsAtTheirThresholds) {
         {mt(8100, 0), mt(0, 0), "2.250 hours"},
         {mt(8000, 0), mt(0, 0), "8000.0 seconds"},
     };
-    for (auto& c : mcases) EXPECT_EQ(text(describe_time_difference(c.a, c.b)), c.text);
+    for (auto [a, b, expected] : mcases) EXPECT_EQ(text(describe_time_difference(a, b)), expected);
 }
 
 TEST(StaleTimeval, ReadsTheRefreshedWord) {
