@@ -137,6 +137,42 @@ TEST(LogLayout, TimesMatchStrftime) {
         << "an unknown conversion falls back to ISO 8601";
 }
 
+// A thread renders a format's second once: later lines of that second patch
+// only their milliseconds, and another format, a copy, or another second in
+// between never lends its text.
+TEST(LogLayout, TimesWithinOneSecondKeepTheirOwnMilliseconds) {
+    const LogFormattedTime iso(StrSegment("ISO8601"));
+    const LogFormattedTime twice(StrSegment("%l.%S.%l"));
+    const LogFormattedTime copy = twice;
+    auto render = [](const LogFormattedTime& f, int64_t sec, long usec) {
+        Str s("> ");
+        f.renderTo(&s, Timeval(sec, usec));
+        return std::string(s);
+    };
+    const time_t t = 1700000000;
+    struct tm tm;
+    localtime_r(&t, &tm);
+    char isoSecond[64];
+    strftime(isoSecond, sizeof isoSecond, "%Y-%m-%d %H:%M:%S", &tm);
+    const struct {
+        const LogFormattedTime* f;
+        int64_t sec;
+        long usec;
+        std::string want;
+    } steps[] = {
+        {&iso, t, 7000, std::string("> ") + isoSecond + ",007"},
+        {&iso, t, 999999, std::string("> ") + isoSecond + ",999"},
+        {&twice, t, 5000, "> 005.20.005"},
+        {&copy, t, 42000, "> 042.20.042"},
+        {&twice, t + 1, 1000, "> 001.21.001"},
+        {&twice, t, 123456, "> 123.20.123"},
+        {&iso, t, 0, std::string("> ") + isoSecond + ",000"},
+    };
+    for (const auto& s : steps) {
+        EXPECT_EQ(render(*s.f, s.sec, s.usec), s.want) << s.f->format() << " " << s.usec;
+    }
+}
+
 TEST(LogLayout, BrokenAtomsShowInPlaceOfTheLine) {
     LogFormat f("%m");
     const_cast<std::vector<LogFormat::Atom>&>(f.atoms())[0].kind = 99;
