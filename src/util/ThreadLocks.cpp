@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 
 #include "libzero/assertion.h"
@@ -423,7 +424,7 @@ bool MutexByte::attemptSleep(waiting_list* chain, uint8_t expected) {
     }
     // Only the thread handing over the lock clears waitingOn: any other
     // wake-up is spurious, or the call to come forward below.
-    bool spin = firstWaiterFor(chain, this) == &pts;
+    bool spin = firstWaiterFor(chain, this) == &pts && fewWaiters(chain, this);
     for (;;) {
         if (spin) {
             // First in line: the hand-off is near. Waiting awake turns it into
@@ -453,6 +454,18 @@ bool MutexByte::awaitHandOff(per_thread_state& pts) {
         __builtin_ia32_pause();
     }
     return false;
+}
+
+// Waiting awake pays only while every waiter can have a core beside the
+// holder's; with more, the spinners would take the cores the holder and the
+// next in line need, and sleeping is cheaper.
+bool MutexByte::fewWaiters(waiting_list* chain, const MutexByte* b) {
+    static const long cores = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
+    long n = 0;
+    for (per_thread_state* e = chain->head; e != nullptr; e = e->_u.s.nextOnChain) {
+        if (e->_u.s.waitingOn == b && ++n >= cores) return false;
+    }
+    return true;
 }
 
 MutexByte::per_thread_state* MutexByte::firstWaiterFor(waiting_list* chain, const MutexByte* b) {
@@ -530,7 +543,8 @@ void MutexByte::unlockWithSleepers(waiting_list* chain) {
     }
     // The lock passes straight to `e`; it stays held throughout.
     if (!another) _state.store(STATE_LOCKED, std::memory_order_relaxed);
-    per_thread_state* const next = another ? firstWaiterFor(chain, this) : nullptr;
+    per_thread_state* const next =
+        another && fewWaiters(chain, this) ? firstWaiterFor(chain, this) : nullptr;
     e->_u.s.nextOnChain = nullptr;
     // The next in line comes forward now and waits awake, so that its own
     // turn does not wait for the scheduler.

@@ -367,6 +367,7 @@ public:
 private:
     per_thread_state* takeFirstWaiter(waiting_list* chain, per_thread_state*** linkOut) const;
     static per_thread_state* firstWaiterFor(waiting_list* chain, const MutexByte* b);
+    static bool fewWaiters(waiting_list* chain, const MutexByte* b);
     static bool awaitHandOff(per_thread_state& pts);
 
     mutable std::atomic<uint8_t> _state{0};
