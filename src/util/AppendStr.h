@@ -347,18 +347,9 @@ private:
             length -= n;
         }
     }
-    // Runs a growing operation made of several appends: if one throws, what
-    // the others added is taken back, so a failure never leaves half an
-    // escape or half a number behind.
     template <typename F>
     void _allOrNothing(F f) {
-        const uint64_t before = size();
-        try {
-            f();
-        } catch (...) {
-            resize(before);
-            throw;
-        }
+        grow_all_or_nothing(*this, f);
     }
     void _push_back_new_chunk_with(char c);
     void _append_spanning_two_chunks(const char* data, size_t n);

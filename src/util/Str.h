@@ -369,6 +369,20 @@ struct utf8_character_buffer {
 
 // ---------------------------------------------------------------- Str
 
+// Runs a growing operation made of several appends to `buffer` (a Str or an
+// AppendStr): if one throws, what the earlier ones added is taken back, so a
+// failure never leaves half an escape or half a number behind.
+template <typename Buffer, typename F>
+void grow_all_or_nothing(Buffer& buffer, F f) {
+    const auto before = buffer.size();
+    try {
+        f();
+    } catch (...) {
+        buffer.resize(before);
+        throw;
+    }
+}
+
 // The owning byte string: the platform string (15 bytes in the object, heap
 // beyond, always zero-terminated, at most 2^62 - 1 bytes) plus the operations
 // below. Appending past that limit raises std::length_error with the text
@@ -526,17 +540,9 @@ public:
             throw std::length_error("basic_string::append");
         }
     }
-    // A growing operation made of several appends: on a failure, what the
-    // earlier ones added is taken back.
     template <typename F>
     Str& _allOrNothing(F f) {
-        const size_t before = size();
-        try {
-            f();
-        } catch (...) {
-            resize(before);
-            throw;
-        }
+        grow_all_or_nothing(*this, f);
         return *this;
     }
 
