@@ -176,9 +176,6 @@ void render_time(Str* sink, const char* f, const struct tm& tm, const Timeval& t
         }
     }
 }
-}  // namespace
-
-namespace {
 
 // The text of the last second this thread rendered, with where its
 // milliseconds stand: within one second a line only patches three digits.
@@ -192,16 +189,6 @@ struct RenderedSecond {
 thread_local RenderedSecond rendered_second;
 
 }  // namespace
-
-LogFormattedTime::LogFormattedTime(const LogFormattedTime& other)
-    : _brace(other._brace), _format(other._format), _id(next_time_format_id.fetch_add(1)) {}
-
-LogFormattedTime& LogFormattedTime::operator=(const LogFormattedTime& other) {
-    _brace = other._brace;
-    _format = other._format;
-    _id = next_time_format_id.fetch_add(1);
-    return *this;
-}
 
 void LogFormattedTime::renderTo(Str* sink, const Timeval& time) const {
     RenderedSecond& r = rendered_second;

@@ -279,10 +279,9 @@ private:
     void build(bool full) {
         _built = true;
         _result = _raw;
-        size_t i = 0;
         const size_t n = _raw.size();
         const auto* p = reinterpret_cast<const unsigned char*>(_raw.data());
-        i = first_to_escape(_raw.data(), n, full);
+        size_t i = first_to_escape(_raw.data(), n, full);
         if (i == n) return;
         _escaped.reserve(n + 16);
         _escaped.append(_raw.data(), i);

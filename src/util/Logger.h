@@ -483,9 +483,6 @@ extern Timeval log_start_time;
 class LogFormattedTime {
 public:
     explicit LogFormattedTime(StrSegment braceText);
-    // A copy is a format of its own for the per-thread cache of rendered seconds.
-    LogFormattedTime(const LogFormattedTime& other);
-    LogFormattedTime& operator=(const LogFormattedTime& other);
     void renderTo(Str* sink, const Timeval& time) const;
     const Str& braceText() const { return _brace; }
     const Str& format() const { return _format; }
@@ -495,7 +492,9 @@ public:
 private:
     Str _brace;
     Str _format;
-    uint64_t _id;  // keys the per-thread cache of rendered seconds
+    // Keys the per-thread cache of rendered seconds; copied with the format
+    // it stands for.
+    uint64_t _id;
 };
 
 class LogFormat {

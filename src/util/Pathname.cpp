@@ -8,14 +8,12 @@
 #include <string.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "libzero/assertion.h"
-#include "libzero/syscall-probe.h"
 #include "util/BasicConversions.h"
 #include "util/LineReader.h"
 #include "util/Logger.h"

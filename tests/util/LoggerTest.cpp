@@ -138,8 +138,8 @@ TEST(LogLayout, TimesMatchStrftime) {
 }
 
 // A thread renders a format's second once: later lines of that second patch
-// only their milliseconds, and another format, a copy, or another second in
-// between never lends its text.
+// only their milliseconds; another format or another second in between never
+// lends its text, and a copy of a format renders as the format does.
 TEST(LogLayout, TimesWithinOneSecondKeepTheirOwnMilliseconds) {
     const LogFormattedTime iso(StrSegment("ISO8601"));
     const LogFormattedTime twice(StrSegment("%l.%S.%l"));
