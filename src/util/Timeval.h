@@ -46,6 +46,7 @@ public:
 
     constexpr uint64_t ms() const { return _ms; }
     constexpr bool isUnbounded() const { return _ms == UNBOUNDED; }
+    constexpr bool isZero() const { return _ms == 0; }
 
     // Whole seconds, rounded up; unbounded stays unbounded.
     uint64_t secondsRoundedUp() const { return _do_secondsRoundedUp(_ms); }
