@@ -1,0 +1,331 @@
+#include "util/EventLoop.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <vector>
+
+#include "support/LoopThread.h"
+#include "support/TestSupport.h"
+#include "util/SelfPipe.h"
+
+using testsupport::LoopThread;
+using testsupport::waitUntil;
+
+namespace {
+
+struct Pipe {
+    int r = -1, w = -1;
+    Pipe() {
+        int fds[2];
+        EXPECT_EQ(pipe(fds), 0);
+        r = fds[0];
+        w = fds[1];
+    }
+    ~Pipe() {
+        if (r >= 0) close(r);
+        if (w >= 0) close(w);
+    }
+    void put(const char* s = "x") const { ASSERT_EQ(write(w, s, strlen(s)), ssize_t(strlen(s))); }
+};
+
+// A descriptor whose handler is a callable and which records its events.
+struct Handler : PolledFd {
+    std::function<bool(PollableDescriptor)> body;
+    std::atomic<int> calls{0};
+    std::atomic<events_mask_t> lastRevents{0};
+    std::atomic<int> eofs{0};
+    bool when_events(PollableDescriptor fd) override {
+        calls++;
+        lastRevents = epoll_revents();
+        return body ? body(fd) : false;
+    }
+    void after_eof(PollableDescriptor) override { eofs++; }
+};
+
+bool drain(PollableDescriptor fd) {
+    char buf[64];
+    return read(fd.fd(), buf, sizeof buf) == 0;
+}
+
+struct Tick : OneShotTimeout {
+    std::atomic<int> fired{0};
+    std::function<void()> body;
+    void callback() override {
+        fired++;
+        if (body) body();
+    }
+};
+
+TEST(EventLoop, DescriptorsAndTimersShareOneWait) {
+    EventLoop loop;
+    Pipe p;
+    Handler h;
+    h.body = [](PollableDescriptor fd) { return drain(fd); };
+    Tick t;
+    loop.add(&h, PollableDescriptor(p.r));
+    loop.add(&t, Interval(30));
+    LoopThread thread(loop);
+    thread.start();
+    p.put();
+    ASSERT_TRUE(waitUntil([&] { return h.calls >= 1 && t.fired == 1; }, 10));
+    EXPECT_TRUE(h.lastRevents & EPOLLIN);
+    // The writer closing is the end of the descriptor: the loop drops it.
+    close(p.w);
+    p.w = -1;
+    ASSERT_TRUE(waitUntil([&] { return h.eofs == 1; }, 10));
+    EXPECT_FALSE(h.isActive());
+    thread.stop();
+    EXPECT_EQ(loop.descriptorCount(), 0u);
+}
+
+TEST(EventLoop, HangUpAndErrorBitsReachTheHandler) {
+    EventLoop loop;
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    Handler hup;
+    hup.body = [](PollableDescriptor) { return true; };
+    loop.add(&hup, PollableDescriptor(sv[0]));
+
+    // A refused connect on loopback: error and hang-up on the socket.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    close(listener);
+    const int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    const int rc = connect(s, reinterpret_cast<sockaddr*>(&addr), len);
+    ASSERT_TRUE(rc == -1 && errno == EINPROGRESS) << strerror(errno);
+    Handler err;
+    err.body = [](PollableDescriptor) { return true; };
+    loop.add(&err, PollableDescriptor(s), PolledFd::DEFAULT_EVENTS | EPOLLOUT);
+
+    LoopThread thread(loop);
+    thread.start();
+    close(sv[1]);
+    ASSERT_TRUE(waitUntil([&] { return hup.eofs == 1 && err.eofs == 1; }, 10));
+    EXPECT_TRUE(hup.lastRevents & EPOLLHUP) << hup.lastRevents;
+    EXPECT_TRUE(err.lastRevents & EPOLLERR) << err.lastRevents;
+    thread.stop();
+    close(sv[0]);
+    close(s);
+}
+
+TEST(EventLoop, AThrottledGroupHoldsEventsBackUntilReleased) {
+    EventLoop loop;
+    Pipe p;
+    Handler h;
+    h.body = [](PollableDescriptor fd) { return drain(fd); };
+    ThrottleGroup group;
+    h.setThrottleGroup(&group);
+    unsigned cause = 0;
+    loop.add(&h, PollableDescriptor(p.r));
+    LoopThread thread(loop);
+    thread.start();
+    group.maybe_throttle(EPOLLIN, &cause);
+    p.put();
+    // Held back: the loop masks the descriptor's input instead of calling it.
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            bool held = false;
+            loop.runInThread([&] { held = h._throttled_events != 0; });
+            return held;
+        },
+        10));
+    loop.runInThread([&] { EXPECT_EQ(h.ourEvents() & EPOLLIN, 0u); });
+    EXPECT_EQ(h.calls, 0);
+    loop.runInThread([&] { group.maybe_unthrottle(EPOLLIN, &cause); });
+    ASSERT_TRUE(waitUntil([&] { return h.calls == 1; }, 10));
+    loop.runInThread([&] { EXPECT_NE(h.ourEvents() & EPOLLIN, 0u); });
+    EXPECT_EQ(group.mask(), 0u);
+    // Frozen: masked for good.
+    loop.runInThread([&] { group.freeze(); });
+    p.put();
+    loop.runInThread([] {});
+    loop.runInThread([&] { EXPECT_EQ(h.ourEvents(), 0u); });
+    EXPECT_EQ(h.calls, 1);
+    EXPECT_EQ(h.group(), &ThrottleGroup::frozen_events);
+    loop.runInThread([&] { loop.removeActivePolledFd(&h); });
+    thread.stop();
+}
+
+TEST(EventLoop, AHandlerThatRemovesAnotherDescriptorSpareItItsCall) {
+    EventLoop loop;
+    Pipe a, b;
+    Handler ha, hb;
+    ha.body = [&](PollableDescriptor fd) {
+        if (hb.isActive()) loop.removeActivePolledFd(&hb);
+        return drain(fd);
+    };
+    hb.body = [&](PollableDescriptor fd) {
+        if (ha.isActive()) loop.removeActivePolledFd(&ha);
+        return drain(fd);
+    };
+    loop.add(&ha, PollableDescriptor(a.r));
+    loop.add(&hb, PollableDescriptor(b.r));
+    a.put();
+    b.put();
+    // Both are readable before the loop's first wait: one batch.
+    LoopThread thread(loop);
+    thread.start();
+    ASSERT_TRUE(waitUntil([&] { return !ha.isActive() || !hb.isActive(); }, 10));
+    loop.runInThread([] {});
+    // Poll may deliver the survivor's event twice (its handler moved the
+    // array); the removed one never gets a call.
+    EXPECT_TRUE(ha.calls == 0 || hb.calls == 0) << ha.calls << " " << hb.calls;
+    thread.stop();
+    Handler* left = ha.isActive() ? &ha : &hb;
+    loop.removeActivePolledFd(left);
+}
+
+TEST(EventLoop, TerminationFromAnotherThreadRunsTheRestFirst) {
+    EventLoop loop;
+    LoopThread thread(loop);
+    thread.start();
+    EXPECT_TRUE(loop.isRunning());
+    double ratio = -1;
+    EXPECT_TRUE(loop.busyRatio(&ratio));
+    EXPECT_GE(ratio, 0.0);
+    EXPECT_LE(ratio, 1.0);
+    // Twice: one termination.
+    loop.terminateNowait();
+    loop.terminateNowait();
+    ASSERT_TRUE(waitUntil([&] { return !loop.isRunning(); }, 10));
+    EXPECT_FALSE(loop.busyRatio(&ratio));
+    thread.stop();
+}
+
+TEST(EventLoop, ATerminateExceptionEndsTheLoopAfterTheZeroTimeouts) {
+    EventLoop loop;
+    Tick thrower, promise;
+    thrower.body = [&] {
+        loop.add(&promise, Interval(0));
+        throw Thread::TerminateException("enough");
+    };
+    loop.add(&thrower, Interval(0));
+    LoopThread thread(loop);
+    thread.go();
+    ASSERT_TRUE(waitUntil([&] { return promise.fired == 1; }, 10));
+    thread.stop();
+    ASSERT_TRUE(thread.thrown());
+    EXPECT_THROW(std::rethrow_exception(thread.thrown()), Thread::TerminateException);
+    EXPECT_EQ(promise.fired, 1);
+}
+
+TEST(EventLoop, ActorFloodsDoNotStarveDescriptors) {
+    EventLoop loop;
+    loop.setMaxActorRunsPerCycle(1);
+    Pipe p;
+    std::vector<int> order;
+    Handler h;
+    h.body = [&](PollableDescriptor fd) {
+        order.push_back(0);
+        return drain(fd);
+    };
+    loop.add(&h, PollableDescriptor(p.r));
+    LoopThread thread(loop);
+    thread.start();
+    // The first actor holds the loop while three more and an event arrive.
+    std::atomic<bool> release{false};
+    loop.runInThreadAsync([&] {
+        while (!release) Thread::yieldCpu();
+    });
+    for (int i = 1; i <= 3; i++) loop.runInThreadAsync([&order, i] { order.push_back(i); });
+    p.put();
+    release = true;
+    ASSERT_TRUE(waitUntil([&] { return h.calls == 1; }, 10));
+    loop.runInThread([] {});
+    thread.stop();
+    ASSERT_EQ(order.size(), 4u);
+    // One actor a cycle: the descriptor is served before the flood is over.
+    EXPECT_NE(order.back(), 0);
+    loop.removeActivePolledFd(&h);
+}
+
+TEST(EventLoop, AnActorCanHaveADescriptorServedAfterIt) {
+    EventLoop loop;
+    Pipe p;
+    Handler h;
+    std::vector<int> order;
+    h.body = [&](PollableDescriptor) {
+        order.push_back(2);
+        return false;
+    };
+    loop.add(&h, PollableDescriptor(p.r));
+    LoopThread thread(loop);
+    thread.start();
+    loop.runInThread([&] {
+        EXPECT_TRUE(InThreadActor::triggerAfterwards(&loop, &h));
+        order.push_back(1);
+    });
+    loop.runInThread([] {});
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    // A descriptor asked to run again: with no timers, at the next wake-up.
+    loop.runInThread([&] { loop.triggerNextTime(&h); });
+    loop.runInThread([] {});
+    ASSERT_TRUE(waitUntil([&] { return h.calls == 2; }, 10));
+    thread.stop();
+    loop.removeActivePolledFd(&h);
+}
+
+TEST(EventLoop, PolledSocketWritesWhatTheSocketTakesLater) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    struct Echo : PolledSocket {
+        using PolledSocket::PolledSocket;
+        bool when_readable(PollableDescriptor) override { return false; }
+    } sock{PollableDescriptor(sv[0])};
+    EventLoop loop;
+    LoopThread thread(loop);
+    thread.start();
+    loop.addFromAnywhere(&sock);
+    // More than the socket buffer holds: the rest waits for the reader.
+    std::string big(4 << 20, 'z');
+    sock.write(big.data(), big.size());
+    std::string got;
+    ThreadFunction reader(
+        [&] {
+            char buf[65536];
+            while (got.size() < big.size()) {
+                const ssize_t n = read(sv[1], buf, sizeof buf);
+                if (n <= 0) break;
+                got.append(buf, size_t(n));
+            }
+        },
+        "Reader");
+    reader.go();
+    sock.flush();
+    reader.join();
+    EXPECT_EQ(got, big);
+    loop.removeFromAnywhere(&sock);
+    thread.stop();
+    close(sv[0]);
+    close(sv[1]);
+}
+
+TEST(SelfPipe, TriggersCoalesceAndAFloodNeverBlocksTheWriter) {
+    struct Counting : SelfPipe {
+        int rounds = 0;
+        bool when_triggered() override {
+            rounds++;
+            return true;
+        }
+    } pipe;
+    pipe.setup();
+    // Far more triggers than a pipe holds: none blocks.
+    for (int i = 0; i < 100000; i++) pipe.trigger();
+    pipe.pollForTrigger();
+    EXPECT_EQ(pipe.rounds, 1);
+    EXPECT_FALSE(pipe.when_events(PipeReadHandle(pipe.readSide())));
+    EXPECT_EQ(pipe.rounds, 1) << "nothing pending: no round";
+    EXPECT_EQ(pipe.isEventfd(), EventLoop::usingEpoll());
+}
+
+}  // namespace
