@@ -402,11 +402,21 @@ void EventLoop::add(PolledFd* p, PollableDescriptor fd, events_mask_t events) {
         auto& u = _p.using_poll;
         if (u.pfdCount == u.pfdMax) {
             const unsigned newMax = u.pfdMax == 0 ? POLL_INITIAL_SLOTS : u.pfdMax * 2;
-            auto* newPfd = static_cast<struct pollfd*>(realloc(u.pfd, newMax * sizeof(pollfd)));
-            if (newPfd == nullptr) throw std::bad_alloc();
+            // Both arrays or neither: descriptors point into the old one.
+            auto* newPfd = static_cast<struct pollfd*>(malloc(newMax * sizeof(pollfd)));
+            auto* newPev = static_cast<PolledFd**>(malloc(newMax * sizeof(PolledFd*)));
+            if (newPfd == nullptr || newPev == nullptr) {
+                free(newPfd);
+                free(newPev);
+                throw std::bad_alloc();
+            }
+            if (u.pfdCount != 0) {
+                memcpy(newPfd, u.pfd, u.pfdCount * sizeof(pollfd));
+                memcpy(newPev, u.pev, u.pfdCount * sizeof(PolledFd*));
+            }
+            free(u.pfd);
+            free(u.pev);
             u.pfd = newPfd;
-            auto* newPev = static_cast<PolledFd**>(realloc(u.pev, newMax * sizeof(PolledFd*)));
-            if (newPev == nullptr) throw std::bad_alloc();
             u.pev = newPev;
             u.pfdMax = newMax;
             _generation++;
@@ -509,7 +519,7 @@ void EventLoop::setMaxActorRunsPerCycle(unsigned n) {
 void EventLoop::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
     h.format("EventLoop @%p: method=%s, _done=%d, running=%d, descriptors=%u, generation=%u\n",
              static_cast<const void*>(this), usingEpoll() ? "epoll" : "poll", int(_done),
-             int(_running), _descriptorCount, _generation);
+             int(_running), _descriptorCount.load(), _generation);
     renderTimeoutHeapCrashLogInfo(h);
     _ita_list.renderCrashLogInfoTo(h);
 }

@@ -425,7 +425,7 @@ public:
     // How busy the loop thread has been lately, 0 to 1; false while the
     // loop is not running.
     bool busyRatio(double* ratio);
-    unsigned descriptorCount() const { return _descriptorCount; }
+    unsigned descriptorCount() const { return _descriptorCount.load(std::memory_order_relaxed); }
 
     void _assertInThread();
     void _assertInThreadIfRunning();
@@ -474,6 +474,6 @@ private:
     void _doTriggerAfter(PolledFd* list);
     void postQueued(InThreadActor* actor, bool wait);
 
-    unsigned _descriptorCount = 0;
+    std::atomic<unsigned> _descriptorCount{0};
     DutyCycleEstimate* _dutyCycle = nullptr;
 };
