@@ -7,6 +7,31 @@
 
 extern Logger eventloop_log;
 
+namespace {
+
+// The list's mutex is held only for a few stores, but a poster holds it
+// across its self-pipe write: the loop thread, just woken by that write,
+// would otherwise sleep on the mutex and need a second wake-up. A short
+// spin waits the write out.
+class SpinThenLock {
+public:
+    explicit SpinThenLock(ConditionMutex& m) : _m(m) {
+        for (int i = 0; i < 256; i++) {
+            if (_m.tryLock()) return;
+            __builtin_ia32_pause();
+        }
+        _m.lock();
+    }
+    ~SpinThenLock() { _m.unlock(); }
+    SpinThenLock(const SpinThenLock&) = delete;
+    SpinThenLock& operator=(const SpinThenLock&) = delete;
+
+private:
+    ConditionMutex& _m;
+};
+
+}  // namespace
+
 InThreadActor::~InThreadActor() = default;
 
 void InThreadActor::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
@@ -54,7 +79,7 @@ void InThreadActorList::add(InThreadActor* actor) {
 }
 
 InThreadActor* InThreadActorList::getNext(bool* isLast) {
-    ScopedLock lock(_mutex);
+    SpinThenLock lock(_mutex);
     InThreadActor* item = _head;
     if (item == nullptr) return nullptr;
     item->_queuedOn = nullptr;
@@ -182,8 +207,8 @@ void ScopedInThreadExclusiveClaim::claimUncontested(InThreadActorList* list) {
 }
 
 void ScopedInThreadExclusiveClaim::drop() {
-    ScopedLock lock(_claimed->_mutex);
     ASSERT(_claimed != nullptr);
+    ScopedLock lock(_claimed->_mutex);
     ASSERT(_claimed->_running_outside_set);
     ASSERT(_claimed->_running_outside == ThreadToken::self());
     _claimed->_running_outside_set = false;
@@ -201,7 +226,13 @@ namespace {
 // The list's mutex, released early where a callback must run outside it.
 class ListLock {
 public:
-    explicit ListLock(ConditionMutex& m) : _m(m) { _m.lock(); }
+    explicit ListLock(ConditionMutex& m) : _m(m) {
+        for (int i = 0; i < 256; i++) {
+            if (_m.tryLock()) return;
+            __builtin_ia32_pause();
+        }
+        _m.lock();
+    }
     ~ListLock() {
         if (_held) _m.unlock();
     }

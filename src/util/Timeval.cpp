@@ -201,12 +201,6 @@ void MonotonicTime::_subtract(Ticks v) {
     }
 }
 
-int MonotonicTime::compare(const MonotonicTime& o) const {
-    if (_ts.tv_sec != o._ts.tv_sec) return _ts.tv_sec < o._ts.tv_sec ? -1 : 1;
-    if (_ts.tv_nsec != o._ts.tv_nsec) return _ts.tv_nsec < o._ts.tv_nsec ? -1 : 1;
-    return 0;
-}
-
 double MonotonicTime::secDifferenceAsDouble(const MonotonicTime& a, const MonotonicTime& b) {
     if (a < b) return -secDifferenceAsDouble(b, a);
     Difference d = laterMinusEarlier(a._ts.tv_sec, a._ts.tv_nsec, b._ts.tv_sec, b._ts.tv_nsec,

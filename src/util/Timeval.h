@@ -136,7 +136,12 @@ public:
     friend MonotonicTime operator+(MonotonicTime t, Ticks v) { return t += v; }
     friend MonotonicTime operator-(MonotonicTime t, Ticks v) { return t -= v; }
 
-    int compare(const MonotonicTime& o) const;
+    // Inline: timer heaps compare on every step of a sift.
+    int compare(const MonotonicTime& o) const {
+        if (_ts.tv_sec != o._ts.tv_sec) return _ts.tv_sec < o._ts.tv_sec ? -1 : 1;
+        if (_ts.tv_nsec != o._ts.tv_nsec) return _ts.tv_nsec < o._ts.tv_nsec ? -1 : 1;
+        return 0;
+    }
     friend bool operator==(const MonotonicTime& a, const MonotonicTime& b) {
         return a.compare(b) == 0;
     }
