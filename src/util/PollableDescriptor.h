@@ -15,6 +15,7 @@
 class AppendStr;
 class CrashLogWriteHandler;
 class SSLNetworkConnection;
+class SocketAddress;
 
 class PollableDescriptorException : public BaseException {
 public:
@@ -102,6 +103,17 @@ public:
     void try_setting_bufsize(int which, unsigned long size) const;
 
     bool listen(unsigned backlog) const;
+    // The address forms; false or -1 with errno on failure.
+    bool bind(const SocketAddress& address) const;
+    bool connect(const SocketAddress& address) const;
+    // Gives up after `timeout` (0: never): no error on success, a connect
+    // timeout, or the errno of the failure. The descriptor's blocking mode
+    // is as it was.
+    SocketError connect(const SocketAddress& address, Interval timeout) const;
+    PollableDescriptor accept(SocketAddress& peer) const;
+    ssize_t recvfrom(void* buf, size_t length, SocketAddress* from) const;
+    ssize_t sendto(const void* buf, size_t length, const SocketAddress& to) const;
+    bool localAddress(SocketAddress* out) const;
     // Close-on-exec; invalid with errno on failure.
     PollableDescriptor accept() const;
 

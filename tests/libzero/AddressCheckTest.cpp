@@ -1,0 +1,192 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "libzero/check-tcp-port.h"
+#include "libzero/ipv46_address_check.h"
+#include "support/TestSupport.h"
+#include "util/SocketAddress.h"
+
+namespace {
+
+// Python's ipaddress decides what is an address and how it is written.
+std::vector<std::string> pythonVerdicts(const std::vector<std::string>& texts) {
+    std::string script =
+        "import ipaddress, sys\n"
+        "for t in sys.argv[1:]:\n"
+        "    try:\n"
+        "        a = ipaddress.ip_address(t)\n"
+        "        print(a.version, a)\n"
+        "    except ValueError:\n"
+        "        print(0)\n";
+    std::vector<std::string> argv = {"/usr/bin/python3", "-c", script};
+    argv.insert(argv.end(), texts.begin(), texts.end());
+    const testsupport::ProcessResult r = testsupport::runProcess(argv);
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t nl; (nl = r.out.find('\n', start)) != std::string::npos; start = nl + 1) {
+        lines.push_back(r.out.substr(start, nl - start));
+    }
+    return lines;
+}
+
+TEST(AddressCheck, LiteralsAreWhatPythonTakesForAddresses) {
+    const std::vector<std::string> texts = {"0.0.0.0",
+                                            "255.255.255.255",
+                                            "1.2.3.4",
+                                            "256.1.1.1",
+                                            "1.2.3",
+                                            "1.2.3.4.5",
+                                            "01.2.3.4",
+                                            "1.2.3.04",
+                                            "1..2.3",
+                                            ".1.2.3",
+                                            "1.2.3.",
+                                            "1.2.3.4 ",
+                                            "+1.2.3.4",
+                                            "1.2.3.a",
+                                            "",
+                                            "::",
+                                            "::1",
+                                            "::1%lo",
+                                            "fe80::1%eth0",
+                                            "fe80::1%",
+                                            "2001:db8::1",
+                                            "2001:DB8:0:0:0:0:0:1",
+                                            "1:2:3:4:5:6:7:8",
+                                            "1:2:3:4:5:6:7:8:9",
+                                            "1::2::3",
+                                            "::ffff:1.2.3.4",
+                                            "::ffff:01.2.3.4",
+                                            "::ffff:1.2.3",
+                                            "[::1]",
+                                            "12345::",
+                                            "1:2:3:4:5:6:7::",
+                                            "g::1",
+                                            "localhost",
+                                            "1"};
+    const std::vector<std::string> verdicts = pythonVerdicts(texts);
+    ASSERT_EQ(verdicts.size(), texts.size());
+    for (size_t i = 0; i < texts.size(); i++) {
+        const std::string& t = texts[i];
+        EXPECT_EQ(looks_like_ipv4_address(t.data(), t.size()), verdicts[i][0] == '4') << t;
+        EXPECT_EQ(looks_like_ipv6_address(t.data(), t.size()), verdicts[i][0] == '6') << t;
+    }
+}
+
+TEST(AddressCheck, Ipv6TextIsTheShortForm) {
+    const std::vector<std::string> texts = {"2001:DB8:0:0:0:0:0:1", "0:0:0:0:0:0:0:0",
+                                            "1:0:0:2:0:0:0:3",      "fe80:0:0:0:0:0:0:1",
+                                            "1:2:3:4:5:6:0:0",      "0:0:1:0:0:0:0:0"};
+    const std::vector<std::string> verdicts = pythonVerdicts(texts);
+    ASSERT_EQ(verdicts.size(), texts.size());
+    for (size_t i = 0; i < texts.size(); i++) {
+        IPv6HostAddress a;
+        ASSERT_TRUE(a.set(texts[i].data(), texts[i].size())) << texts[i];
+        Str s;
+        append_stringified(&s, a);
+        EXPECT_EQ("6 " + std::string(s), verdicts[i]) << texts[i];
+    }
+}
+
+TEST(AddressCheck, Ipv6LocalhostInAnySpelling) {
+    const struct {
+        const char* text;
+        bool localhost;
+    } cases[] = {{"::1", true},    {"::1%lo", true}, {"0:0:0:0:0:0:0:1", true},
+                 {"::0001", true}, {"1", false},     {"::", false},
+                 {"::2", false},   {"0:1", false},   {"::1%", true},
+                 {"1::1", false},  {"%lo", false},   {"::11", false},
+                 {"a::1", false},  {"::1x", false}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(looks_like_ipv6_localhost(c.text, strlen(c.text)), c.localhost) << c.text;
+    }
+}
+
+int boundPort(int fd) {
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+TEST(PortCheck, AnswersFollowWhatBindSays) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(fd, 1), 0);
+    const unsigned port = unsigned(boundPort(fd));
+    in_addr loopback{htonl(INADDR_LOOPBACK)};
+    EXPECT_EQ(check_tcp_port_availability_on_ipv4_interface(&loopback, port), PORTAVL_IN_USE);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(check_tcp_port_availability_on_all_ipv4_interfaces(port), PORTAVL_IN_USE);
+    // UDP ports are another space.
+    EXPECT_EQ(check_udp_port_availability_on_ipv4_interface(&loopback, port), PORTAVL_AVAILABLE);
+    close(fd);
+    EXPECT_EQ(check_tcp_port_availability_on_ipv4_interface(&loopback, port), PORTAVL_AVAILABLE);
+
+    in_addr foreign;
+    inet_pton(AF_INET, "192.0.2.1", &foreign);  // a documentation address: never local
+    EXPECT_EQ(check_tcp_port_availability_on_ipv4_interface(&foreign, port),
+              PORTAVL_NO_SUCH_ADDRESS);
+    in6_addr foreign6;
+    inet_pton(AF_INET6, "2001:db8::1", &foreign6);
+    EXPECT_EQ(check_tcp_port_availability_on_ipv6_interface(&foreign6, port),
+              PORTAVL_NO_SUCH_ADDRESS);
+
+    // Below the unprivileged range, for a user who may not bind there.
+    const int status = testsupport::inChildAs(
+        testsupport::kUnprivilegedUid, testsupport::kUnprivilegedGid,
+        [&] { return int(check_tcp_port_availability_on_ipv4_interface(&loopback, 1)); });
+    EXPECT_EQ(status, PORTAVL_NO_PERMISSION);
+}
+
+TEST(PortCheck, TextsAndErrnoMap) {
+    const struct {
+        int errnum;
+        bool inSocket;
+        port_availability_t a;
+        const char* text;
+    } cases[] = {
+        {0, false, PORTAVL_AVAILABLE, "port available"},
+        {EADDRINUSE, false, PORTAVL_IN_USE, "port is already bound"},
+        {EADDRNOTAVAIL, false, PORTAVL_NO_SUCH_ADDRESS, "address not found among local interfaces"},
+        {EACCES, false, PORTAVL_NO_PERMISSION, "no permission to use address/port combination"},
+        {EMFILE, true, PORTAVL_SOCKET_ERROR,
+         "socket error, check system limits and network configuration"},
+        {EAFNOSUPPORT, true, PORTAVL_SOCKET_ERROR,
+         "socket error, check system limits and network configuration"},
+        {ENOBUFS, false, PORTAVL_NO_MEMORY, "out of memory"},
+        {EINVAL, false, PORTAVL_UNKNOWN, "(unknown error)"},
+    };
+    for (const auto& c : cases) {
+        if (c.errnum != 0) {
+            EXPECT_EQ(port_availability_from_errno(c.errnum, c.inSocket), c.a);
+        }
+        EXPECT_STREQ(port_availability_to_string(c.a), c.text);
+    }
+}
+
+TEST(PortCheck, LocalIpv6AddressesComeFromTheInterfaceList) {
+    testsupport::ScratchDir dir;
+    const std::string path = dir / "if_inet6";
+    testsupport::writeFile(path,
+                           "00000000000000000000000000000001 01 80 10 80       lo\n"
+                           "fe800000000000000000000000000abc 02 40 20 80     eth0\n");
+    in6_addr a;
+    inet_pton(AF_INET6, "fe80::abc", &a);
+    EXPECT_EQ(ipv6_address_is_local(&a, path.c_str()), 1);
+    inet_pton(AF_INET6, "fe80::abd", &a);
+    EXPECT_EQ(ipv6_address_is_local(&a, path.c_str()), 0);
+    EXPECT_EQ(ipv6_address_is_local(&a, (dir / "missing").c_str()), -1);
+}
+
+}  // namespace

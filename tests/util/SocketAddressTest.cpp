@@ -1,0 +1,336 @@
+#include "util/SocketAddress.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "libzero/dnslookup-addrinfo.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+std::string text(const IPv46SocketAddress& a) { return std::string(a.ip()); }
+
+std::set<std::string> getentSet(const char* db, const char* name) {
+    const auto r = testsupport::runProcess({"/usr/bin/getent", db, name});
+    std::set<std::string> out;
+    size_t start = 0;
+    for (size_t nl; (nl = r.out.find('\n', start)) != std::string::npos; start = nl + 1) {
+        const std::string line = r.out.substr(start, nl - start);
+        if (line.find("STREAM") != std::string::npos) out.insert(line.substr(0, line.find(' ')));
+    }
+    return out;
+}
+
+TEST(Resolution, Ipv4SetsAreTheResolversAnswers) {
+    char host[256];
+    ASSERT_EQ(gethostname(host, sizeof host), 0);
+    for (const char* name : {"localhost", static_cast<const char*>(host)}) {
+        const std::set<std::string> expected = getentSet("ahostsv4", name);
+        IPv4HostAddresses v4;
+        if (expected.empty()) {
+            EXPECT_NE(v4.resolve(name), 0) << name;
+            continue;
+        }
+        ASSERT_EQ(v4.resolve(name), 0) << name;
+        std::set<std::string> got;
+        for (const IPv4HostAddress& a : v4.all()) {
+            Str s;
+            append_stringified(&s, a);
+            got.insert(std::string(s));
+        }
+        EXPECT_EQ(got, expected) << name;
+    }
+}
+
+// A resolver of made-up names, so that several addresses and IPv6 names
+// exist on any host; it counts its lookups.
+std::map<std::string, std::vector<std::string>> fake_names;
+int fake_lookups = 0;
+
+int fakeResolver(const char* name, const char*, const struct addrinfo* hints,
+                 struct addrinfo** result) {
+    fake_lookups++;
+    struct addrinfo* head = nullptr;
+    struct addrinfo** tail = &head;
+    for (const std::string& a : fake_names[name]) {
+        const int family = a.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+        if (family != hints->ai_family) continue;
+        auto* ai =
+            static_cast<struct addrinfo*>(calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in6)));
+        ai->ai_family = family;
+        ai->ai_socktype = SOCK_STREAM;
+        ai->ai_addr = reinterpret_cast<sockaddr*>(ai + 1);
+        if (family == AF_INET) {
+            auto* sin = reinterpret_cast<sockaddr_in*>(ai->ai_addr);
+            sin->sin_family = AF_INET;
+            inet_pton(AF_INET, a.c_str(), &sin->sin_addr);
+            ai->ai_addrlen = sizeof(sockaddr_in);
+        } else {
+            auto* sin6 = reinterpret_cast<sockaddr_in6*>(ai->ai_addr);
+            sin6->sin6_family = AF_INET6;
+            inet_pton(AF_INET6, a.c_str(), &sin6->sin6_addr);
+            ai->ai_addrlen = sizeof(sockaddr_in6);
+        }
+        *tail = ai;
+        tail = &ai->ai_next;
+    }
+    *result = head;
+    return head != nullptr ? 0 : EAI_NONAME;
+}
+
+void fakeFree(struct addrinfo* list) {
+    while (list != nullptr) {
+        struct addrinfo* next = list->ai_next;
+        free(list);
+        list = next;
+    }
+}
+
+class FakeResolverTest : public testing::Test {
+protected:
+    void SetUp() override {
+        portable_addrinfo_resolver = fakeResolver;
+        portable_addrinfo_freer = fakeFree;
+        fake_lookups = 0;
+        fake_names.clear();
+    }
+    void TearDown() override {
+        portable_addrinfo_resolver = getaddrinfo;
+        portable_addrinfo_freer = freeaddrinfo;
+    }
+    static std::vector<std::string> all(IPv46AddressIterator& it) {
+        std::vector<std::string> out;
+        IPv46SocketAddress a;
+        while (it.getNext(&a, PortNumber(80))) {
+            EXPECT_EQ(a.port(), PortNumber(80));
+            out.push_back(text(a));
+        }
+        return out;
+    }
+};
+
+TEST_F(FakeResolverTest, FamilyOrdersAndTheLazySecondLookup) {
+    fake_names["both.test"] = {"10.0.0.1", "2001:db8::1"};
+    fake_names["v6only.test"] = {"2001:db8::2"};
+    IPv46AddressIterator it;
+
+    ASSERT_TRUE(it.resolve("both.test", IPv46AddressIterator::ORDER_IPV6_THEN_IPV4));
+    EXPECT_EQ(fake_lookups, 1);
+    IPv46SocketAddress a;
+    ASSERT_TRUE(it.getNext(&a, PortNumber(80)));
+    EXPECT_EQ(text(a), "2001:db8::1");
+    EXPECT_EQ(fake_lookups, 1) << "IPv4 is looked up only when IPv6 runs out";
+    ASSERT_TRUE(it.getNext(&a, PortNumber(80)));
+    EXPECT_EQ(text(a), "10.0.0.1");
+    EXPECT_EQ(fake_lookups, 2);
+    EXPECT_FALSE(it.getNext(&a, PortNumber(80)));
+
+    const struct {
+        const char* name;
+        IPv46AddressIterator::order_t order;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {"both.test", IPv46AddressIterator::ORDER_IPV4_ONLY, {"10.0.0.1"}},
+        {"both.test", IPv46AddressIterator::ORDER_IPV6_ONLY, {"2001:db8::1"}},
+        {"both.test", IPv46AddressIterator::ORDER_IPV4_THEN_IPV6, {"10.0.0.1", "2001:db8::1"}},
+        {"v6only.test", IPv46AddressIterator::ORDER_IPV4_THEN_IPV6, {"2001:db8::2"}},
+        {"v6only.test", IPv46AddressIterator::ORDER_IPV4_ONLY, {}},
+        // Literals say their family, whatever the order.
+        {"127.0.0.1", IPv46AddressIterator::ORDER_IPV6_ONLY, {"127.0.0.1"}},
+        {"::1", IPv46AddressIterator::ORDER_IPV4_ONLY, {"::1"}},
+    };
+    fake_names["127.0.0.1"] = {"127.0.0.1"};
+    fake_names["::1"] = {"::1"};
+    for (const auto& c : cases) {
+        const bool found = it.resolve(c.name, c.order);
+        EXPECT_EQ(found, !c.expected.empty()) << c.name << " " << c.order;
+        EXPECT_EQ(all(it), c.expected) << c.name << " " << c.order;
+        it.rewind();
+        EXPECT_EQ(all(it), c.expected) << "after rewind: " << c.name;
+    }
+}
+
+TEST_F(FakeResolverTest, EachHostGoesRoundItsOwnOrder) {
+    std::vector<std::string> eight;
+    for (int i = 1; i <= 8; i++) eight.push_back("10.0.0." + std::to_string(i));
+    fake_names["many.test"] = eight;
+    fake_names["one.test"] = {"10.9.9.9"};
+    auto firstOf = [&](const char* name) {
+        IPv46AddressIterator it;
+        EXPECT_TRUE(it.resolve(name, IPv46AddressIterator::ORDER_IPV4_ONLY));
+        return all(it);
+    };
+    // Successive lookups start one further along one fixed order.
+    const std::vector<std::string> first = firstOf("many.test");
+    ASSERT_EQ(first.size(), 8u);
+    EXPECT_EQ(std::set<std::string>(first.begin(), first.end()).size(), 8u);
+    for (int step = 1; step <= 8; step++) {
+        const std::vector<std::string> next = firstOf("many.test");
+        std::vector<std::string> rotated(first.begin() + step % 8, first.end());
+        rotated.insert(rotated.end(), first.begin(), first.begin() + step % 8);
+        ASSERT_EQ(next, rotated) << "step " << step;
+    }
+    // Single addresses take no place among the remembered hosts...
+    for (int i = 0; i < 20; i++) firstOf("one.test");
+    std::vector<std::string> again = firstOf("many.test");
+    std::vector<std::string> byOne(first.begin() + 1, first.end());
+    byOne.push_back(first[0]);
+    EXPECT_EQ(again, byOne) << "the tenth lookup is nine steps round a cycle of eight";
+    // ...but twelve other hosts push it out, and it draws a new place and order.
+    for (int h = 0; h < 12; h++) {
+        const std::string name = "other" + std::to_string(h) + ".test";
+        fake_names[name] = {"10.1.0.1", "10.1.0.2"};
+        firstOf(name.c_str());
+    }
+    again = firstOf("many.test");
+    std::set<std::vector<std::string>> rotations;
+    for (int step = 0; step < 8; step++) {
+        std::vector<std::string> r(first.begin() + step, first.end());
+        r.insert(r.end(), first.begin(), first.begin() + step);
+        rotations.insert(r);
+    }
+    // A new order of eight repeats the old one (as any rotation) once in 5040.
+    EXPECT_EQ(rotations.count(again), 0u);
+}
+
+TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
+    IPv46SocketAddress any;
+    ASSERT_TRUE(any.setHostname("127.0.0.1"));
+    ScopedPollableDescriptor listener(any.make_listener(5));
+    ASSERT_TRUE(listener.valid()) << strerror(errno);
+    IPv46SocketAddress bound;
+    ASSERT_TRUE(listener.localAddress(&bound));
+    ASSERT_NE(bound.port().value(), 0);
+    EXPECT_EQ(text(bound), "127.0.0.1");
+    EXPECT_TRUE(bound.isLoopBack());
+    EXPECT_EQ(std::string(bound.uid()), "127.0.0.1:" + std::to_string(bound.port().value()));
+
+    ScopedPollableDescriptor client(bound.full_connect());
+    ASSERT_TRUE(client.valid()) << strerror(errno);
+    IPv46SocketAddress peer;
+    ScopedPollableDescriptor served(listener.accept(peer));
+    ASSERT_TRUE(served.valid());
+    IPv46SocketAddress clientEnd;
+    ASSERT_TRUE(client.localAddress(&clientEnd));
+    EXPECT_TRUE(peer == clientEnd);
+    EXPECT_FALSE(peer == bound);
+
+    // The backlog the kernel took is what ss reports as the listener's Send-Q.
+    const auto ss = testsupport::runProcess(
+        {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
+    EXPECT_NE(ss.out.find(" 5 "), std::string::npos) << ss.out;
+
+    // Refused, and timed.
+    listener.close();
+    ScopedPollableDescriptor refused(bound.full_connect());
+    EXPECT_FALSE(refused.valid());
+    EXPECT_EQ(errno, ECONNREFUSED);
+    ScopedPollableDescriptor s(PollableDescriptor(socket(AF_INET, SOCK_STREAM, 0)));
+    const SocketError e = s.connect(bound, Interval(1000));
+    EXPECT_TRUE(e.isErrno() && e.data() == ECONNREFUSED);
+}
+
+TEST(SocketAddress, BothFamiliesListenOnOnePort) {
+    IPv46SocketAddress v6;
+    ASSERT_TRUE(v6.setHostname("::"));
+    ScopedPollableDescriptor l6(v6.make_listener(4));
+    if (!l6.valid()) GTEST_SKIP() << "no IPv6 here: " << strerror(errno);
+    IPv46SocketAddress bound;
+    ASSERT_TRUE(l6.localAddress(&bound));
+    IPv46SocketAddress v4;
+    ASSERT_TRUE(v4.setHostname("0.0.0.0"));
+    v4.setPort(bound.port());
+    ScopedPollableDescriptor l4(v4.make_listener(4));
+    ASSERT_TRUE(l4.valid()) << "IPV6_V6ONLY leaves the IPv4 port free: " << strerror(errno);
+    const auto ss = testsupport::runProcess(
+        {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
+    EXPECT_NE(ss.out.find("0.0.0.0:"), std::string::npos) << ss.out;
+    EXPECT_NE(ss.out.find("[::]:"), std::string::npos) << ss.out;
+}
+
+TEST(SocketAddressDeathTest, TheEnvironmentSetsEveryBacklogOnce) {
+    EXPECT_EXIT(
+        {
+            setenv("TARVEX_LISTEN_BACKLOG", "3", 1);
+            IPv46SocketAddress a;
+            a.setHostname("127.0.0.1");
+            PollableDescriptor l = a.make_listener(100);
+            IPv46SocketAddress bound;
+            l.localAddress(&bound);
+            const auto ss = testsupport::runProcess(
+                {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
+            setenv("TARVEX_LISTEN_BACKLOG", "9", 1);  // read once: no effect
+            PollableDescriptor l2 = a.make_listener(100);
+            l2.localAddress(&bound);
+            const auto ss2 = testsupport::runProcess(
+                {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
+            _exit(ss.out.find(" 3 ") != std::string::npos &&
+                          ss2.out.find(" 3 ") != std::string::npos
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0),
+        "Backlog parameter changed to value=3 for invoking listen\\(\\) system call");
+}
+
+TEST(SocketAddress, TextsAndLoopback) {
+    const struct {
+        const char* literal;
+        bool ok;
+        const char* uid;
+        bool loopback;
+    } cases[] = {
+        {"10.1.2.3", true, "10.1.2.3:8080", false},
+        {"127.200.0.1", true, "127.200.0.1:8080", true},
+        {"::1", true, "[::1]:8080", true},
+        {"::ffff:127.0.0.1", true, "[::ffff:127.0.0.1]:8080", true},
+        {"2001:db8::1", true, "[2001:db8::1]:8080", false},
+        {"::1%lo", true, "[::1]:8080", true},
+        {"localhost", false, "", false},
+        {"1.2.3", false, "", false},
+    };
+    for (const auto& c : cases) {
+        IPv46SocketAddress a;
+        a.setPort(PortNumber(8080));
+        a.setIpv4Localhost();
+        a.setPort(PortNumber(8080));
+        EXPECT_EQ(a.setHostname(c.literal), c.ok) << c.literal;
+        EXPECT_EQ(isLoopBackAddress(Str(c.literal)), c.loopback) << c.literal;
+        if (c.ok) {
+            EXPECT_EQ(std::string(a.uid()), c.uid) << c.literal;
+        }
+    }
+}
+
+TEST(SocketAddress, ReverseLookupAgreesWithTheHostsDatabase) {
+    const auto r = testsupport::runProcess({"/usr/bin/getent", "hosts", "127.0.0.1"});
+    IPv46SocketAddress a;
+    a.setHostname("127.0.0.1");
+    const std::string name = std::string(a.reverseDns());
+    if (r.exitStatus != 0) {
+        EXPECT_EQ(name, "127.0.0.1");
+        return;
+    }
+    EXPECT_NE(r.out.find(name), std::string::npos) << r.out;
+    EXPECT_EQ(std::string(a.reverseDns()), name);  // from the cache
+}
+
+TEST(SocketAddress, TheNextFreePortCanBeBound) {
+    const PortNumber p = getNextFreeTcpPort();
+    IPv46SocketAddress a;
+    a.setHostname("0.0.0.0");
+    a.setPort(p);
+    ScopedPollableDescriptor l(a.make_listener(1));
+    EXPECT_TRUE(l.valid()) << p.value() << ": " << strerror(errno);
+    EXPECT_NE(getNextFreeTcpPort(), p);
+}
+
+}  // namespace
