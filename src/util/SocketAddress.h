@@ -15,6 +15,7 @@
 #include "util/Str.h"
 #include "util/Timeval.h"
 
+class HostAndPort;
 class Pathname;
 
 class PortNumber {
@@ -150,6 +151,8 @@ public:
     void setPort(PortNumber port);
     // A literal of either family; false (untouched) for anything else.
     bool setHostname(const char* text);
+    // A host that is a literal, and its port; false (untouched) for a name.
+    bool set(const HostAndPort& hp);
     // The text form, which identifies the address and port.
     Str uid() const;
     bool isLoopBack() const;
