@@ -292,6 +292,29 @@ bool IPv46SocketAddress::setHostname(const char* text) {
     return true;
 }
 
+PollableDescriptor IPv46SocketAddress::streamConnect(Interval timeout, SocketError* err) const {
+    const int fd = socket(family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        *err = SocketError::fromErrno();
+        return PollableDescriptor();
+    }
+    PollableDescriptor pd(fd);
+    *err = pd.connect(*this, timeout);
+    if (!err->valid()) return pd;
+    const Str address = ip();
+    if (err->isTimeout()) {
+        socket_log.warn("Connect timeout - waited for %llu seconds. ip=%s port=%u",
+                        static_cast<unsigned long long>(timeout.secondsRoundedUp()),
+                        address.c_str(), unsigned(port().value()));
+    } else {
+        errno = int(err->data());
+        socket_log.warn("Error in connection() %d - %m ip=%s port=%u", int(err->data()),
+                        address.c_str(), unsigned(port().value()));
+    }
+    closeKeepingErrno(fd);
+    return PollableDescriptor();
+}
+
 Str IPv46SocketAddress::uid() const {
     Str s;
     append_stringified(&s, *this);

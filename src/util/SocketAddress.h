@@ -153,6 +153,9 @@ public:
     bool setHostname(const char* text);
     // A host that is a literal, and its port; false (untouched) for a name.
     bool set(const HostAndPort& hp);
+    // A blocking stream connection made within `timeout` (0: no limit):
+    // valid on success; else invalid, the failure in `*err` and logged.
+    PollableDescriptor streamConnect(Interval timeout, SocketError* err) const;
     // The text form, which identifies the address and port.
     Str uid() const;
     bool isLoopBack() const;

@@ -236,6 +236,16 @@ TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
     ScopedPollableDescriptor s(PollableDescriptor(socket(AF_INET, SOCK_STREAM, 0)));
     const SocketError e = s.connect(bound, Interval(1000));
     EXPECT_TRUE(e.isErrno() && e.data() == ECONNREFUSED);
+    SocketError err;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(bound.streamConnect(Interval(1000), &err).valid());
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err, SocketError::fromErrno(ECONNREFUSED));
+    EXPECT_NE(
+        log.find("Error in connection() " + std::to_string(ECONNREFUSED) +
+                 " - Connection refused ip=127.0.0.1 port=" + std::to_string(bound.port().value())),
+        std::string::npos)
+        << log;
 }
 
 TEST(SocketAddress, BothFamiliesListenOnOnePort) {
