@@ -3,7 +3,6 @@
 // overflow, notations, and the rules for reports that go wrong themselves.
 // The victim aborts with status 86 if its crash handler allocates.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <regex.h>
 #include <signal.h>
@@ -15,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -42,11 +42,9 @@ struct Crash {
 
 std::vector<std::string> reportsIn(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (strncmp(e->d_name, "crash-", 6) == 0) names.push_back(e->d_name);
-        }
-        closedir(d);
+    for (const auto& e : std::filesystem::directory_iterator(dir)) {
+        if (e.path().filename().string().starts_with("crash-"))
+            names.push_back(e.path().filename());
     }
     return names;
 }

@@ -181,26 +181,25 @@ TEST(BacktraceSymbols, NamesAnExportedFunctionAndItsModule) {
     const std::string exe = program_invocation_short_name;
     EXPECT_EQ(std::string(info.module_name, info.module_name_length), exe);
 
-    Collect c;
-    backtrace_symbol_information_print(&c, &info);
+    auto printed = [&info] {
+        Collect c;
+        backtrace_symbol_information_print(&c, &info);
+        return c.text;
+    };
     // No maps were read in this process, so no module offset.
-    EXPECT_EQ(c.text,
+    EXPECT_EQ(printed(),
               "crash_dump_test_symbol + 3/" + std::to_string(info.symbol_size) + " (" + exe + ")");
 
     // File and line are printed when some source fills them in.
     info.source_file = "x.cpp";
     info.source_line = 12;
     info.offset_in_module = 0x1f0;
-    c.text.clear();
-    backtrace_symbol_information_print(&c, &info);
-    EXPECT_TRUE(c.text.ends_with(" (" + exe + " + 0x1F0) [x.cpp:12]")) << c.text;
+    EXPECT_TRUE(printed().ends_with(" (" + exe + " + 0x1F0) [x.cpp:12]")) << printed();
 
     // Heap memory belongs to no loaded object.
     auto heap = std::make_unique<char[]>(64);
     EXPECT_EQ(backtrace_symbol_information_get(&info, heap.get()), -1);
-    c.text.clear();
-    backtrace_symbol_information_print(&c, &info);
-    EXPECT_EQ(c.text, "? ()");
+    EXPECT_EQ(printed(), "? ()");
 }
 
 TEST(BacktraceSymbols, BacktraceDropsNoFrameOfOurs) {
@@ -257,7 +256,7 @@ std::string notationLines(const std::string& report) {
 
 // Which threads see which notations, and in what order, the crash report
 // tests show from a dying process; here, the forms and their ends.
-TEST(CrashLogNotations, NestInnermostLastAndEndWithTheirScope) {
+TEST(CrashLogNotations, NestInnermostLastEndInAnyOrderAndGlobalsComeFirst) {
     Thread::registerCrashlogHooks();
     {
         Numbered outer(1);
@@ -269,10 +268,7 @@ TEST(CrashLogNotations, NestInnermostLastAndEndWithTheirScope) {
         EXPECT_LT(here.find("Thread: \"MainThread\""), here.find("notation 1"));
     }
     EXPECT_EQ(notationLines(notationsHere()), "");
-}
 
-TEST(CrashLogNotations, OutOfOrderEndsKeepTheListWhole) {
-    Thread::registerCrashlogHooks();
     auto a = std::make_unique<Numbered>(1);
     auto b = std::make_unique<Numbered>(2);
     auto c = std::make_unique<Numbered>(3);
@@ -283,6 +279,11 @@ TEST(CrashLogNotations, OutOfOrderEndsKeepTheListWhole) {
     Numbered d(4);
     c.reset();  // not the last
     EXPECT_EQ(notationLines(notationsHere()), "notation 4;");
+
+    ASSERT_TRUE(addGlobalCrashLogNotation("notation global %d", 7));
+    ASSERT_TRUE(addGlobalCrashLogNotationConstant("notation global constant"));
+    const std::string lines = notationLines(notationsHere());
+    EXPECT_TRUE(lines.ends_with("notation global 7;notation global constant;notation 4;")) << lines;
 }
 
 TEST(CrashLogNotations, StringFormsAndTheCountLimit) {
@@ -311,30 +312,17 @@ TEST(CrashLogNotations, StringFormsAndTheCountLimit) {
         "x\nMax crashlog notation count exceeded (1024), probably linked list of notations "
         "corrupted. breaking out.\n"))
         << seen.substr(seen.size() - 200);
-}
 
-TEST(CrashLogNotations, WithoutAThreadStateNothingIsPushed) {
     // A thread the library did not start has no notation state.
-    Thread::registerCrashlogHooks();
     bool pushed = true;
     int pushResult = 0;
-    std::thread foreign([&] {
+    std::thread([&] {
         Numbered n(1);
         pushed = n.wasPushed();
         pushResult = crashlog_notation_perthread_push("y", 1);
-    });
-    foreign.join();
+    }).join();
     EXPECT_FALSE(pushed);
     EXPECT_EQ(pushResult, -1);
-}
-
-TEST(CrashLogNotations, GlobalNotationsComeFirstAndStay) {
-    Thread::registerCrashlogHooks();
-    ASSERT_TRUE(addGlobalCrashLogNotation("notation global %d", 7));
-    ASSERT_TRUE(addGlobalCrashLogNotationConstant("notation global constant"));
-    Numbered mine(5);
-    const std::string lines = notationLines(notationsHere());
-    EXPECT_TRUE(lines.ends_with("notation global 7;notation global constant;notation 5;")) << lines;
 }
 
 // ---------------------------------------------------------------- signal stacks
@@ -344,19 +332,17 @@ TEST(CrashLogAltStack, EveryThreadGetsAGuardedStackOfItsOwn) {
     ASSERT_EQ(sigaltstack(nullptr, &mainStack), 0);
     stack_t seen[2] = {};
     std::atomic<int> recorded{0};
-    std::vector<std::unique_ptr<ThreadFunction>> threads;
-    for (int i = 0; i < 2; ++i) {
-        // Both stand at once, so that one can't reuse the other's memory.
-        threads.push_back(std::make_unique<ThreadFunction>(
-            [&seen, &recorded, i] {
-                sigaltstack(nullptr, &seen[i]);
-                recorded.fetch_add(1);
-                while (recorded.load() < 2) sched_yield();
-            },
-            "AltStack%d", i));
-    }
-    for (auto& t : threads) t->go();
-    for (auto& t : threads) t->join();
+    // Both stand at once, so that one can't reuse the other's memory.
+    auto record = [&seen, &recorded](int i) {
+        return [&seen, &recorded, i] {
+            sigaltstack(nullptr, &seen[i]);
+            recorded.fetch_add(1);
+            while (recorded.load() < 2) sched_yield();
+        };
+    };
+    ThreadFunction t0(record(0), "AltStack0"), t1(record(1), "AltStack1");
+    for (Thread* t : {&t0, &t1}) t->go();
+    for (Thread* t : {&t0, &t1}) t->join();
     const long page = sysconf(_SC_PAGESIZE);
     for (const stack_t& s : seen) {
         EXPECT_EQ(s.ss_flags, 0);
@@ -367,11 +353,10 @@ TEST(CrashLogAltStack, EveryThreadGetsAGuardedStackOfItsOwn) {
     // Installing and removing by hand puts back what was there.
     crashdumper_alt_stack mine = {};
     ASSERT_EQ(crash_log_alt_stack_install(&mine), 0);
-    stack_t during;
+    stack_t during, after;
     sigaltstack(nullptr, &during);
     EXPECT_EQ(static_cast<char*>(during.ss_sp), static_cast<char*>(mine.mapping) + page);
     crash_log_alt_stack_remove(&mine);
-    stack_t after;
     sigaltstack(nullptr, &after);
     EXPECT_EQ(after.ss_sp, mainStack.ss_sp);
     EXPECT_EQ(after.ss_flags, mainStack.ss_flags);

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -193,27 +194,18 @@ TEST(MutexByteCrashLog, StatesChainsAndWaiters) {
 
 // ---------------------------------------------------------------- pthread wrappers
 
-TEST(PthreadMutexImpl, TryLockOnAHeldMutexIsFalseFromAnyThread) {
+TEST(PthreadMutexImpl, TryLockFailsFromAnyThreadAndTheCrashLogShowsTheFortyBytes) {
     Mutex m;
+    const std::string unlocked = crashText(static_cast<const PthreadMutexImpl&>(m));
+    EXPECT_EQ(unlocked, "PthreadMutexImpl:{" + std::string(80, '0') + "}");
     ASSERT_TRUE(m.tryLock());
     EXPECT_FALSE(m.tryLock());
     bool other = true;
-    {
-        Worker w("trier", [&] { other = m.tryLock(); });
-    }
+    Worker("trier", [&] { other = m.tryLock(); });
     EXPECT_FALSE(other);
+    EXPECT_NE(crashText(static_cast<const PthreadMutexImpl&>(m)), unlocked);
     m.unlock();
     EXPECT_TRUE(m.tryLock());
-    m.unlock();
-}
-
-TEST(PthreadMutexImpl, CrashLogShowsTheFortyBytes) {
-    Mutex m;
-    const std::string unlocked = crashText(static_cast<const PthreadMutexImpl&>(m));
-    ASSERT_EQ(unlocked.size(), std::string("PthreadMutexImpl:{}").size() + 80);
-    EXPECT_EQ(unlocked, "PthreadMutexImpl:{" + std::string(80, '0') + "}");
-    m.lock();
-    EXPECT_NE(crashText(static_cast<const PthreadMutexImpl&>(m)), unlocked);
     m.unlock();
 }
 
@@ -228,9 +220,7 @@ TEST(ConditionWaitTimeout, PrintsAsShortAsIsExact) {
         {{-2, 250000000}, "-2.250"},
     };
     for (const auto& [timeout, expected] : cases) {
-        Str s;
-        append_stringified(&s, timeout);
-        EXPECT_EQ(s, expected);
+        EXPECT_EQ(Str::from(timeout), expected);
         EXPECT_EQ(crashText(timeout), expected);
     }
 }
@@ -240,20 +230,13 @@ TEST(PthreadConditionImpl, TimedWaitsRunOnTheMonotonicClock) {
         << "glibc has pthread_condattr_setclock; the probe must find it";
     ConditionMutex m;
     PthreadConditionImpl c;
-    struct timespec before, after;
-    clock_gettime(CLOCK_MONOTONIC, &before);
+    const auto start = std::chrono::steady_clock::now();
     m.lock();
-    const bool woken = c.wait(m, ConditionWaitTimeout{0, 150000000});
-    m.unlock();
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    EXPECT_FALSE(woken);
-    const double waited =
-        double(after.tv_sec - before.tv_sec) + double(after.tv_nsec - before.tv_nsec) / 1e9;
-    EXPECT_GE(waited, 0.15);
+    EXPECT_FALSE(c.wait(m, ConditionWaitTimeout{0, 150000000}));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
 
     // A wake-up before the time runs out says true.
     bool flag = false;
-    m.lock();
     Worker w("waker", [&] {
         m.lock();
         flag = true;
@@ -264,7 +247,6 @@ TEST(PthreadConditionImpl, TimedWaitsRunOnTheMonotonicClock) {
     while (!flag && result) result = c.wait(m, ConditionWaitTimeout{60, 0});
     m.unlock();
     EXPECT_TRUE(result);
-    EXPECT_TRUE(flag);
 }
 
 // Run again in a child with the variable set: the decision and the clock of
@@ -294,35 +276,23 @@ TEST(PthreadConditionImpl, TheEnvironmentCanTurnTheMonotonicClockOff) {
 
 TEST(ReadWriteLock, ReadersShareAndAWriterExcludes) {
     ReadWriteLock l;
-    std::atomic<int> readersInside{0};
-    std::atomic<bool> sawTwoReaders{false};
-    {
-        ScopedReader outer(&l);
-        // A second reader gets in while the first holds it.
-        Worker r("reader", [&] {
-            ScopedReader inner;
-            inner.setup(&l);
-            readersInside.fetch_add(1);
-            sawTwoReaders = true;
-        });
-    }
-    EXPECT_TRUE(sawTwoReaders.load());
-    int value = 0;
+    auto reader = std::make_unique<ScopedReader>(&l);
+    // A second reader, armed late, gets in while the first holds it.
+    Worker("reader", [&] {
+        ScopedReader inner;
+        inner.setup(&l);
+    });
     std::atomic<bool> writerIn{false};
     {
-        auto holding = std::make_unique<ScopedReader>(&l);
         Worker w("writer", [&] {
             ScopedWriter writer(&l);
             writerIn = true;
-            value = 1;
         });
-        // The writer can't be inside while the reader holds the lock.
         for (int i = 0; i < 1000; ++i) Thread::yieldCpu();
-        EXPECT_FALSE(writerIn.load());
-        holding.reset();
+        EXPECT_FALSE(writerIn.load()) << "a writer got in beside a reader";
+        reader.reset();
     }
     EXPECT_TRUE(writerIn.load());
-    EXPECT_EQ(value, 1);
 }
 
 TEST(SequenceLock, ReadersSeeAChangeAndWaitOutAWriter) {

@@ -1,15 +1,12 @@
 #include "util/Thread.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -40,7 +37,6 @@ public:
         _hold = false;
         _t.join();
     }
-    ThreadFunction& operator*() { return _t; }
     ThreadFunction* operator->() { return &_t; }
 
 private:
@@ -48,143 +44,77 @@ private:
     ThreadFunction _t;
 };
 
-class Flagging : public Thread {
-public:
-    explicit Flagging(std::atomic<bool>& ran) : Thread("flagging"), _ran(ran) {}
-    void main() override { _ran = true; }
-
-private:
-    std::atomic<bool>& _ran;
-};
-
-std::set<std::string> kernelNames() {
-    std::set<std::string> names;
-    DIR* dir = opendir("/proc/self/task");
-    while (struct dirent* e = readdir(dir)) {
-        std::ifstream in(std::string("/proc/self/task/") + e->d_name + "/comm");
-        std::string name;
-        if (e->d_name[0] != '.' && std::getline(in, name)) names.insert(name);
-    }
-    closedir(dir);
-    return names;
-}
-
 // ---------------------------------------------------------------- life cycle
 
 TEST(Thread, NamesLoseTheirBlanksAndTheKernelKeepsFifteenBytes) {
     Held t("my thread %d", 1), longName("Tcp Channel Thread");
     EXPECT_EQ(t->name(), "mythread1");
     EXPECT_EQ(longName->name(), "TcpChannelThread");
-    // Each thread names itself once it runs.
-    ASSERT_TRUE(spinUntil([&] {
-        const auto names = kernelNames();
-        return names.count("TcpChannelThrea") == 1 && names.count("mythread1") == 1;
-    }));
-    EXPECT_NE(t->kernelId(), 0);
-    EXPECT_NE(longName->kernelId(), 0);
     EXPECT_NE(t->kernelId(), longName->kernelId());
+    // Each thread names itself once it runs.
+    auto comm = [](Held& h) {
+        return testsupport::readFile("/proc/self/task/" + std::to_string(h->kernelId()) + "/comm");
+    };
+    EXPECT_TRUE(spinUntil([&] { return comm(t) == "mythread1\n"; })) << comm(t);
+    EXPECT_TRUE(spinUntil([&] { return comm(longName) == "TcpChannelThrea\n"; })) << comm(longName);
 }
 
 TEST(Thread, AnUnstartedThreadIsJoinedQuietlyAndNeverRuns) {
     std::atomic<bool> ran{false};
+    auto flag = [&] { ran = true; };
     const unsigned before = Thread::approximateThreadCount();
     {
-        Flagging t(ran);
-        // Counted from construction, before go().
-        EXPECT_EQ(Thread::approximateThreadCount(), before + 1);
+        ThreadFunction t(flag, "unstarted");
+        EXPECT_EQ(Thread::approximateThreadCount(), before + 1) << "counted from construction";
     }
-    EXPECT_FALSE(ran.load());
     ASSERT_TRUE(spinUntil([&] { return Thread::approximateThreadCount() == before; }));
-    Flagging(ran).joinEvenIfUnstarted();
+    ThreadFunction(flag, "unstarted").joinEvenIfUnstarted();
     EXPECT_FALSE(ran.load());
-    Flagging started(ran);
+    ThreadFunction started(flag, "started");
     started.go();
     started.joinEvenIfUnstarted();
     EXPECT_TRUE(ran.load());
 }
 
-TEST(Thread, TheCurrentThreadKnowsItself) {
+TEST(Thread, TheCurrentThreadKnowsItselfAndATerminateExceptionEndsItQuietly) {
     EXPECT_TRUE(Thread::currentIsMainThread());
     EXPECT_STREQ(Thread::currentName(), "MainThread");
     EXPECT_EQ(Thread::currentId(), static_cast<pid_t>(syscall(SYS_gettid)));
-    Thread* seen = nullptr;
-    std::string name;
     pid_t id = 0;
-    bool isMain = true;
     ThreadFunction t(
         [&] {
-            seen = Thread::current();
-            name = Thread::currentName();
+            EXPECT_EQ(Thread::current(), &t);
+            EXPECT_STREQ(Thread::currentName(), "self-aware");
+            EXPECT_FALSE(Thread::currentIsMainThread());
             id = Thread::currentId();
-            isMain = Thread::currentIsMainThread();
+            throw Thread::TerminateException("enough");
+            ADD_FAILURE() << "went on after the TerminateException";
         },
         "self-aware");
     t.go();
     t.join();
-    EXPECT_EQ(seen, &t);
-    EXPECT_EQ(name, "self-aware");
     EXPECT_EQ(id, t.kernelId());
-    EXPECT_FALSE(isMain);
+    EXPECT_NE(id, 0);
 
     // A thread the library didn't make.
-    std::thread([&] {
-        name = Thread::currentName();
-        seen = Thread::current();
+    std::thread([] {
+        EXPECT_STREQ(Thread::currentName(), "Unknown Thread");
+        EXPECT_EQ(Thread::current(), nullptr);
     }).join();
-    EXPECT_EQ(name, "Unknown Thread");
-    EXPECT_EQ(seen, nullptr);
 }
 
-TEST(Thread, TerminateExceptionEndsTheThreadQuietly) {
-    std::atomic<bool> after{false};
-    ThreadFunction t(
-        [&] {
-            throw Thread::TerminateException("enough");
-            after = true;
-        },
-        "terminated");
-    t.go();
-    t.join();
-    EXPECT_FALSE(after.load());
-}
-
-TEST(ThreadDeathTest, AnyOtherExceptionFromMainEndsTheProcess) {
-    EXPECT_DEATH(
-        {
-            ThreadFunction t([] { throw std::runtime_error("boom from a worker"); }, "thrower");
-            t.go();
-            t.join();
-        },
-        "terminate called after throwing an instance of 'std::runtime_error'");
-}
-
-TEST(ThreadDeathTest, MisuseIsAnAssertion) {
-    EXPECT_DEATH(
-        {
-            ThreadFunction t([] {}, "twice");
-            t.go();
-            t.join();
-            t.join();
-        },
-        "Assertion `_did_join.load\\(\\) == DID_NOT_JOIN' failed");
-    EXPECT_DEATH(
-        {
-            std::atomic<bool> ran{false};
-            auto* t = new Flagging(ran);
-            t->go();
-            spinUntil([&] { return ran.load(); });
-            delete t;  // started and never joined
-        },
-        "Assertion `!_ready_to_run.load\\(\\)' failed");
-    EXPECT_DEATH(
-        {
-            ThreadFunction t([] {}, "gone");
-            t.go();
-            t.go();
-        },
-        "Assertion `!_ready_to_run.load\\(\\)' failed");
-    EXPECT_DEATH(ThreadFunction([] {}, "never started").join(),
-                 "Assertion `_ready_to_run.load\\(\\)' failed");
+TEST(ThreadDeathTest, MisuseIsAnAssertionAndAnyOtherExceptionEndsTheProcess) {
+    auto run = [](std::function<void()> body, int goes, int joins) {
+        ThreadFunction t(std::move(body), "misused");
+        for (int i = 0; i < goes; ++i) t.go();
+        for (int i = 0; i < joins; ++i) t.join();
+    };
+    EXPECT_DEATH(run([] { throw std::runtime_error("boom from a worker"); }, 1, 1),
+                 "terminate called after throwing an instance of 'std::runtime_error'");
+    EXPECT_DEATH(run([] {}, 1, 2), "Assertion `_did_join.load\\(\\) == DID_NOT_JOIN' failed");
+    EXPECT_DEATH(run([] {}, 2, 1), "Assertion `!_ready_to_run.load\\(\\)' failed");
+    EXPECT_DEATH(run([] {}, 1, 0), "Assertion `!_ready_to_run.load\\(\\)' failed");  // not joined
+    EXPECT_DEATH(run([] {}, 0, 1), "Assertion `_ready_to_run.load\\(\\)' failed");
     // Only reachable by calling it: the empty main thread exists to be built.
     EXPECT_DEATH(Thread::current()->main(), "Assertion `0' failed");
 }
@@ -209,8 +139,7 @@ TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
     ASSERT_TRUE(spinUntil([&] { return running.load() == 2; }));
     Thread::iterateEachRunning(c);
     EXPECT_EQ(c.seen.count(&listed), 1u);
-    EXPECT_EQ(c.seen.count(&hidden), 0u);
-    EXPECT_EQ(c.seen.count(&unstarted), 0u);
+    EXPECT_EQ(c.seen.count(&hidden) + c.seen.count(&unstarted), 0u);
     EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "listed"; }), &listed);
     EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "hidden"; }), nullptr);
 
@@ -243,16 +172,14 @@ TEST(Thread, SchedulingPoliciesByName) {
     for (auto [p, text] : {std::pair{Thread::SCHED_POLICY_OTHER, "other"},
                            std::pair{Thread::SCHED_POLICY_FIFO, "fifo"},
                            std::pair{Thread::SCHED_POLICY_ROUND_ROBIN, "round_robin"}}) {
-        Str s;
-        append_stringified(&s, p);
-        EXPECT_EQ(s, text);
+        EXPECT_EQ(Str::from(p), text);
         Thread::SchedPolicy parsed = Thread::SCHED_POLICY_OTHER;
         ASSERT_TRUE(mem_parse_into(text, strlen(text), &parsed));
         EXPECT_EQ(parsed, p);
     }
-    Str s;
-    append_stringified(&s, static_cast<Thread::SchedPolicy>(7));
-    EXPECT_EQ(s, "none");
+    Str none;
+    append_stringified(&none, static_cast<Thread::SchedPolicy>(7));
+    EXPECT_EQ(none, "none");
     Thread::SchedPolicy kept = Thread::SCHED_POLICY_FIFO;
     for (const char* bad : {"FIFO", "fifo ", "", "rr"}) {
         EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &kept)) << bad;
@@ -263,49 +190,43 @@ TEST(Thread, SchedulingPoliciesByName) {
 // A refused scheduling setting, by the attribute calls or by the kernel at
 // creation, only warns: the thread starts with its creator's scheduling.
 TEST(Thread, RefusedSchedulingStillStarts) {
-    struct Case {
+    struct Scheduled : Thread {
+        using Thread::Thread;
+        int policy = -1;  // stays so unless main() runs
+        void main() override {
+            struct sched_param param;
+            pthread_getschedparam(pthread_self(), &policy, &param);
+        }
+    };
+    const struct {
         Thread::SchedPolicy policy;
         int priority;
         bool privileged;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {Thread::SCHED_POLICY_FIFO, 10, false},        // refused by pthread_create: EPERM
         {Thread::SCHED_POLICY_FIFO, 1000, true},       // refused by setschedparam: EINVAL
         {Thread::SCHED_POLICY_ROUND_ROBIN, -5, true},  // below the policy's range
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         auto body = [&c] {
             // An unprivileged user may have real-time priorities up to
             // RLIMIT_RTPRIO, which some hosts raise: none here.
             const struct rlimit none = {0, 0};
             if (setrlimit(RLIMIT_RTPRIO, &none) != 0) return 4;
-            std::atomic<bool> ran{false};
-            int policy = -1;
-            struct Scheduled : Thread {
-                std::atomic<bool>& ran;
-                int& policy;
-                Scheduled(const Case& c, std::atomic<bool>& r, int& p)
-                    : Thread(c.policy, c.priority, "scheduled"), ran(r), policy(p) {}
-                void main() override {
-                    struct sched_param param;
-                    pthread_getschedparam(pthread_self(), &policy, &param);
-                    ran = true;
-                }
-            } t(c, ran, policy);
+            Scheduled t(c.policy, c.priority, "scheduled");
             t.go();
             t.join();
-            if (!ran.load()) return 2;
-            return policy == SCHED_OTHER ? 0 : 3;
+            return t.policy == SCHED_OTHER ? 0 : 3;
         };
-        const int status = c.privileged
-                               ? testsupport::inChild(body)
+        EXPECT_EQ(c.privileged ? testsupport::inChild(body)
                                : testsupport::inChildAs(testsupport::kUnprivilegedUid,
-                                                        testsupport::kUnprivilegedGid, body);
-        EXPECT_EQ(status, 0) << "policy " << c.policy << ", priority " << c.priority;
+                                                        testsupport::kUnprivilegedGid, body),
+                  0)
+            << "policy " << c.policy << ", priority " << c.priority;
     }
 }
 
-// The main thread's description the crash report tests read.
+// The description the crash report tests read.
 TEST(Thread, CrashLogDescribesTheThread) {
     // The thread describes itself: its scratch is its own stack.
     std::string running;
@@ -333,16 +254,12 @@ TEST(Thread, CrashLogDescribesTheThread) {
 
 class Probe : public Thread::InSignalContextActor {
 public:
-    std::atomic<bool> prepared{false};
     std::atomic<bool> whileCalled{false};
     std::atomic<bool> overlapped{false};
     std::atomic<pid_t> ranOn{0};
     bool refuse = false;
 
-    bool prepare() override {
-        prepared = true;
-        return !refuse;
-    }
+    bool prepare() override { return !refuse; }
     void whileTargetInSignal() override { whileCalled = true; }
     void inSignal() override {
         ranOn = static_cast<pid_t>(syscall(SYS_gettid));
@@ -357,7 +274,6 @@ TEST(Thread, CodeRunsInsideTheTargetsSignalHandler) {
     Held target("target");
     Probe probe;
     ASSERT_TRUE(target->runInUnixSignalContext(&probe));
-    EXPECT_TRUE(probe.prepared.load());
     EXPECT_EQ(probe.ranOn.load(), target->kernelId());
     EXPECT_TRUE(probe.overlapped.load());
 
@@ -366,6 +282,10 @@ TEST(Thread, CodeRunsInsideTheTargetsSignalHandler) {
     refused.refuse = true;
     EXPECT_FALSE(target->runInUnixSignalContext(&refused));
     EXPECT_EQ(refused.ranOn.load(), 0);
+
+    // A SIGUSR1 from another process is ignored, and the channel still works.
+    const pid_t self = getpid();
+    EXPECT_EQ(testsupport::inChild([self] { return kill(self, SIGUSR1) == 0 ? 0 : 1; }), 0);
     Probe again;
     EXPECT_TRUE(target->runInUnixSignalContext(&again));
     EXPECT_EQ(again.ranOn.load(), target->kernelId());
@@ -388,30 +308,21 @@ TEST(Thread, RequestsFromSeveralThreadsRunOneAtATime) {
     EXPECT_EQ(done.load(), 60);
 }
 
-TEST(Thread, ASigusr1FromAnotherProcessIsIgnored) {
-    Held target("target");
-    const pid_t self = getpid();
-    EXPECT_EQ(testsupport::inChild([self] { return kill(self, SIGUSR1) == 0 ? 0 : 1; }), 0);
-    // Still alive, and the channel still works.
-    Probe p;
-    EXPECT_TRUE(target->runInUnixSignalContext(&p));
-}
-
 // A child of fork() is one thread with the parent's memory: after
 // reinitializeAfterFork() it is the main thread under its own ids, and
 // signal-context requests, which check the sender's process id, work again.
 TEST(Thread, AForkedChildStartsOverAsTheMainThread) {
-    const int status = testsupport::inChild([] {
-        Thread::reinitializeAfterFork();
-        if (Thread::currentId() != static_cast<pid_t>(syscall(SYS_gettid))) return 2;
-        if (!Thread::currentIsMainThread()) return 3;
-        Held target("child-target");
-        if (target->kernelId() == 0) return 4;
-        Probe p;
-        const bool ran = target->runInUnixSignalContext(&p);
-        return ran && p.ranOn.load() == target->kernelId() ? 0 : 5;
-    });
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(testsupport::inChild([] {
+                  Thread::reinitializeAfterFork();
+                  if (Thread::currentId() != static_cast<pid_t>(syscall(SYS_gettid))) return 2;
+                  if (!Thread::currentIsMainThread()) return 3;
+                  Held target("child-target");
+                  if (target->kernelId() == 0) return 4;
+                  Probe p;
+                  const bool ran = target->runInUnixSignalContext(&p);
+                  return ran && p.ranOn.load() == target->kernelId() ? 0 : 5;
+              }),
+              0);
 }
 
 // ---------------------------------------------------------------- duty cycle
@@ -437,8 +348,7 @@ TEST(DutyCycleEstimate, OldHistoryFadesLinearly) {
 }
 
 TEST(DutyCycleEstimate, AThreadsEstimateIsClaimedOnceAndReadFromOutside) {
-    std::atomic<bool> hold{true};
-    std::atomic<bool> claimed{false};
+    std::atomic<bool> hold{true}, claimed{false};
     bool innerUsedOwn = false;
     ThreadFunction t(
         [&] {
