@@ -49,7 +49,8 @@ struct ReadResult {
     ssize_t last = 0;
     int error = 0;
 };
-ReadResult readAll(ReadableGzipStream& in, size_t chunk = 1000, Interval timeout = Interval()) {
+ReadResult readAll(ReadableGzipStream& in, size_t chunk = 1000,
+                   Interval timeout = Interval::unbounded()) {
     ReadResult r;
     std::string buf(chunk, '\0');
     while ((r.last = in.read(buf.data(), buf.size(), timeout)) > 0) r.text.append(buf, 0, r.last);

@@ -105,9 +105,18 @@ TEST(Thread, TheCurrentThreadKnowsItselfAndATerminateExceptionEndsItQuietly) {
 
 TEST(ThreadDeathTest, MisuseIsAnAssertionAndAnyOtherExceptionEndsTheProcess) {
     auto run = [](std::function<void()> body, int goes, int joins) {
-        ThreadFunction t(std::move(body), "misused");
+        std::atomic<bool> ran{false};
+        ThreadFunction t(
+            [&] {
+                body();
+                ran = true;
+            },
+            "misused");
         for (int i = 0; i < goes; ++i) t.go();
         for (int i = 0; i < joins; ++i) t.join();
+        // Destroyed unjoined: only once its main has run, which orders the
+        // thread's last look at the object before the destructor.
+        if (goes > 0 && joins == 0) spinUntil([&] { return ran.load(); });
     };
     EXPECT_DEATH(run([] { throw std::runtime_error("boom from a worker"); }, 1, 1),
                  "terminate called after throwing an instance of 'std::runtime_error'");
