@@ -4,7 +4,10 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "libzero/assertion.h"
 #include "libzero/syscall-probe.h"
@@ -118,8 +121,12 @@ events_mask_t Throttleable::checkThrottling(events_mask_t revents, events_mask_t
         _throttled_prevp = &g->_want_unthrottle;
         g->_want_unthrottle = this;
     }
-    // The mask handed back lets through what the group does not hold; what
-    // it holds is remembered, to be given back by unthrottle().
+    // `mask` is the value handed back: the complement of the group's mask.
+    // What gets recorded is what the group holds back, ourEvents & ~mask,
+    // the events unthrottle() must give back. Taken with the group's own
+    // mask as the operand instead (ourEvents & ~groupMask), the record would
+    // hold only events that were never taken away: unthrottle() would find
+    // nothing to restore and a throttled descriptor would never read again.
     const events_mask_t mask = ~groupMask;
     _throttled_events |= ourEvents & ~mask;
     return mask;
@@ -291,7 +298,8 @@ void PolledFd::changeRevents(events_mask_t mask) {
 
 void PolledFd::unlinkRerun() {
     if (_prevRerunP == nullptr) return;
-    ASSERT(*(_prevRerunP) == this);
+    const PolledFd* p = this;
+    ASSERT(*(p->_prevRerunP) == p);
     *_prevRerunP = _rerunNext;
     if (_rerunNext != nullptr) _rerunNext->_prevRerunP = _prevRerunP;
     _prevRerunP = nullptr;
@@ -512,8 +520,8 @@ void EventLoop::disableWatchdogMonitoring() {
 
 void EventLoop::setMaxActorRunsPerCycle(unsigned n) {
     ASSERT(_ita_kick == nullptr);
-    ASSERT(n != 0);
     max_actor_runs_per_cycle = n;
+    ASSERT(max_actor_runs_per_cycle != 0);
 }
 
 void EventLoop::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
@@ -536,17 +544,26 @@ public:
             ScopedInThreadExclusiveClaim claim;
             eloop->_ita_list._mutex.lock();
             // Waits for a thread that runs actors outside the loop.
+            // Only a second run() of this loop could have come up meanwhile.
             claim.claim(&eloop->_ita_list);
+            ASSERT(eloop->_ita_kick == nullptr);
             eloop->_ita_kick = kick;
             eloop->_ita_thread = ThreadToken::self();
             eloop->_dutyCycle = duty;
             eloop->_running = true;
-            std::atomic_thread_fence(std::memory_order_seq_cst);
+            thread_fence(std::memory_order_seq_cst);
             eloop->_ita_list.setRunning(true);
             // The claim goes after the mutex: drop() takes it.
             eloop->_ita_list._mutex.unlock();
         }
-        if (!eloop->_watchdogTimeout.isUnbounded()) attachToManager(eloop->_watchdogTimeout);
+        if (!eloop->_watchdogTimeout.isUnbounded()) {
+            try {
+                attachToManager(eloop->_watchdogTimeout);
+            } catch (...) {
+                stop(nullptr);  // not constructed: no destructor will
+                throw;
+            }
+        }
     }
     ~scoped_inside_run() override {
         if (!_finished) stop(nullptr);
@@ -558,14 +575,25 @@ public:
 private:
     void stop(ScopedInThreadExclusiveClaim* claim) {
         _finished = true;
+        // The loop's state goes back even when detaching throws.
+        struct Reset {
+            scoped_inside_run* self;
+            ScopedInThreadExclusiveClaim* claim;
+            ~Reset() {
+                EventLoop* e = self->_e;
+                ScopedLock lock(e->_ita_list._mutex);
+                e->_running = false;
+                thread_fence(std::memory_order_seq_cst);
+                e->_ita_kick = nullptr;
+                e->_dutyCycle = nullptr;
+                e->_ita_list.setRunning(false);
+                if (claim != nullptr) claim->claim(&e->_ita_list);
+            }
+        } reset{this, claim};
         detachFromManager();
-        ScopedLock lock(_e->_ita_list._mutex);
-        _e->_running = false;
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-        _e->_ita_kick = nullptr;
-        _e->_dutyCycle = nullptr;
-        _e->_ita_list.setRunning(false);
-        if (claim != nullptr) claim->claim(&_e->_ita_list);
+        // Detached, no watchdog posts the kick again; one already queued
+        // would outlive this object in the drain.
+        _e->_ita_list.removeFromPendingList(&_kick);
     }
     EventLoop* _e;
     bool _finished = false;
@@ -594,7 +622,12 @@ void EventLoop::servicePoll() {
         PolledFd* pfd = u.pev[i];
         ASSERT(pfd->_p.using_poll.pfd == &_p.using_poll.pfd[i]);
         if (pfd->do_event()) {
-            finishedDescriptor(pfd);
+            // Finished; unless its handler already took it out (then it may
+            // be gone: it is looked for, not touched).
+            if (g == _generation ||
+                std::find(u.pev, u.pev + u.pfdCount, pfd) != u.pev + u.pfdCount) {
+                finishedDescriptor(pfd);
+            }
         } else if (g == _generation) {
             u.pfd[i].revents = 0;
             continue;
@@ -620,7 +653,23 @@ void EventLoop::serviceEpoll(int rv) {
         p->_p.using_epoll.curEvent = &u.evs[i];
     }
     const uint32_t g = _generation;
-    for (unsigned i = 0; i < n; i++) {
+    unsigned i = 0;
+    // A handler that throws leaves this batch: no descriptor may keep a
+    // pointer into it.
+    struct ClearOnThrow {
+        epoll_event* evs;
+        const unsigned* from;
+        const unsigned* n;
+        ~ClearOnThrow() {
+            if (std::uncaught_exceptions() == 0) return;
+            for (unsigned j = *from; j < *n; j++) {
+                if (auto* q = static_cast<PolledFd*>(evs[j].data.ptr)) {
+                    q->_p.using_epoll.curEvent = nullptr;
+                }
+            }
+        }
+    } clearOnThrow{u.evs, &i, &n};
+    for (; i < n; i++) {
         PolledFd* p = static_cast<PolledFd*>(u.evs[i].data.ptr);
         if (p == nullptr) continue;
         const bool done = p->do_event();
@@ -675,7 +724,19 @@ void EventLoop::run() {
     ScopedDutyCycleClaimThread duty(false);
     InThreadActorNotify notify(this);
     notify.setup();
-    notify.add_to_eventloop(this);
+    {
+        // Descriptors change only under the claim while no loop runs: an
+        // outside runner may be adding its own right now.
+        ScopedInThreadExclusiveClaim claim;
+        {
+            ScopedLock lock(_ita_list._mutex);
+            claim.claim(&_ita_list);
+        }
+        notify.add_to_eventloop(this);
+    }
+    // Declared first, dropped last: the self-pipe leaves the descriptor
+    // set while this thread still holds the claim.
+    ScopedInThreadExclusiveClaim drainClaim;
     struct RemoveNotify {
         EventLoop* e;
         InThreadActorNotify* n;
@@ -684,7 +745,6 @@ void EventLoop::run() {
         }
     } removeNotify{this, &notify};
 
-    ScopedInThreadExclusiveClaim drainClaim;
     {
         scoped_inside_run inside(this, &notify, &duty.estimate());
         PolledFd* triggerAfterList = nullptr;
@@ -770,11 +830,12 @@ void EventLoop::run() {
             skipToWait = true;
         }
         inside.finish(&drainClaim);
+        // Still inside: a watchdog kick queued late is unlinked by finish,
+        // and nothing of the monitored object is gone before the drain.
+        while (!notify.when_triggered()) {}
+        clearAndRunZeroTimeouts();
+        _ita_list.waitForAllActorsToBeNotified();
     }
-    while (!notify.when_triggered()) {}
-    clearAndRunZeroTimeouts();
-    _ita_list.waitForAllActorsToBeNotified();
-    _done = false;
     if (_terminateReason) {
         std::exception_ptr reason;
         std::swap(reason, _terminateReason);
@@ -786,7 +847,12 @@ void EventLoop::startThreadAndLoop(Thread* t) {
     WaitForEventLoopStarted started;
     add(&started, Interval(0));
     eventloop_log.debug("Spawning %s", t->name().c_str());
-    t->go();
+    try {
+        t->go();
+    } catch (...) {
+        remove(&started);
+        throw;
+    }
     eventloop_log.debug("%s waiting for EventLoop to start", t->name().c_str());
     started.wait();
     eventloop_log.debug("%s's EventLoop started", t->name().c_str());
@@ -832,7 +898,13 @@ bool EventLoop::addFromAnywhere(CallbackAfterEventService* caes) {
     caes->_actor._wantWake = false;
     caes->_actor._wantFailIfLoopDone = false;
     _ita_list.add(&caes->_actor);
-    _ita_kick->trigger();
+    try {
+        _ita_kick->trigger();
+    } catch (...) {
+        _ita_list.removeFromPendingListLocked(&caes->_actor);
+        caes->_add_eloop = nullptr;
+        throw;
+    }
     return true;
 }
 
@@ -868,6 +940,17 @@ void PolledReadPipe::remove_from_eventloop(EventLoop* eloop) {
     if (_pfd.isActive()) eloop->removeActivePolledFd(&_pfd);
 }
 
+namespace {
+
+// A peer that went away must not raise SIGPIPE in the loop thread.
+ssize_t sendOrWrite(int fd, const void* data, size_t length) {
+    const ssize_t n = ::send(fd, data, length, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) return ::write(fd, data, length);
+    return n;
+}
+
+}  // namespace
+
 PolledSocket::PolledSocket(PollableDescriptor pd) : _pd(pd) {}
 
 PolledSocket::~PolledSocket() = default;
@@ -895,7 +978,7 @@ void PolledSocket::writeInLoop(const void* data, size_t length) {
     const char* p = static_cast<const char*>(data);
     if (_pending.empty()) {
         for (;;) {
-            const ssize_t n = ::write(_pd.fd(), p, length);
+            const ssize_t n = sendOrWrite(_pd.fd(), p, length);
             if (n > 0) {
                 p += n;
                 length -= size_t(n);
@@ -916,17 +999,25 @@ void PolledSocket::flush() {
     while (!_pending.empty() && _eloop != nullptr) _drained.wait(_mutex);
 }
 
-bool PolledSocket::Pfd::when_events(PollableDescriptor fd) {
-    ASSERT(fd == _psock->_pd);
+bool PolledSocket::Pfd::when_events(PollableDescriptor pfd) {
+    ASSERT(pfd == _psock->_pd);
+    const PollableDescriptor fd = pfd;
     const events_mask_t revents = epoll_revents();
     if ((revents & 0x201b) != 0 && _psock->when_readable(fd)) return true;
-    if ((revents & 0x2018) != 0) return true;
+    if ((revents & 0x2018) != 0) {
+        // Hung up or failed: what is pending can't go any more, and writing
+        // it would only fail (EPIPE) and take the loop down with it.
+        ScopedLock lock(_psock->_mutex);
+        _psock->_pending.clear();
+        _psock->_drained.wake_all();
+        return true;
+    }
     if (revents & EPOLLOUT) {
         ScopedLock lock(_psock->_mutex);
         Str& pending = _psock->_pending;
         size_t sent = 0;
         while (sent < pending.size()) {
-            const ssize_t n = ::write(fd.fd(), pending.data() + sent, pending.size() - sent);
+            const ssize_t n = sendOrWrite(fd.fd(), pending.data() + sent, pending.size() - sent);
             if (n > 0) {
                 sent += size_t(n);
             } else if (n < 0 && errno == EINTR) {

@@ -18,7 +18,7 @@ public:
     explicit SpinThenLock(ConditionMutex& m) : _m(m) {
         for (int i = 0; i < 256; i++) {
             if (_m.tryLock()) return;
-            __builtin_ia32_pause();
+            cpu_relax();
         }
         _m.lock();
     }
@@ -126,6 +126,10 @@ void InThreadActorList::run(InThreadActor* list) {
 
 bool InThreadActorList::removeFromPendingList(InThreadActor* item) {
     ScopedLock lock(_mutex);
+    return removeFromPendingListLocked(item);
+}
+
+bool InThreadActorList::removeFromPendingListLocked(InThreadActor* item) {
     if (item->_queuedOn == nullptr) return false;
     ASSERT(item->_queuedOn == this);
     InThreadActor** linkp = &_head;
@@ -137,10 +141,10 @@ bool InThreadActorList::removeFromPendingList(InThreadActor* item) {
         a = a->_next;
     }
     *linkp = a->_next;
-    if (a->_next == nullptr) {
+    if (_endp == &a->_next) {
+        ASSERT(a->_next == nullptr);
         _endp = linkp;
     }
-    ASSERT(*_endp == nullptr);
     a->_next = nullptr;
     a->_queuedOn = nullptr;
     return true;
@@ -229,7 +233,7 @@ public:
     explicit ListLock(ConditionMutex& m) : _m(m) {
         for (int i = 0; i < 256; i++) {
             if (_m.tryLock()) return;
-            __builtin_ia32_pause();
+            cpu_relax();
         }
         _m.lock();
     }
@@ -251,7 +255,14 @@ private:
 // With the list's mutex held and the loop running on another thread.
 void EventLoop::postQueued(InThreadActor* actor, bool wait) {
     _ita_list.add(actor);
-    _ita_kick->trigger();
+    try {
+        _ita_kick->trigger();
+    } catch (...) {
+        // Not posted after all: a waiting poster's actor must not stay
+        // queued when its stack goes.
+        _ita_list.removeFromPendingListLocked(actor);
+        throw;
+    }
     if (wait) _ita_list.waitForActorToComplete(actor);
 }
 

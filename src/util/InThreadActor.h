@@ -106,6 +106,8 @@ public:
     bool empty();
     void run(InThreadActor* list);
     bool removeFromPendingList(InThreadActor* actor);
+    // The same with _mutex already held.
+    bool removeFromPendingListLocked(InThreadActor* actor);
     // The caller holds _mutex.
     void setRunning(bool running) { _loopRunning = running; }
     // The caller holds _mutex: sleeps until a claim is dropped.

@@ -90,7 +90,7 @@ void SelfPipe::remove_from_eventloop(EventLoop* eloop) {
 }
 
 void SelfPipe::trigger() const {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    thread_fence(std::memory_order_seq_cst);
     if (_eventfd >= 0) {
         const uint64_t one = 1;
         ssize_t n;

@@ -229,7 +229,7 @@ void Thread::setName(const char* format, va_list args) {
 void Thread::initialize(unsigned long stackSize) {
     if (!main_thread_created) throw ThreadException(Str("Thread created before main thread!"));
     have_already_started_threads.store(true);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    thread_fence(std::memory_order_seq_cst);
     _crashlogStub = {{_renderCrashlogStub, nullptr, nullptr, nullptr}, this};
     _notations.root = _notations.last = &_crashlogStub.entry;
 

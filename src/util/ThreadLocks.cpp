@@ -376,7 +376,7 @@ uint8_t MutexByte::shortSpin() {
         uint8_t cur_state = _state.load(std::memory_order_relaxed);
         if (cur_state == STATE_LOCKED) {
             if (++counter > 39) return STATE_LOCKED;
-            __builtin_ia32_pause();
+            cpu_relax();
             continue;
         }
         if (cur_state == 0) {
@@ -451,7 +451,7 @@ constexpr unsigned HAND_OFF_SPIN = 2000;
 bool MutexByte::awaitHandOff(per_thread_state& pts) {
     for (unsigned i = 0; i < HAND_OFF_SPIN; ++i) {
         if (__atomic_load_n(&pts._u.s.waitingOn, __ATOMIC_ACQUIRE) == nullptr) return true;
-        __builtin_ia32_pause();
+        cpu_relax();
     }
     return false;
 }

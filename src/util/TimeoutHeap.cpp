@@ -149,40 +149,50 @@ Timeout* TimeoutHeap::endSlotParent(Timeout*** childp) const {
     return parent;
 }
 
-bool TimeoutHeap::linksAreSane(const Timeout* t) {
-    if (t->_linkp == nullptr || *t->_linkp != t) return false;
-    if (t->_ptr.child[1] != nullptr && t->_ptr.child[0] == nullptr) return false;
-    if (t->_ptr.child[0] != nullptr && t->_ptr.child[0] == t->_ptr.child[1]) return false;
+bool Timeout::linksAreSane(bool fatal) const {
+#define SANE(cond)                   \
+    do {                             \
+        if (!(cond)) {               \
+            if (fatal) ASSERT(cond); \
+            return false;            \
+        }                            \
+    } while (0)
+    SANE(_linkp != nullptr);
+    SANE(*_linkp == this);
+    SANE(_ptr.child[0] != nullptr || _ptr.child[1] == nullptr);
+    SANE(_ptr.child[0] == nullptr || _ptr.child[0] != _ptr.child[1]);
     for (unsigned i = 0; i < 2; i++) {
-        const Timeout* c = t->_ptr.child[i];
-        if (c != nullptr && (c->_parent != t || c->_linkp != &t->_ptr.child[i])) return false;
+        const Timeout* c = _ptr.child[i];
+        SANE(c == nullptr || c->_parent == this);
+        SANE(c == nullptr || c->_linkp == &_ptr.child[i]);
     }
-    return t->_parent == nullptr || t->_parent->_ptr.child[0] == t ||
-           t->_parent->_ptr.child[1] == t;
+    SANE(_parent == nullptr || _parent->_ptr.child[0] == this || _parent->_ptr.child[1] == this);
+#undef SANE
+    return true;
 }
 
 #ifdef NDEBUG
 #define CHECK_LINKS(t) ((void)0)
 #else
-#define CHECK_LINKS(t) ASSERT(linksAreSane(t))
+#define CHECK_LINKS(t) ((void)(t)->linksAreSane(true))
 #endif
 
-void TimeoutHeap::swapWithChild(Timeout* t, unsigned childno) {
-    Timeout* oc = t->_ptr.child[childno];
-    ASSERT(t->_when > oc->_when);
-    CHECK_LINKS(t);
+void Timeout::swapWithChild(unsigned childno) {
+    Timeout* oc = _ptr.child[childno];
+    ASSERT(_when > oc->_when);
+    CHECK_LINKS(this);
     CHECK_LINKS(oc);
     Timeout* grand0 = oc->_ptr.child[0];
     Timeout* grand1 = oc->_ptr.child[1];
-    Timeout* other = t->_ptr.child[1 - childno];
+    Timeout* other = _ptr.child[1 - childno];
 
-    oc->_parent = t->_parent;
-    oc->_linkp = t->_linkp;
+    oc->_parent = _parent;
+    oc->_linkp = _linkp;
     *oc->_linkp = oc;
 
-    oc->_ptr.child[childno] = t;
-    t->_parent = oc;
-    t->_linkp = &oc->_ptr.child[childno];
+    oc->_ptr.child[childno] = this;
+    _parent = oc;
+    _linkp = &oc->_ptr.child[childno];
 
     oc->_ptr.child[1 - childno] = other;
     if (other != nullptr) {
@@ -190,35 +200,34 @@ void TimeoutHeap::swapWithChild(Timeout* t, unsigned childno) {
         other->_linkp = &oc->_ptr.child[1 - childno];
     }
 
-    t->_ptr.child[0] = grand0;
-    t->_ptr.child[1] = grand1;
+    _ptr.child[0] = grand0;
+    _ptr.child[1] = grand1;
     for (unsigned i = 0; i < 2; i++) {
-        if (t->_ptr.child[i] != nullptr) {
-            t->_ptr.child[i]->_parent = t;
-            t->_ptr.child[i]->_linkp = &t->_ptr.child[i];
+        if (_ptr.child[i] != nullptr) {
+            _ptr.child[i]->_parent = this;
+            _ptr.child[i]->_linkp = &_ptr.child[i];
         }
     }
-    CHECK_LINKS(t);
+    CHECK_LINKS(this);
     CHECK_LINKS(oc);
 }
 
-void TimeoutHeap::restoreOrder(Timeout* t) {
-    if (t->_parent != nullptr && t->_parent->_when > t->_when) {
+void Timeout::restoreOrder() {
+    if (_parent != nullptr && _parent->_when > _when) {
         do {
-            Timeout* p = t->_parent;
-            swapWithChild(p, p->_ptr.child[1] == t ? 1 : 0);
-        } while (t->_parent != nullptr && t->_parent->_when > t->_when);
+            Timeout* p = _parent;
+            p->swapWithChild(p->_ptr.child[1] == this ? 1 : 0);
+        } while (_parent != nullptr && _parent->_when > _when);
         return;
     }
     // Equal times neither rise nor sink: a later arrival stays below.
-    while (t->_ptr.child[0] != nullptr) {
+    while (_ptr.child[0] != nullptr) {
         const unsigned earlier =
-            t->_ptr.child[1] != nullptr && t->_ptr.child[0]->_when > t->_ptr.child[1]->_when ? 1
-                                                                                             : 0;
-        if (!(t->_ptr.child[earlier]->_when < t->_when)) break;
-        swapWithChild(t, earlier);
+            _ptr.child[1] != nullptr && _ptr.child[0]->_when > _ptr.child[1]->_when ? 1 : 0;
+        if (!(_ptr.child[earlier]->_when < _when)) break;
+        swapWithChild(earlier);
     }
-    ASSERT(t->_ptr.child[0] != nullptr || t->_ptr.child[1] == nullptr);
+    if (_ptr.child[0] == nullptr) ASSERT(_ptr.child[1] == nullptr);
 }
 
 void TimeoutHeap::addNonbusyTimeout(Timeout* t) {
@@ -233,7 +242,7 @@ void TimeoutHeap::addNonbusyTimeout(Timeout* t) {
         ASSERT(*(t->_linkp) == nullptr);
         *t->_linkp = t;
     }
-    if (_timeoutCount >= 2) restoreOrder(t);
+    if (_timeoutCount >= 2) t->restoreOrder();
     CHECK_LINKS(t);
 }
 
@@ -260,7 +269,7 @@ void TimeoutHeap::removePendingTimeout(Timeout* t) {
     }
     const uint32_t oldCount = _timeoutCount--;
     if (isPowerOfTwo(oldCount)) _pathMask >>= 1;
-    if (last != t) restoreOrder(last);
+    if (last != t) last->restoreOrder();
     t->_ptr.child[0] = t->_ptr.child[1] = nullptr;
     t->_parent = nullptr;
 }
@@ -271,7 +280,7 @@ bool TimeoutHeap::verifyWholeHeap() const {
     auto walk = [&](auto& self, const Timeout* t) -> void {
         if (t == nullptr || !ok) return;
         seen++;
-        if (!linksAreSane(t) || (t->_parent != nullptr && t->_parent->_when > t->_when)) {
+        if (!t->linksAreSane(false) || (t->_parent != nullptr && t->_parent->_when > t->_when)) {
             ok = false;
             return;
         }
@@ -460,9 +469,9 @@ void TimeoutHeap::checkClockSkew(const MonotonicTime& before, const MonotonicTim
     Timeout* root = _timeouts;
     _timeouts = nullptr;
     _timeoutCount = 0;
-    // The path mask goes with the count. Kept as it was, the next add would
-    // walk a path from an empty root towards a slot of the old shape and
-    // fault at once with five or more timers.
+    // The path mask goes with the count. Kept as it was (nonzero from two
+    // timers on), the first add would walk from the empty root towards a
+    // slot of the old shape and fault.
     _pathMask = 0;
     recursiveResubmitTimeouts(root, shift, limit, after);
 }

@@ -46,6 +46,13 @@ public:
 private:
     friend class TimeoutHeap;
 
+    // The heap's steps seen from a node.
+    void swapWithChild(unsigned childno);
+    void restoreOrder();
+    // This node's links agree with its parent's and children's; asserts
+    // each condition when `fatal`.
+    bool linksAreSane(bool fatal) const;
+
     union {
         Timeout* child[2];
         struct {
@@ -197,9 +204,6 @@ private:
     Timeout* endSlotParent(Timeout*** childp) const;
     void addNonbusyTimeout(Timeout* t);
     void removePendingTimeout(Timeout* t);
-    void restoreOrder(Timeout* t);
-    static void swapWithChild(Timeout* t, unsigned childno);
-    static bool linksAreSane(const Timeout* t);
     void runOne(Timeout* t, PrivateList& readd);
     void recursiveResubmitTimeouts(Timeout* t, Interval shift, const MonotonicTime& limit,
                                    const MonotonicTime& after);

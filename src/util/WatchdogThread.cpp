@@ -48,7 +48,7 @@ void IMonitoredThread::timeout::when_expired(Interval* interval) {
 void IMonitoredThread::kick_request::callback() {
     _owner->_replyNum.store(_owner->_requestNum.load(std::memory_order_relaxed),
                             std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    thread_fence(std::memory_order_seq_cst);
 }
 
 void IMonitoredThread::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {

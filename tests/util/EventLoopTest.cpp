@@ -343,6 +343,47 @@ TEST(EventLoop, PolledSocketWritesWhatTheSocketTakesLater) {
     close(sv[1]);
 }
 
+TEST(EventLoop, AHandlerMayTakeItselfOutAndSayItIsDone) {
+    EventLoop loop;
+    Pipe p;
+    auto* h = new Handler;
+    h->body = [&loop, h](PollableDescriptor) {
+        loop.removeActivePolledFd(h);
+        delete h;  // nothing may touch it any more
+        return true;
+    };
+    loop.add(h, PollableDescriptor(p.r));
+    LoopThread thread(loop);
+    thread.start();
+    p.put();
+    ASSERT_TRUE(waitUntil([&] { return loop.descriptorCount() == 1; }, 10));  // the self-pipe
+    loop.runInThread([] {});
+    thread.stop();
+}
+
+TEST(EventLoop, APolledSocketWhosePeerLeavesDropsItsPendingOutput) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    struct Quiet : PolledSocket {
+        using PolledSocket::PolledSocket;
+        bool when_readable(PollableDescriptor) override { return false; }
+    } sock{PollableDescriptor(sv[0])};
+    EventLoop loop;
+    LoopThread thread(loop);
+    thread.start();
+    loop.addFromAnywhere(&sock);
+    std::string big(4 << 20, 'z');
+    sock.write(big.data(), big.size());  // far more than the socket holds
+    close(sv[1]);
+    sock.flush();  // returns: nothing can go any more
+    // The loop lives on, and the hang-up finished the socket.
+    bool active = true;
+    loop.runInThread([&] { active = sock._pfd.isActive(); });
+    EXPECT_FALSE(active);
+    thread.stop();
+    close(sv[0]);
+}
+
 TEST(SelfPipe, TriggersCoalesceAndAFloodNeverBlocksTheWriter) {
     struct Counting : SelfPipe {
         int rounds = 0;
