@@ -137,7 +137,11 @@ int ipv6_address_is_local(const struct in6_addr* address, const char* path) {
     for (;;) {
         const ssize_t n = read(fd, buf + have, sizeof buf - 1 - have);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n < 0) {
+            found = -1;
+            break;
+        }
+        if (n == 0) break;
         have += size_t(n);
         size_t lineStart = 0;
         for (size_t i = 0; i < have; i++) {

@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <new>
 #include <string>
 
 #include "libzero/assertion.h"
@@ -161,8 +163,10 @@ PollableDescriptor SocketAddress::make_listener(unsigned backlog, int family, in
         return PollableDescriptor();
     }
     backlog = effectiveBacklog(backlog);
+    // The type may carry SOCK_NONBLOCK or SOCK_CLOEXEC.
+    const bool stream = (type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) == SOCK_STREAM;
     if (bind(fd, sa(), _len) != 0 ||
-        (type == SOCK_STREAM && listen(fd, int(std::min(backlog, 0x7fffffffu))) != 0)) {
+        (stream && listen(fd, int(std::min(backlog, 0x7fffffffu))) != 0)) {
         closeKeepingErrno(fd);
         return PollableDescriptor();
     }
@@ -380,7 +384,7 @@ Str IPv46SocketAddress::reverseDns() const {
     } else {
         name = ip();
         keep = Interval(60000);
-        socket_log.warn("ReverseDns lookup fails for : %s (%s)", name.c_str(), gai_strerror(rc));
+        socket_log.warn("ReverseDns lookup fails for : %s", name.c_str());
     }
     ScopedLock lock(cache.mutex);
     if (cache.byAddress.size() >= 4096) cache.byAddress.clear();
@@ -391,9 +395,12 @@ Str IPv46SocketAddress::reverseDns() const {
 PortNumber getNextFreeTcpPort() {
     static std::atomic<unsigned> last{1023};
     for (unsigned tried = 0; tried < 65534 - 1024 + 1; tried++) {
-        unsigned port = last.load() + 1;
-        if (port > 65534) port = 1024;
-        last.store(port);
+        // One step of the shared counter: two threads never try one port.
+        unsigned prev = last.load();
+        unsigned port;
+        do {
+            port = prev + 1 > 65534 ? 1024 : prev + 1;
+        } while (!last.compare_exchange_weak(prev, port));
         socket_log.debug("%s Trying port=%u", "getNextFreeTcpPort", port);
         const port_availability_t a = check_tcp_port_availability_on_all_ipv4_interfaces(port);
         if (a == PORTAVL_AVAILABLE) return PortNumber(uint16_t(port));
@@ -425,14 +432,28 @@ struct PermutationState {
     bool seeded = false;
 };
 
-PermutationState permutation_state;
+// Never destroyed (a thread may still resolve while the process exits), and
+// started over in a forked child, whose order must differ from its parent's.
+PermutationState& permutation_state_instance() {
+    static PermutationState* s = [] {
+        auto* state = new PermutationState();
+        pthread_atfork(nullptr, nullptr, [] {
+            PermutationState& st = permutation_state_instance();
+            new (&st.mutex) PthreadMutexImpl(PthreadMutexImpl::StaticInit());
+            st.nentries = 0;
+            st.seeded = false;
+        });
+        return state;
+    }();
+    return *s;
+}
 
 }  // namespace
 
 void multiple_address_results::_get_permutation_state(str_hash_t hash, unsigned* index,
                                                       unsigned long* seed) const {
     ASSERT(size() > 1);
-    PermutationState& s = permutation_state;
+    PermutationState& s = permutation_state_instance();
     ScopedLock lock(s.mutex);
     for (unsigned i = 0; i < s.nentries; i++) {
         if (s.entries[i].hash != hash) continue;
@@ -607,7 +628,9 @@ bool IPv46AddressIterator::resolveV4() {
 
 bool IPv46AddressIterator::resolveV6() {
     if (_v6.resolve(_name.c_str()) != 0) return false;
-    _v6start = _v6.ipv6_in_semistable_order(djb2_hash_n_nocase(_name.data(), _name.size()));
+    // A place of its own for each family of one name.
+    _v6start = _v6.ipv6_in_semistable_order(djb2_hash_n_nocase(_name.data(), _name.size()) ^
+                                            0x9e3779b97f4a7c15ull);
     _v6cursor = 0;
     return true;
 }

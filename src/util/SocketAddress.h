@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "libzero/assertion.h"
 #include "util/HashedStr.h"
 #include "util/PollableDescriptor.h"
 #include "util/Str.h"
@@ -178,7 +179,6 @@ class multiple_address_results {
 public:
     size_t size() const { return _n; }
     bool empty() const { return _n == 0; }
-    void clear() { _n = 0; }
 
 protected:
     // The process's place (index) and order (seed) for the host hashed as
@@ -196,7 +196,15 @@ public:
     // EAI_ code, 0 on success.
     int resolve(const char* name);
     void add(const IPv4HostAddress& a);
-    const IPv4HostAddress& element(size_t i) const { return _v[i % _v.size()]; }
+    void clear() {
+        _v.clear();
+        _n = 0;
+    }
+    // Modulo the size; the list must not be empty.
+    const IPv4HostAddress& element(size_t i) const {
+        ASSERT(!_v.empty());
+        return _v[i % _v.size()];
+    }
     const std::vector<IPv4HostAddress>& all() const { return _v; }
     // One fixed random order per host and process, taken one step further
     // at each call.
@@ -217,7 +225,14 @@ class IPv6HostAddresses : public multiple_address_results {
 public:
     int resolve(const char* name);
     void add(const IPv6HostAddress& a);
-    const IPv6HostAddress& element(size_t i) const { return _v[i % _v.size()]; }
+    void clear() {
+        _v.clear();
+        _n = 0;
+    }
+    const IPv6HostAddress& element(size_t i) const {
+        ASSERT(!_v.empty());
+        return _v[i % _v.size()];
+    }
     const std::vector<IPv6HostAddress>& all() const { return _v; }
     const IPv6HostAddress& ipv6_round_robin(str_hash_t hash);
     unsigned ipv6_in_semistable_order(str_hash_t hash);
