@@ -207,32 +207,36 @@ UnixSocketAddress::UnixSocketAddress(const Pathname& path) {
     _len = socklen_t(offsetof(struct sockaddr_un, sun_path) + path.size() + 1);
 }
 
-IPv4SocketAddress::IPv4SocketAddress(const IPv4HostAddress& host, PortNumber port) {
+void SocketAddress::setInet(const struct in_addr& host, PortNumber port) {
+    memset(&_u, 0, sizeof _u);
     _u.in4.sin_family = AF_INET;
-    _u.in4.sin_addr = host.addr();
+    _u.in4.sin_addr = host;
     _u.in4.sin_port = htons(port.value());
     _len = sizeof _u.in4;
+}
+
+void SocketAddress::setInet6(const struct in6_addr& host, PortNumber port) {
+    memset(&_u, 0, sizeof _u);
+    _u.in6.sin6_family = AF_INET6;
+    _u.in6.sin6_addr = host;
+    _u.in6.sin6_port = htons(port.value());
+    _len = sizeof _u.in6;
+}
+
+IPv4SocketAddress::IPv4SocketAddress(const IPv4HostAddress& host, PortNumber port) {
+    setInet(host.addr(), port);
 }
 
 IPv6SocketAddress::IPv6SocketAddress(const IPv6HostAddress& host, PortNumber port) {
-    _u.in6.sin6_family = AF_INET6;
-    _u.in6.sin6_addr = host.addr();
-    _u.in6.sin6_port = htons(port.value());
-    _len = sizeof _u.in6;
+    setInet6(host.addr(), port);
 }
 
 IPv46SocketAddress::IPv46SocketAddress(const IPv4HostAddress& host, PortNumber port) {
-    _u.in4.sin_family = AF_INET;
-    _u.in4.sin_addr = host.addr();
-    _u.in4.sin_port = htons(port.value());
-    _len = sizeof _u.in4;
+    setInet(host.addr(), port);
 }
 
 IPv46SocketAddress::IPv46SocketAddress(const IPv6HostAddress& host, PortNumber port) {
-    _u.in6.sin6_family = AF_INET6;
-    _u.in6.sin6_addr = host.addr();
-    _u.in6.sin6_port = htons(port.value());
-    _len = sizeof _u.in6;
+    setInet6(host.addr(), port);
 }
 
 bool IPv46SocketAddress::set(const struct sockaddr* sa, socklen_t length) {
@@ -252,12 +256,9 @@ bool IPv46SocketAddress::set(const struct sockaddr* sa, socklen_t length) {
 }
 
 void IPv46SocketAddress::setIpv4Localhost() {
-    const PortNumber p = port();
-    memset(&_u, 0, sizeof _u);
-    _u.in4.sin_family = AF_INET;
-    _u.in4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    _u.in4.sin_port = htons(p.value());
-    _len = sizeof _u.in4;
+    struct in_addr loopback;
+    loopback.s_addr = htonl(INADDR_LOOPBACK);
+    setInet(loopback, port());
 }
 
 void IPv46SocketAddress::setPort(PortNumber port) {

@@ -110,6 +110,9 @@ public:
     friend bool operator==(const SocketAddress& a, const SocketAddress& b);
 
 protected:
+    void setInet(const struct in_addr& host, PortNumber port);
+    void setInet6(const struct in6_addr& host, PortNumber port);
+
     union {
         struct sockaddr sa;
         struct sockaddr_in in4;
