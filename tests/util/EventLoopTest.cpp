@@ -308,41 +308,6 @@ TEST(EventLoop, AnActorCanHaveADescriptorServedAfterIt) {
     loop.removeActivePolledFd(&h);
 }
 
-TEST(EventLoop, PolledSocketWritesWhatTheSocketTakesLater) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    struct Echo : PolledSocket {
-        using PolledSocket::PolledSocket;
-        bool when_readable(PollableDescriptor) override { return false; }
-    } sock{PollableDescriptor(sv[0])};
-    EventLoop loop;
-    LoopThread thread(loop);
-    thread.start();
-    loop.addFromAnywhere(&sock);
-    // More than the socket buffer holds: the rest waits for the reader.
-    std::string big(4 << 20, 'z');
-    sock.write(big.data(), big.size());
-    std::string got;
-    ThreadFunction reader(
-        [&] {
-            char buf[65536];
-            while (got.size() < big.size()) {
-                const ssize_t n = read(sv[1], buf, sizeof buf);
-                if (n <= 0) break;
-                got.append(buf, size_t(n));
-            }
-        },
-        "Reader");
-    reader.go();
-    sock.flush();
-    reader.join();
-    EXPECT_EQ(got, big);
-    loop.removeFromAnywhere(&sock);
-    thread.stop();
-    close(sv[0]);
-    close(sv[1]);
-}
-
 TEST(EventLoop, AHandlerMayTakeItselfOutAndSayItIsDone) {
     EventLoop loop;
     Pipe p;
@@ -361,27 +326,51 @@ TEST(EventLoop, AHandlerMayTakeItselfOutAndSayItIsDone) {
     thread.stop();
 }
 
-TEST(EventLoop, APolledSocketWhosePeerLeavesDropsItsPendingOutput) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+TEST(EventLoop, APolledSocketWritesWhatItTakesLaterOrDropsItWhenThePeerLeaves) {
     struct Quiet : PolledSocket {
         using PolledSocket::PolledSocket;
         bool when_readable(PollableDescriptor) override { return false; }
-    } sock{PollableDescriptor(sv[0])};
-    EventLoop loop;
-    LoopThread thread(loop);
-    thread.start();
-    loop.addFromAnywhere(&sock);
-    std::string big(4 << 20, 'z');
-    sock.write(big.data(), big.size());  // far more than the socket holds
-    close(sv[1]);
-    sock.flush();  // returns: nothing can go any more
-    // The loop lives on, and the hang-up finished the socket.
-    bool active = true;
-    loop.runInThread([&] { active = sock._pfd.isActive(); });
-    EXPECT_FALSE(active);
-    thread.stop();
-    close(sv[0]);
+    };
+    for (const bool peerLeaves : {false, true}) {
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        Quiet sock{PollableDescriptor(sv[0])};
+        EventLoop loop;
+        LoopThread thread(loop);
+        thread.start();
+        loop.addFromAnywhere(&sock);
+        // More than the socket buffer holds: the rest waits.
+        const std::string big(4 << 20, 'z');
+        sock.write(big.data(), big.size());
+        if (peerLeaves) {
+            close(sv[1]);
+            sock.flush();  // returns: nothing can go any more
+            // The loop lives on, and the hang-up finished the socket.
+            bool active = true;
+            loop.runInThread([&] { active = sock._pfd.isActive(); });
+            EXPECT_FALSE(active);
+        } else {
+            std::string got;
+            ThreadFunction reader(
+                [&] {
+                    char buf[65536];
+                    while (got.size() < big.size()) {
+                        const ssize_t n = read(sv[1], buf, sizeof buf);
+                        if (n <= 0) break;
+                        got.append(buf, size_t(n));
+                    }
+                },
+                "Reader");
+            reader.go();
+            sock.flush();
+            reader.join();
+            EXPECT_EQ(got, big);
+            loop.removeFromAnywhere(&sock);
+            close(sv[1]);
+        }
+        thread.stop();
+        close(sv[0]);
+    }
 }
 
 TEST(SelfPipe, TriggersCoalesceAndAFloodNeverBlocksTheWriter) {
