@@ -373,6 +373,42 @@ TEST(EventLoop, APolledSocketWritesWhatItTakesLaterOrDropsItWhenThePeerLeaves) {
     }
 }
 
+TEST(EventLoop, ACommandConsumerTakesWholeLinesAndHearsTheClose) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    struct Lines : SocketCommandConsumer {
+        using SocketCommandConsumer::SocketCommandConsumer;
+        std::vector<std::string> lines;  // loop thread only
+        std::atomic<int> closedWith{-1};
+        size_t parseCommands(const Str& input) override {
+            const size_t nl = input.find('\n');
+            if (nl == Str::npos) return 0;  // wait for the rest
+            lines.push_back(input.substr(0, nl));
+            return nl + 1;
+        }
+        void socketClosed(int errnum) override { closedWith = errnum; }
+    } consumer{PollableDescriptor(sv[0])};
+    EventLoop loop;
+    LoopThread thread(loop);
+    thread.start();
+    loop.addFromAnywhere(&consumer);
+    // More than one read's worth, and a line cut across two writes.
+    std::string text;
+    for (int i = 0; i < 100; i++) text += "command " + std::to_string(i) + "\n";
+    ASSERT_EQ(write(sv[1], text.data(), text.size()), ssize_t(text.size()));
+    ASSERT_EQ(write(sv[1], "half", 4), 4);
+    ASSERT_EQ(write(sv[1], "-line\ntail", 10), 10);
+    close(sv[1]);
+    ASSERT_TRUE(waitUntil([&] { return consumer.closedWith != -1; }, 10));
+    EXPECT_EQ(consumer.closedWith, 0);
+    thread.stop();
+    ASSERT_EQ(consumer.lines.size(), 101u);
+    EXPECT_EQ(consumer.lines[99], "command 99");
+    EXPECT_EQ(consumer.lines[100], "half-line");
+    EXPECT_EQ(std::string(consumer._input), "tail");  // never a whole command
+    close(sv[0]);
+}
+
 TEST(SelfPipe, TriggersCoalesceAndAFloodNeverBlocksTheWriter) {
     struct Counting : SelfPipe {
         int rounds = 0;
