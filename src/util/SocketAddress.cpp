@@ -495,6 +495,18 @@ void multiple_address_results::_shuffle(std::vector<T>& v, unsigned long seed) {
     }
 }
 
+template <class T>
+unsigned multiple_address_results::_inSemistableOrder(std::vector<T>& v, str_hash_t hash) const {
+    // A single address never takes a place among the remembered hosts.
+    if (v.size() < 2) return 0;
+    unsigned index;
+    unsigned long seed;
+    _get_permutation_state(hash, &index, &seed);
+    std::sort(v.begin(), v.end());
+    _shuffle(v, seed);
+    return index;
+}
+
 namespace {
 
 template <class T>
@@ -535,13 +547,7 @@ int IPv6HostAddresses::resolve(const char* name) {
 }
 
 unsigned IPv4HostAddresses::ipv4_in_semistable_order(str_hash_t hash) {
-    if (_v.size() < 2) return 0;
-    unsigned index;
-    unsigned long seed;
-    _get_permutation_state(hash, &index, &seed);
-    std::sort(_v.begin(), _v.end());
-    _shuffle(_v, seed);
-    return index;
+    return _inSemistableOrder(_v, hash);
 }
 
 const IPv4HostAddress& IPv4HostAddresses::ipv4_round_robin(str_hash_t hash) {
@@ -549,13 +555,7 @@ const IPv4HostAddress& IPv4HostAddresses::ipv4_round_robin(str_hash_t hash) {
 }
 
 unsigned IPv6HostAddresses::ipv6_in_semistable_order(str_hash_t hash) {
-    if (_v.size() < 2) return 0;
-    unsigned index;
-    unsigned long seed;
-    _get_permutation_state(hash, &index, &seed);
-    std::sort(_v.begin(), _v.end());
-    _shuffle(_v, seed);
-    return index;
+    return _inSemistableOrder(_v, hash);
 }
 
 const IPv6HostAddress& IPv6HostAddresses::ipv6_round_robin(str_hash_t hash) {

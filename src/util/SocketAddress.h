@@ -190,6 +190,9 @@ protected:
     // Fisher-Yates with the seed's linear congruential sequence.
     template <class T>
     static void _shuffle(std::vector<T>& v, unsigned long seed);
+    // Sorted, then shuffled with the host's seed; the host's place back.
+    template <class T>
+    unsigned _inSemistableOrder(std::vector<T>& v, str_hash_t hash) const;
 
     size_t _n = 0;
 };

@@ -476,14 +476,21 @@ void TimeoutHeap::checkClockSkew(const MonotonicTime& before, const MonotonicTim
     recursiveResubmitTimeouts(root, shift, limit, after);
 }
 
-void TimeoutHeap::recursiveResubmitTimeouts(Timeout* t, Interval shift, const MonotonicTime& limit,
-                                            const MonotonicTime& after) {
-    if (t == nullptr) return;
-    Timeout* c0 = t->_ptr.child[0];
-    Timeout* c1 = t->_ptr.child[1];
+// Takes a node out of a tree being dismantled; its children come back.
+void TimeoutHeap::detachNode(Timeout* t, Timeout** c0, Timeout** c1) {
+    *c0 = t->_ptr.child[0];
+    *c1 = t->_ptr.child[1];
     t->_ptr.child[0] = t->_ptr.child[1] = nullptr;
     t->_parent = nullptr;
     t->_linkp = nullptr;
+}
+
+void TimeoutHeap::recursiveResubmitTimeouts(Timeout* t, Interval shift, const MonotonicTime& limit,
+                                            const MonotonicTime& after) {
+    if (t == nullptr) return;
+    Timeout* c0;
+    Timeout* c1;
+    detachNode(t, &c0, &c1);
     if (t->_when < limit) t->_when += shift;
     if (t->_when > after) {
         const MonotonicTime cap = after + t->_initialInterval;
@@ -496,11 +503,9 @@ void TimeoutHeap::recursiveResubmitTimeouts(Timeout* t, Interval shift, const Mo
 
 void TimeoutHeap::recursiveFilterZeroLengthTimeouts(Timeout* t, PrivateList& expired) {
     if (t == nullptr) return;
-    Timeout* c0 = t->_ptr.child[0];
-    Timeout* c1 = t->_ptr.child[1];
-    t->_ptr.child[0] = t->_ptr.child[1] = nullptr;
-    t->_parent = nullptr;
-    t->_linkp = nullptr;
+    Timeout* c0;
+    Timeout* c1;
+    detachNode(t, &c0, &c1);
     if (t->_initialInterval.isZero()) {
         expired.append(t, STATE_EXPIRED);
     } else {

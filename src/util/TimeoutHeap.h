@@ -208,6 +208,7 @@ private:
     void recursiveResubmitTimeouts(Timeout* t, Interval shift, const MonotonicTime& limit,
                                    const MonotonicTime& after);
     void recursiveFilterZeroLengthTimeouts(Timeout* t, PrivateList& expired);
+    static void detachNode(Timeout* t, Timeout** c0, Timeout** c1);
     void rescheduleAfterBatch(PrivateList& readd, const MonotonicTime& now);
     void dropBatchAfterException(PrivateList& expired, PrivateList& readd);
 };
