@@ -400,6 +400,9 @@ public:
     void runInThreadAsync(std::function<void()> f);
     // Runs and waits, or false when no loop will run it.
     bool runInThreadOrFail(InThreadActor* actor);
+    // Queues `actor` without waiting, or false when no loop runs (it is
+    // then not run at all: for work only the loop thread can do).
+    bool postIfRunning(InThreadActor* actor);
     // For a reused actor: posts it unless it is queued already.
     void runInThreadAsyncUnlessQueued(InThreadActor* actor);
     // Blocks until `pred` holds, while actors still run.

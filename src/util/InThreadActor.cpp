@@ -268,9 +268,10 @@ void EventLoop::postQueued(InThreadActor* actor, bool wait) {
 
 void EventLoop::internal_runInThread(InThreadActor* actor, bool wait) {
     InThreadActorCrashLogNotation notation(actor);
+    // Under the lock: a reused actor's previous run may read them.
+    ListLock lock(_ita_list._mutex);
     actor->_wantWake = wait;
     actor->_wantFailIfLoopDone = false;
-    ListLock lock(_ita_list._mutex);
     if (_ita_kick != nullptr) {
         if (_ita_thread == ThreadToken::self()) {
             lock.unlock();
@@ -312,6 +313,16 @@ bool EventLoop::runInThreadOrFail(InThreadActor* actor) {
     }
     postQueued(actor, true);
     return actor->_wantFailIfLoopDone;
+}
+
+bool EventLoop::postIfRunning(InThreadActor* actor) {
+    ListLock lock(_ita_list._mutex);
+    ASSERT(_ita_thread != ThreadToken::self() || _ita_kick == nullptr);
+    if (_ita_kick == nullptr) return false;
+    actor->_wantWake = false;
+    actor->_wantFailIfLoopDone = false;
+    postQueued(actor, false);
+    return true;
 }
 
 void EventLoop::runInThreadAsyncUnlessQueued(InThreadActor* actor) {

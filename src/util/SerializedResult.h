@@ -40,6 +40,7 @@ public:
     // Cuts to n bytes (n at most size()).
     void resize(uint64_t n);
     uint64_t size() const { return _size; }
+    bool empty() const { return _size == 0; }
     State state() const { return _state; }
 
     // Calls f(pointer, length) for each piece in order, in either state.
