@@ -1,0 +1,256 @@
+// The server around channels: accepting, limits, the worker pool, and a
+// stop that leaves nothing behind, against real clients.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <map>
+
+#include <future>
+
+#include "support/TcpServer.h"
+#include "util/TcpChannel.h"
+
+using namespace testsupport;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+// Workers that wait for the test's word before they echo.
+struct Gate {
+    std::promise<void> promise;
+    std::shared_future<void> future = promise.get_future().share();
+
+    Options options() {
+        Options o;
+        std::shared_future<void> f = future;
+        o.worker = [f](TcpSyncDataBuffer& b) {
+            f.wait();
+            return echo(b);
+        };
+        return o;
+    }
+};
+
+unsigned workerThreads(TcpServer& s) {
+    return s.inLoop([&] { return s.loop.allWorkerThreads(); });
+}
+
+TEST(TcpChannelLoop, ServesManyShortConnectionsInEitherMode) {
+    for (bool worker : {false, true}) {
+        Journal journal;
+        Options o;
+        if (worker) o.worker = echo;
+        TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
+        server.start();
+        EXPECT_EQ(server.peer({"burst:300"}), Strings{"burst 300 ok"});
+        EXPECT_TRUE(waitUntil([&] { return server.activeChannels() == 0; }, 10));
+        EXPECT_EQ(server.inLoop([&] { return server.acceptor().activeCount(); }), 0u);
+        // One connection at a time: a worker is reused, though the next
+        // client may come before the last worker is back.
+        if (worker) {
+            EXPECT_GE(workerThreads(server), 1u);
+            EXPECT_LE(workerThreads(server), 2u);
+        } else {
+            EXPECT_EQ(workerThreads(server), 0u);
+        }
+    }
+}
+
+TEST(TcpChannelLoop, CurlTelnetClientIsServed) {
+    Journal journal;
+    Options o;
+    o.worker = [](TcpSyncDataBuffer& b) {
+        Str line;
+        if (b.readline(line)) {
+            const Str reply = "you said: " + line + "\n";
+            b.write(reply.data(), reply.size());
+        }
+        return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
+    };
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
+    server.start();
+    ScratchDir dir;
+    writeFile(dir / "in", "hello\n");
+    const ProcessResult r =
+        runProcess({"/bin/sh", "-c",
+                    "curl -s --max-time 10 telnet://127.0.0.1:" + std::to_string(server.port) +
+                        " < " + std::string(dir / "in")});
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    EXPECT_EQ(r.out, "you said: hello\n");
+}
+
+TEST(TcpChannelLoop, ActiveLimitPausesTheListenerUntilAConnectionEnds) {
+    Journal journal;
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, Options{}); });
+    server.acceptor()._limit = 2;
+    server.start();
+    // Two connections held for a while: the listener leaves the loop.
+    auto holder = server.peerInBackground({"hold:1", "sleep:1500"});
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return server.inLoop([&] { return server.acceptor().disabledReasons(); }) ==
+                   TcpChannelAcceptor::DISABLE_FOR_ACTIVE_LIMIT;
+        },
+        10));
+    // A third client is queued by the kernel, and served only once the holder leaves.
+    auto third = server.peerInBackground({"send:x\\n", "recv:2"});
+    EXPECT_EQ(third.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+    EXPECT_EQ(holder.get(), Strings{});
+    EXPECT_EQ(third.get(), Strings{"recv b'x\\n'"});
+    EXPECT_TRUE(waitUntil(
+        [&] { return server.inLoop([&] { return server.acceptor().disabledReasons(); }) == 0; },
+        10));
+}
+
+TEST(TcpChannelLoop, PoolGrowsUnderLoadAndShrinksWhenIdle) {
+    Journal journal;
+    Gate gate;
+    const Options o = gate.options();
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
+    server.loop._idleThreadTrimInterval = Interval(50);
+    server.start();
+    auto peer = server.peerInBackground({"holdsend:3", "send:x", "recv:1"});
+    EXPECT_TRUE(waitUntil([&] { return workerThreads(server) == 4; }, 10));
+    EXPECT_EQ(server.inLoop([&] { return server.loop.activeThreadCount(); }), 4u);
+    gate.promise.set_value();
+    EXPECT_EQ(peer.get(), Strings{"recv b'x'"});
+    // Idle threads go by halves once the period's high-water mark allows.
+    EXPECT_TRUE(waitUntil([&] { return workerThreads(server) == 0; }, 10));
+}
+
+TEST(TcpChannelLoop, TrimKeepsHalfOfTheIdleThreadsAboveTheHighWaterMark) {
+    struct Case {
+        unsigned idle, maxActive, left;
+    } cases[] = {{6, 2, 3}, {6, 6, 6}, {1, 0, 0}, {2, 1, 1}, {0, 0, 0}};
+    for (const Case& c : cases) {
+        TcpChannelLoop loop;
+        for (unsigned i = 0; i < c.idle; i++) {
+            auto* t = new TcpChannelThread();
+            t->nextIdle = loop._idleThreads;
+            loop._idleThreads = t;
+            loop._idleThreadCount++;
+            loop._allThreads++;
+        }
+        loop._maxActiveThreadsInTimePeriod = c.maxActive;
+        loop._trimIdleThreads();
+        EXPECT_EQ(loop.idleThreadCount(), c.left) << c.idle << "/" << c.maxActive;
+        EXPECT_EQ(loop.allWorkerThreads(), c.left);
+        EXPECT_EQ(loop._maxActiveThreadsInTimePeriod, 0u) << "the active count";
+    }
+}
+
+TEST(TcpChannelLoop, StopsWithWorkersBlockedInReadAndWriteLeavingNothingBehind) {
+    const unsigned fds = openDescriptors(), threads = processThreads();
+    {
+        static const char big[1 << 16] = {};
+        Journal journal;
+        Options o;
+        o.worker = [&journal](TcpSyncDataBuffer& b) {
+            char c;
+            if (b.read(&c, 1) != 1) return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
+            if (c == 'r') {
+                journal.add("reading");
+                b.read(&c, 1);
+            } else if (c == 'w') {
+                journal.add("writing");
+                for (;;) b.write(big, sizeof big);
+            }
+            b.write(&c, 1);
+            return echo(b);
+        };
+        TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); }, 2);
+        server.start();
+        auto reader = server.peerInBackground({"send:r", "eof"});
+        auto writer = server.peerInBackground({"send:w", "sleep:500", "eof"});
+        EXPECT_TRUE(
+            waitUntil([&] { return journal.has("reading") && journal.has("writing"); }, 10));
+        // Connections keep coming while the server stops.
+        auto burst = server.peerInBackground({"burst:100000"});
+        EXPECT_TRUE(waitUntil([&] { return server.acceptor().loopsUsed().size() > 20; }, 10));
+        server.stop();
+        EXPECT_EQ(reader.get(), Strings{"eof 0"});
+        EXPECT_EQ(writer.get().size(), 1u);
+        EXPECT_EQ(burst.get().at(0).substr(0, 14), "burst stopped ");
+        EXPECT_TRUE(journal.has("error Local side shutting down"));
+    }
+    EXPECT_EQ(openDescriptors(), fds);
+    EXPECT_TRUE(waitUntil([&] { return processThreads() == threads; }, 5));
+}
+
+TEST(TcpChannelLoop, SubordinatesShareTheConnections) {
+    Journal journal;
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, Options{}); }, 2);
+    server.start();
+    EXPECT_EQ(server.peer({"burst:40"}), Strings{"burst 40 ok"});
+    std::map<Base_TcpChannelLoop*, int> perLoop;
+    for (Base_TcpChannelLoop* l : server.acceptor().loopsUsed()) perLoop[l]++;
+    ASSERT_EQ(perLoop.size(), 2u);
+    EXPECT_EQ(perLoop.count(&server.loop), 0u);
+    // Round robin, plus the peer's own first connection.
+    for (auto& [loop, n] : perLoop) EXPECT_NEAR(n, 20.5, 1);
+    EXPECT_TRUE(waitUntil(
+        [&] { return server.inLoop([&] { return server.acceptor().activeCount(); }) == 0; }, 10));
+}
+
+TEST(TcpChannelLoop, OutOfDescriptorsPausesAcceptingForFourSeconds) {
+    Journal journal;
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, Options{}); });
+    server.start();
+    // The client connects once this process has no descriptor to spare.
+    auto peer = server.peerInBackground({"delay:1000", "send:x\\n", "recv:2"});
+    Interval(300).sleep();
+    struct rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    struct rlimit tight = saved;
+    tight.rlim_cur = openDescriptors() + 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
+    const bool paused = waitUntil(
+        [&] {
+            return server.inLoop([&] { return server.acceptor().disabledReasons(); }) ==
+                   TcpChannelAcceptor::DISABLE_FOR_OUT_OF_FDS;
+        },
+        10);
+    const MonotonicTime pausedAt = MonotonicTime::now();
+    for (int fd : fillers) close(fd);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    ASSERT_TRUE(paused);
+    EXPECT_FALSE(server.inLoop([&] { return server.acceptor().isActive(); }));
+    // The same socket comes back and the waiting client is served.
+    EXPECT_EQ(peer.get(), Strings{"recv b'x\\n'"});
+    EXPECT_GE((MonotonicTime::now() - pausedAt).ms(), 3500u);
+    EXPECT_TRUE(server.inLoop([&] { return server.acceptor().isActive(); }));
+}
+
+TEST(TcpChannelLoop, ClosedAcceptorGoesOnlyAfterItsLastConnection) {
+    Journal journal;
+    Gate gate;
+    const Options o = gate.options();
+    auto* acc = new TestAcceptor([&] { return std::make_unique<TestChannel>(journal, o); });
+    std::atomic<bool> gone{false};
+    InThreadFunction<void> notice([&] { gone = true; });
+    acc->_finalDestructionActor = &notice;
+    TcpServer server([&] { return nullptr; });
+    IPv46SocketAddress where;
+    where.setIpv4Localhost();
+    const PollableDescriptor pd = where.make_listener(16);
+    IPv46SocketAddress bound;
+    pd.localAddress(&bound);
+    server.loop.add(acc, pd);
+    server.port = bound.port().value();
+    server.start();
+    auto peer = server.peerInBackground({"send:x", "recv:1"});
+    EXPECT_TRUE(waitUntil([&] { return workerThreads(server) == 1; }, 10));
+    server.loop.runInThread([&] {
+        acc->close();
+        acc->deleteWhenConnectionsFinish();
+    });
+    EXPECT_FALSE(gone.load());
+    gate.promise.set_value();
+    EXPECT_EQ(peer.get(), Strings{"recv b'x'"});
+    EXPECT_TRUE(waitUntil([&] { return gone.load(); }, 10));
+}
+
+}  // namespace
