@@ -764,19 +764,6 @@ ssize_t TcpSyncDataBuffer::_do_write_nothrow(const void* data, size_t length,
     return _do_writev_nothrow(&one, 1, t);
 }
 
-ssize_t TcpSyncDataBuffer::_do_write_nothrow(const AppendStr& s, const ConditionWaitTimeout* t) {
-    PortableIovecCursor cursor;
-    cursor.start(s);
-    return _do_write_nothrow(&cursor, t);
-}
-
-ssize_t TcpSyncDataBuffer::_do_write_nothrow(const SerializedResult& r,
-                                             const ConditionWaitTimeout* t) {
-    PortableIovecCursor cursor;
-    cursor.start(r);
-    return _do_write_nothrow(&cursor, t);
-}
-
 ssize_t TcpSyncDataBuffer::_do_write_nothrow(PortableIovecCursor* cursor,
                                              const ConditionWaitTimeout* t) {
     const PortableIovec& v = *cursor->_iov;
@@ -870,32 +857,43 @@ ssize_t TcpSyncDataBuffer::write(const void* data, size_t length) {
     return _do_write(data, length, writeTimeout(&s));
 }
 
+// A whole buffer goes out through a cursor over it.
+template <class Buffer>
+ssize_t TcpSyncDataBuffer::writeAll(const Buffer& b, bool nothrow, const ConditionWaitTimeout* t) {
+    PortableIovecCursor cursor;
+    cursor.start(b);
+    return nothrow ? _do_write_nothrow(&cursor, t) : _do_write(&cursor, t);
+}
+
 ssize_t TcpSyncDataBuffer::write_nothrow(const AppendStr& str) {
     ConditionWaitTimeout s;
-    return _do_write_nothrow(str, writeTimeout(&s));
+    return writeAll(str, true, writeTimeout(&s));
+}
+ssize_t TcpSyncDataBuffer::_do_write_nothrow(const AppendStr& str, const ConditionWaitTimeout* t) {
+    return writeAll(str, true, t);
 }
 ssize_t TcpSyncDataBuffer::_do_write(const AppendStr& str, const ConditionWaitTimeout* t) {
-    PortableIovecCursor cursor;
-    cursor.start(str);
-    return _do_write(&cursor, t);
+    return writeAll(str, false, t);
 }
 ssize_t TcpSyncDataBuffer::write(const AppendStr& str) {
     ConditionWaitTimeout s;
-    return _do_write(str, writeTimeout(&s));
+    return writeAll(str, false, writeTimeout(&s));
 }
 
 ssize_t TcpSyncDataBuffer::write_nothrow(const SerializedResult& r) {
     ConditionWaitTimeout s;
-    return _do_write_nothrow(r, writeTimeout(&s));
+    return writeAll(r, true, writeTimeout(&s));
+}
+ssize_t TcpSyncDataBuffer::_do_write_nothrow(const SerializedResult& r,
+                                             const ConditionWaitTimeout* t) {
+    return writeAll(r, true, t);
 }
 ssize_t TcpSyncDataBuffer::_do_write(const SerializedResult& r, const ConditionWaitTimeout* t) {
-    PortableIovecCursor cursor;
-    cursor.start(r);
-    return _do_write(&cursor, t);
+    return writeAll(r, false, t);
 }
 ssize_t TcpSyncDataBuffer::write(const SerializedResult& r) {
     ConditionWaitTimeout s;
-    return _do_write(r, writeTimeout(&s));
+    return writeAll(r, false, writeTimeout(&s));
 }
 
 ssize_t TcpSyncDataBuffer::write_nothrow(PortableIovecCursor* cursor) {

@@ -225,6 +225,8 @@ private:
     ConditionWaitTimeout* readTimeout(ConditionWaitTimeout* storage) const;
     ConditionWaitTimeout* writeTimeout(ConditionWaitTimeout* storage) const;
     ssize_t orThrow(ssize_t r);
+    template <class Buffer>
+    ssize_t writeAll(const Buffer& b, bool nothrow, const ConditionWaitTimeout* t);
 };
 
 // Told, under the worker's mutex, when the channel fails under a worker:
@@ -496,6 +498,10 @@ public:
     IdleThreadTrimmer _idleThreadTrimmer{this};
     bool _idleThreadTrimmerActive = false;
     Interval _idleThreadTrimInterval{IDLE_THREAD_TRIM_MS};
+
+private:
+    // Shuts down, joins and deletes idle threads until `keep` are left.
+    void endIdleThreads(unsigned keep);
 };
 
 // A loop that takes connections from a TcpChannelLoop's acceptors; it runs

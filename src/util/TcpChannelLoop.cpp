@@ -277,14 +277,7 @@ Base_TcpChannelLoop::~Base_TcpChannelLoop() {
     ASSERT(_activeList == nullptr);
     ASSERT(_activeThreadCount == 0);
     // Idle workers may be left when terminateConnections() never ran.
-    while (TcpChannelThread* t = _idleThreads) {
-        _idleThreads = t->nextIdle;
-        t->shutdown();
-        t->join();
-        delete t;
-        _threadCount->fetch_sub(1);
-    }
-    _idleThreadCount = 0;
+    endIdleThreads(0);
     if (_idleThreadTrimmer.isScheduled()) remove(&_idleThreadTrimmer);
 }
 
@@ -342,19 +335,20 @@ void Base_TcpChannelLoop::returnWorkerThread(TcpChannelThread* ithr) {
     }
 }
 
-void Base_TcpChannelLoop::_trimIdleThreads() {
-    if (_idleThreadCount > _maxActiveThreadsInTimePeriod) {
-        const unsigned keep = _idleThreadCount / 2;
-        while (_idleThreadCount > keep) {
-            TcpChannelThread* const t = _idleThreads;
-            _idleThreads = t->nextIdle;
-            t->shutdown();
-            t->join();
-            delete t;
-            _idleThreadCount--;
-            _threadCount->fetch_sub(1);
-        }
+void Base_TcpChannelLoop::endIdleThreads(unsigned keep) {
+    while (_idleThreadCount > keep) {
+        TcpChannelThread* const t = _idleThreads;
+        _idleThreads = t->nextIdle;
+        t->shutdown();
+        t->join();
+        delete t;
+        _idleThreadCount--;
+        _threadCount->fetch_sub(1);
     }
+}
+
+void Base_TcpChannelLoop::_trimIdleThreads() {
+    if (_idleThreadCount > _maxActiveThreadsInTimePeriod) endIdleThreads(_idleThreadCount / 2);
     _maxActiveThreadsInTimePeriod = _activeThreadCount;
 }
 
@@ -377,14 +371,7 @@ void Base_TcpChannelLoop::_do_terminateConnections() {
     killChannelsOf(this, nullptr);
     // Workers come back through actors: serve them until all have.
     if (_activeThreadCount != 0) runInThreadWorkUntilZero(&_activeThreadCount);
-    while (TcpChannelThread* t = _idleThreads) {
-        _idleThreads = t->nextIdle;
-        t->shutdown();
-        t->join();
-        delete t;
-        _idleThreadCount--;
-        _threadCount->fetch_sub(1);
-    }
+    endIdleThreads(0);
     ASSERT(_activeThreadCount == 0);
     ASSERT(_idleThreadCount == 0);
     ASSERT(_activeList == nullptr);
