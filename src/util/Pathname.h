@@ -291,6 +291,5 @@ struct PathnameOpResult {
     Timeval last_attempt;
 };
 
-// Description, outcome, attempts and their times in asctime form; defined
-// with the calendar conversions (TimeFormat).
+// Description, outcome, attempts and their times in asctime form.
 void append_stringified(Str* dest, const PathnameOpResult& v);

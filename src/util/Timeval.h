@@ -296,7 +296,8 @@ public:
     bool _resurrect(const char* text, size_t length);
 
     // "MAX_TIME", "MIN_TIME", "ZERO_TIME" or the local time as asctime()
-    // writes it; defined with the calendar conversions (TimeFormat).
+    // writes it (without its newline); "INVALID_TIME (seconds)" when the
+    // calendar can't hold it.
     void _printAsctime(Str* dest) const;
     // Seconds, then "." and `digits` fraction digits (none for 0).
     void _printAsUnixTime(Str* dest, unsigned digits) const;
@@ -305,8 +306,9 @@ public:
     // A negative sign of the text applied to parsed magnitudes.
     bool _finish_mem_parse_into(bool negative, uint64_t seconds, long usec);
 
-    // Calendar conversions; defined with the calendar and zone code
-    // (TimeFormat, then time zones).
+    // Calendar conversions (util/DateTime.h); the forms with a time zone
+    // come with the time zones, and the parse result's with timestamp
+    // extraction.
     bool gmtime(GmtStructTm* out) const;
     bool localtime(LocalStructTm* out) const;
     bool localtime(LocalStructTmHires* out) const;

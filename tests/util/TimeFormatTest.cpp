@@ -1,0 +1,321 @@
+// The compiler's refusals, parsing rules and round trips of TimeFormat, and
+// the calendar helpers. Rendering against glibc and GNU date is in
+// TimeFormatOracleTest.cpp.
+#include "util/DateTime.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "util/Pathname.h"
+#include "util/Timeval.h"
+
+namespace {
+
+using R = TimeFormatRawParseResult;
+
+std::string render(const char* format, int64_t t, unsigned long usec = 0) {
+    TimeFormat f;
+    EXPECT_TRUE(f.setFtime(format)) << format;
+    GmtStructTm g;
+    EXPECT_TRUE(g.GMT_fromUnixTime(long(t)));
+    Str out;
+    g.appendFtime(out, f, usec);
+    return out;
+}
+
+// The parse of `text`: how far it got (-1: refused) and the fields.
+struct Parsed {
+    long consumed;
+    R r;
+};
+Parsed parse(const char* format, const std::string& text) {
+    TimeFormat f;
+    EXPECT_TRUE(f.setFtime(format)) << format;
+    Parsed p{-1, {}};
+    const char* end = f.rawParse(&p.r, text.data(), text.data() + text.size());
+    if (end != nullptr) p.consumed = end - text.data();
+    return p;
+}
+
+TEST(TimeFormat, RefusesBadFormatsAndResets) {
+    const char* bad[] = {
+        "%",   "abc%", "%5-d", "%^#a",   "%_-d", "%EEY",    "%OEd",  "%J",
+        "%5%", "%-%",  "%3D",  "%_F",    "%ED",  "%OF",     "%Ea",   "%OY",
+        "%2b", "%1h",  "%:x",  "%::::z", "%E:z", "%99999d", "%\x01",
+    };
+    for (const char* f : bad) {
+        TimeFormat t("%Y");
+        EXPECT_FALSE(t.setFtime(f)) << f;
+        EXPECT_FALSE(t.valid()) << f;
+    }
+    for (const char* f :
+         {"%Ey", "%EC", "%Oy", "%OS", "%Ec", "%Ex", "%EX", "%Ez", "%#c", "%^x", "%3b"}) {
+        EXPECT_TRUE(TimeFormat().setFtime(f)) << f;
+    }
+}
+
+TEST(TimeFormat, EllIsMillisecondsOnlyAfterSeconds) {
+    const int64_t t = 1700000000;  // 22:13:20 UTC
+    struct Case {
+        const char* format;
+        std::string text;
+    } cases[] = {
+        {"%H:%M:%S.%l", "22:13:20.123"},  // milliseconds
+        {"%S,%l", "20,123"},              // no minute: milliseconds
+        {"%s%l", "1700000000123"},
+        {"%M:%S.%l", "13:20.10"},  // no hour: a 12-hour clock field
+        {"%l:%M", "10:13"},
+        {"%S.%_l", "20.10"},  // a flag: the hour
+    };
+    for (const Case& c : cases) EXPECT_EQ(render(c.format, t, 123456), c.text) << c.format;
+}
+
+TEST(TimeFormat, NegativeEpochWithAFractionCountsUp) {
+    struct Case {
+        int64_t sec;
+        unsigned long usec;
+        const char* text;
+    } cases[] = {
+        {-2, 750000, "-1.250"},
+        {-1, 750000, "-0.250"},
+        {-1, 0, "-1.000"},
+        {5, 250000, "5.250"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(render("%s.%3N", c.sec, c.usec), c.text) << c.sec;
+    // Without %s the fraction is the time's own.
+    EXPECT_EQ(render("%H:%M:%S.%3N", -2, 750000), "23:59:58.750");
+}
+
+TEST(TimeFormat, ParsesByTheTolerantRules) {
+    struct Case {
+        const char* format;
+        std::string text;
+        long consumed;  // -1: refused
+        uint32_t have;  // fields that must be there
+    } cases[] = {
+        {"%Y-%m-%d", "2024-13-01", -1, 0},
+        {"%Y", "1970", -1, 0},
+        {"%Y", "1971", 4, R::HAVE_YEAR},
+        {"%Y", "19999", 4, R::HAVE_YEAR},  // cut down to 1999
+        {"%d%H", "131", 3, R::HAVE_MDAY | R::HAVE_HOUR},
+        {"%d", "131", 2, R::HAVE_MDAY},  // all digits, then cut to fit
+        {"%H:%M:%S", "24:00:00", 8, R::HAVE_HOUR},
+        {"%H:%M:%S", "24:00:01", -1, 0},
+        {"%H:%M", "  7:05", 6, R::HAVE_HOUR | R::HAVE_MINUTE},
+        {"%H:%M:%S.%N", "10:11:12", 8, R::HAVE_SECOND},     // fraction absent
+        {"%H:%M:%S.%N", "10:11:12,5", 10, R::HAVE_SUBSEC},  // either separator
+        {"%H:%M:%S.%N x", "10:11:12 x", 10, R::HAVE_SECOND},
+        {"%a%b", "MonJan", 6, R::HAVE_WDAY | R::HAVE_MONTH},
+        {"%a", "TUES", 4, R::HAVE_WDAY},
+        {"%a", "thur", 4, R::HAVE_WDAY},
+        {"%a", "Th", 2, R::HAVE_WDAY},
+        {"%A", "WEDNESDAY", 9, R::HAVE_WDAY},
+        {"%a", "Wednes", -1, 0},
+        {"%b", "Sept", 4, R::HAVE_MONTH},
+        {"%b", "Se", -1, 0},
+        {"%B", "Sep", -1, 0},
+        {"%I %p", "11 p.m.", 7, R::HAVE_HOUR12 | R::HAVE_PM},
+        {"%p", "\xE5\x8D\x88\xE5\xBE\x8C", 6, R::HAVE_PM},
+        {"%p", "\xEC\x98\xA4\xEC\xA0\x84", 6, R::HAVE_PM},
+        {"%Z", "Pacific Standard Time (Mexico) x", 30, R::HAVE_TZNAM},
+        {"%z", "+0530", 5, R::HAVE_TZOFF},
+        {"%z", "-5", 2, R::HAVE_TZOFF},
+        {"%z", "+23:59:59", 9, R::HAVE_TZOFF},
+        {"%z", "+24:00", -1, 0},
+        {"%Ez", "-1439", 5, R::HAVE_TZOFF},
+        {"%Ez", "+1440", -1, 0},
+        {"%20s", "-99999999999999999999", 21, R::HAVE_EPOCH | R::EPOCH_NEGATIVE},
+        {"%D", "2/29/24", 7, R::HAVE_MONTH | R::HAVE_MDAY | R::HAVE_YEAR2},
+        {"%Y%n%m", "2024 \t 02", 9, R::HAVE_YEAR | R::HAVE_MONTH},
+    };
+    for (const Case& c : cases) {
+        const Parsed p = parse(c.format, c.text);
+        EXPECT_EQ(p.consumed, c.consumed) << c.format << " on " << c.text;
+        if (c.consumed >= 0) {
+            EXPECT_EQ(p.r.have & c.have, c.have) << c.format << " on " << c.text;
+        }
+    }
+    EXPECT_EQ(parse("%Y", "19999").r.year, 1999);
+    EXPECT_EQ(parse("%z", "-5").r.tzoff, -5 * 3600);
+    EXPECT_EQ(parse("%z", "+23:59:59").r.tzoff, 86399);
+    EXPECT_STREQ(parse("%Z", "Pacific Standard Time (Mexico) x").r.tzname,
+                 "Pacific Standard Time (Mexico)");
+    EXPECT_EQ(parse("%20s", "-99999999999999999999").r.epoch, INT64_MIN);
+    EXPECT_EQ(parse("%s", "123456789012").r.epoch, 1234567890) << "ten digits at most";
+}
+
+TEST(TimeFormat, ConflictsAreCountedAndTheFirstValueStands) {
+    const Parsed same = parse("%d %d", "05 05");
+    const Parsed differ = parse("%Y-%m-%d %F", "2024-02-03 2025-02-04");
+    EXPECT_EQ(same.r.conflicts, 1u);
+    EXPECT_EQ(differ.r.conflicts, 3u);
+    EXPECT_EQ(differ.r.year, 2024);
+    EXPECT_EQ(differ.r.mday, 3);
+    // An epoch past 64 bits saturates and counts as one.
+    EXPECT_EQ(parse("%20s", "99999999999999999999").r.conflicts, 2u);
+}
+
+// Every atom, rendered and parsed back, over random times: the fields come
+// back as they went.
+TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
+    // %s reads 10 digits unless a width says more: times past 2286 need one.
+    const char* formats[] = {
+        "%Y-%m-%dT%H:%M:%S.%6N%z",
+        "%a, %d %b %Y %H:%M:%S %Z",
+        "%A %B %e %I:%M:%S %p %y %C",
+        "%12s.%3N",
+        "%G-W%V-%u %j",
+        "%c",
+        "%D %r",
+        "%F %T %:z",
+        "%x %X %::z",
+    };
+    std::mt19937_64 rng(7);
+    for (int i = 0; i < 400; i++) {
+        // 1972 to 2999: the ISO year of early January 1971 is 1970, below the parser's range.
+        const int64_t t = 63072000 + int64_t(rng() % (32503680000 - 63072000));
+        const unsigned long usec = rng() % 1000000;
+        GmtStructTm g;
+        ASSERT_TRUE(g.GMT_fromUnixTime(long(t)));
+        for (const char* fmt : formats) {
+            TimeFormat f(fmt);
+            Str text;
+            g.appendFtime(text, f, usec);
+            R r;
+            const char* end = f.rawParse(&r, text.data(), text.data() + text.size());
+            ASSERT_EQ(end, text.data() + text.size()) << fmt << ": " << text;
+            EXPECT_EQ(r.conflicts, 1u) << fmt << ": " << text;
+            int year;
+            if (r.has(R::HAVE_YEAR) || r.has(R::HAVE_CENTURY | R::HAVE_YEAR2)) {
+                ASSERT_TRUE(r.fullYear(&year));
+                EXPECT_EQ(year, g.tm_year + 1900) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_MONTH)) {
+                EXPECT_EQ(r.month, g.tm_mon) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_MDAY)) {
+                EXPECT_EQ(r.mday, g.tm_mday) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_HOUR)) {
+                EXPECT_EQ(r.hour, g.tm_hour) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_MINUTE)) {
+                EXPECT_EQ(r.minute, g.tm_min) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_WDAY)) {
+                EXPECT_EQ(r.wday, g.tm_wday) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_YDAY)) {
+                EXPECT_EQ(r.yday, g.tm_yday) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_EPOCH)) {
+                EXPECT_EQ(r.epoch, t) << fmt << ": " << text;
+            }
+            if (r.has(R::HAVE_SUBSEC) && r.subsecDigits == 6) {
+                EXPECT_EQ(r.subsec, usec) << text;
+            }
+            if (r.has(R::HAVE_WEEK_ISO)) {
+                R fromWeek = r;
+                fromWeek.have &= ~(R::HAVE_MONTH | R::HAVE_MDAY | R::HAVE_YDAY | R::HAVE_YEAR);
+                ASSERT_TRUE(fromWeek.computeYdayFromYweek()) << text;
+                EXPECT_EQ(fromWeek.year, g.tm_year + 1900) << text;
+                EXPECT_EQ(fromWeek.yday, g.tm_yday) << text;
+            }
+        }
+    }
+}
+
+TEST(TimeFormat, CalendarHelpers) {
+    R r;
+    ASSERT_TRUE(r.setYear(StrSegment("2024")));
+    r.set(R::HAVE_YDAY, &r.yday, 59);  // the 60th day of a leap year
+    ASSERT_TRUE(r.computeMmddFromYday());
+    EXPECT_EQ(r.month, 1);
+    EXPECT_EQ(r.mday, 29);
+    EXPECT_EQ(r.computedWday(), 4);  // a Thursday
+    r.incrementDay();
+    EXPECT_EQ(r.month, 2);
+    EXPECT_EQ(r.mday, 1);
+    int64_t start;
+    ASSERT_TRUE(r.dayStartTime(&start));
+    EXPECT_EQ(start, 1709251200);  // 2024-03-01T00:00:00Z
+
+    R noYear;
+    noYear.set(R::HAVE_MONTH, &noYear.month, 1);
+    noYear.set(R::HAVE_MDAY, &noYear.mday, 29);
+    EXPECT_TRUE(noYear.mdayValidForMonth()) << "29 February without a year";
+    EXPECT_TRUE(noYear.setMonth(StrSegment("MAR")));
+    EXPECT_EQ(noYear.conflicts, 2u);
+
+    R a, b;
+    a.set(R::HAVE_HOUR, &a.hour, 5);
+    b.set(R::HAVE_HOUR, &b.hour, 7);
+    b.set(R::HAVE_MINUTE, &b.minute, 30);
+    a.mergeIn(&b);
+    EXPECT_EQ(a.hour, 5);
+    EXPECT_EQ(a.minute, 30);
+    EXPECT_EQ(a.conflicts, 2u);
+
+    StructTm t;
+    ASSERT_TRUE(t.GMT_fromUnixTime(1706659200));  // 2024-01-31
+    t.addCalendarMonths(1);
+    EXPECT_EQ(t.tm_mon, 1);
+    EXPECT_EQ(t.tm_mday, 29);
+    t.addCalendarMonths(-14);
+    EXPECT_EQ(t.tm_year, 122);
+    EXPECT_EQ(t.tm_mon, 11);
+    EXPECT_EQ(t.tm_mday, 29);
+    EXPECT_FALSE(t.GMT_fromUnixTime(32535244800)) << "past the last safe second";
+}
+
+TEST(TimeFormat, LibcFormsAndTheirTexts) {
+    StructTm t;
+    ASSERT_TRUE(t.GMT_fromUnixTime(784111777));
+    EXPECT_EQ(t.strftime("%Y-%m-%d"), "1994-11-06");
+    EXPECT_EQ(t.strftime(std::string(300, 'x').c_str()).size(), 300u) << "the buffer grows";
+    EXPECT_EQ(t.strftime("%p"), "AM");
+    EXPECT_EQ(t.strftime(""), "");
+
+    Str asctime;
+    Timeval(0, 5)._printAsctime(&asctime);
+    Timeval::max()._printAsctime(&asctime);
+    Timeval::min()._printAsctime(&asctime);
+    EXPECT_EQ(asctime, "ZERO_TIMEMAX_TIMEMIN_TIME");
+
+    PathnameOpResult failed{"rename a", false, ENOENT, 3, Timeval(0, 0), Timeval(0, 0)};
+    Str text;
+    append_stringified(&text, failed);
+    EXPECT_EQ(text,
+              "rename a failed in 3 attempt(s) made between ZERO_TIME and ZERO_TIME "
+              "[status code: 2 description: \"No such file or directory\"]");
+}
+
+TEST(TimeFormat, JavaPatternsAndSerializedForms) {
+    struct Case {
+        const char* format;
+        const char* java;  // "" when there is none
+    } cases[] = {
+        {"%Y-%m-%d %H:%M:%S.%3N", "yyyy-MM-dd HH:mm:ss.SSS"},
+        {"%a, %d %b %Y %H:%M:%S %Z", "E, dd MMM yyyy HH:mm:ss zzz"},
+        {"%-d/%-m %I %p %z", "d/M hh a Z"},
+        {"%e", ""},
+        {"%P", ""},
+        {"%j", ""},
+        {"T%H at %M", "'T'HH 'at' mm"},
+    };
+    for (const Case& c : cases) {
+        Str java("junk");
+        EXPECT_EQ(toJavaTimeFormat(TimeFormat(c.format), java), *c.java != 0) << c.format;
+        EXPECT_EQ(java, c.java) << c.format;
+    }
+    SDSTimeFormat sds;
+    EXPECT_TRUE(mem_parse_into("%s.%6Q", 6, &sds));
+    EXPECT_EQ(sds, SDS_S_DOT_6Q);
+    EXPECT_TRUE(mem_parse_into("%UT%Q", 5, &sds));
+    EXPECT_EQ(sds, SDS_UT_Q);
+    EXPECT_TRUE(mem_parse_into("%s.%6Qx", 7, &sds));
+    EXPECT_EQ(sds, SDS_OTHER);
+}
+
+}  // namespace
