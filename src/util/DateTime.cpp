@@ -656,6 +656,7 @@ void TimeFormat::reset() {
     _coarsest = -7;
     _finest = 1;
     _dynamic = false;
+    _hasEpoch = false;
 }
 
 bool TimeFormat::setFtime(const char* format) { return _setFtime(format, strlen(format), false); }
@@ -687,6 +688,7 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         atom* a = &_atoms[i];
         ASSERT(a < &_atoms[n]);
         *a = c.atoms[i];
+        _hasEpoch |= a->what == EPOCH;
         if (a->what == LITERAL || a->what == LITERAL_WS) {
             a->x.lit = _literals.data() + c.literals[i].first;
             _renderSizeHint += a->width;
@@ -809,8 +811,6 @@ void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
         if (negativeEpoch < 0) negativeEpoch = ops->to_epoch(ops, &t) < 0;
         return negativeEpoch == 1;
     };
-    bool formatHasEpoch = false;
-    for (const atom* a = _atoms; a < _atomsEnd; a++) formatHasEpoch |= a->what == EPOCH;
     const int year = t.tm_year + 1900;
     for (const atom* a = _atoms; a < _atomsEnd; a++) {
         const uint8_t pad = a->what < LITERAL_WS ? a->x.conv.padding : uint8_t(PAD_NONE);
@@ -883,7 +883,7 @@ void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
                 break;
             case SUBSECOND: {
                 unsigned long u = usec % 1000000;
-                if (formatHasEpoch && u != 0 && epochIsNegative()) u = 1000000 - u;
+                if (_hasEpoch && u != 0 && epochIsNegative()) u = 1000000 - u;
                 static const unsigned long pow10[6] = {100000, 10000, 1000, 100, 10, 1};
                 for (uint64_t i = 0; i < a->width; i++)
                     out.push_back(i < 6 ? char('0' + u / pow10[i] % 10) : '0');

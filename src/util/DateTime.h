@@ -276,6 +276,7 @@ private:
     int32_t _finest = 1;
     Str _source;
     bool _dynamic = false;
+    bool _hasEpoch = false;  // a %s: a negative time's fraction counts up
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)

@@ -215,12 +215,20 @@ TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
             if (r.has(R::HAVE_SUBSEC) && r.subsecDigits == 6) {
                 EXPECT_EQ(r.subsec, usec) << text;
             }
-            if (r.has(R::HAVE_WEEK_ISO)) {
-                R fromWeek = r;
-                fromWeek.have &= ~(R::HAVE_MONTH | R::HAVE_MDAY | R::HAVE_YDAY | R::HAVE_YEAR);
+            // The date again from the year, the week and the weekday alone.
+            for (uint32_t week : {R::HAVE_WEEK_ISO, R::HAVE_WEEK_SUNDAY, R::HAVE_WEEK_MONDAY}) {
+                if (!r.has(week | R::HAVE_WDAY)) continue;
+                R fromWeek;
+                fromWeek.have = r.have & (week | R::HAVE_WDAY | R::HAVE_YEAR | R::HAVE_ISOYEAR);
+                fromWeek.year = r.year;
+                fromWeek.isoYear = r.isoYear;
+                fromWeek.weekIso = r.weekIso;
+                fromWeek.weekSunday = r.weekSunday;
+                fromWeek.weekMonday = r.weekMonday;
+                fromWeek.wday = r.wday;
                 ASSERT_TRUE(fromWeek.computeYdayFromYweek()) << text;
-                EXPECT_EQ(fromWeek.year, g.tm_year + 1900) << text;
-                EXPECT_EQ(fromWeek.yday, g.tm_yday) << text;
+                EXPECT_EQ(fromWeek.year, g.tm_year + 1900) << fmt << ": " << text;
+                EXPECT_EQ(fromWeek.yday, g.tm_yday) << fmt << ": " << text;
             }
         }
     }
