@@ -108,9 +108,15 @@ void civilFromDays(int64_t z, int64_t* year, unsigned* month1, unsigned* mday) {
 }
 
 void recompute_yday_and_wday(struct tm* t) {
+    static const int daysBefore[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
     const int64_t year = int64_t(t->tm_year) + 1900;
     const int64_t days = daysFromCivil(year, unsigned(t->tm_mon + 1), unsigned(t->tm_mday));
-    t->tm_yday = int(days - daysFromCivil(year, 1, 1));
+    if (t->tm_mon >= 0 && t->tm_mon < 12) {
+        t->tm_yday =
+            daysBefore[t->tm_mon] + t->tm_mday - 1 + (t->tm_mon > 1 && isLeapYear(int(year)));
+    } else {
+        t->tm_yday = int(days - daysFromCivil(year, 1, 1));
+    }
     t->tm_wday = int(floorMod(days + 4, 7));  // 1970-01-01 was a Thursday
 }
 
@@ -118,10 +124,28 @@ void recompute_yday_and_wday(struct tm* t) {
 
 static constexpr long LAST_SAFE_UNIX_TIME = 32535244799;  // 3001-01-01 23:59:59 minus a day
 
+// UTC needs no zone: the calendar arithmetic alone, without gmtime_r's
+// trip through the zone machinery and its lock.
 bool StructTm::GMT_fromUnixTime(long t) {
     if (t > LAST_SAFE_UNIX_TIME) return false;
-    const time_t tt = t;
-    return gmtime_r(&tt, this) != nullptr;
+    const int64_t days = floorDiv(t, 86400);
+    const int64_t secs = t - days * 86400;
+    int64_t year;
+    unsigned month1, mday;
+    civilFromDays(days, &year, &month1, &mday);
+    if (year - 1900 < INT_MIN || year - 1900 > INT_MAX) return false;
+    tm_sec = int(secs % 60);
+    tm_min = int(secs / 60 % 60);
+    tm_hour = int(secs / 3600);
+    tm_mday = int(mday);
+    tm_mon = int(month1) - 1;
+    tm_year = int(year - 1900);
+    tm_wday = int(floorMod(days + 4, 7));
+    tm_yday = int(days - daysFromCivil(year, 1, 1));
+    tm_isdst = 0;
+    tm_gmtoff = 0;
+    tm_zone = "GMT";
+    return true;
 }
 
 bool StructTm::Local_fromUnixTime(long t) {
@@ -626,6 +650,11 @@ int resolution(TimeFormat::atom_type_t w, uint64_t width) {
 
 }  // namespace
 
+namespace {
+size_t renderBound(const atom& a);
+bool canStartWithDigit(const atom* a, const atom* end);
+}  // namespace
+
 TimeFormat::TimeFormat(const char* format) {
     if (!setFtime(format)) {
         fprintf(stderr, "bad TimeFormat constant: \"%s\"\n", format);
@@ -657,6 +686,7 @@ void TimeFormat::reset() {
     _finest = 1;
     _dynamic = false;
     _hasEpoch = false;
+    _renderBound = 0;
 }
 
 bool TimeFormat::setFtime(const char* format) { return _setFtime(format, strlen(format), false); }
@@ -692,14 +722,24 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         if (a->what == LITERAL || a->what == LITERAL_WS) {
             a->x.lit = _literals.data() + c.literals[i].first;
             _renderSizeHint += a->width;
+            _renderBound += a->width;
             continue;
         }
         _renderSizeHint += (a->width > a->x.conv.hint ? a->width : a->x.conv.hint) + 1;
+        _renderBound += renderBound(*a);
         const int r = resolution(a->what, a->width);
         if (r != INT_MIN) {
             if (r < coarsest) coarsest = r;
             if (r > finest) finest = r;
         }
+    }
+    // What parsing needs of the neighbours, worked out once.
+    for (atom* a = _atoms; a < _atomsEnd; a++) {
+        const bool nextDigit = canStartWithDigit(a + 1, _atomsEnd);
+        a->maxDigits = uint8_t(nextDigit && a->width > 0 && a->width < 19 ? a->width : 19);
+        a->beforeFraction = a->what == LITERAL && a->width == 1 &&
+                            (a->x.lit[0] == '.' || a->x.lit[0] == ',') && a + 1 < _atomsEnd &&
+                            a[1].what == SUBSECOND;
     }
     if (coarsest != INT_MAX) {
         _coarsest = coarsest;
@@ -712,98 +752,151 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
 
 namespace {
 
-void appendPadded(Str& out, bool negative, const char* digits, size_t n, uint64_t width,
-                  uint8_t pad) {
-    const size_t len = n + (negative ? 1 : 0);
-    const size_t fill = width > len && pad != TimeFormat::PAD_NONE ? size_t(width - len) : 0;
-    if (pad == TimeFormat::PAD_SPACE) out.append(fill, ' ');
-    if (negative) out.push_back('-');
-    if (pad == TimeFormat::PAD_ZERO) out.append(fill, '0');
-    out.append(digits, n);
-}
+// "00" to "99": two-digit fields are one copy.
+const char kDigitPairs[201] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
 
-void appendSigned(Str& out, bool negative, uint64_t mag, uint64_t width, uint8_t pad) {
-    char buf[24];
-    const size_t n = convertU64ToAscii(mag, buf);
-    appendPadded(out, negative, buf, n, width, pad);
-}
+// Rendering writes into space reserved for the format's largest output.
+struct Writer {
+    char* w;
 
-void appendNumber(Str& out, int64_t v, uint64_t width, uint8_t pad) {
-    appendSigned(out, v < 0, v < 0 ? uint64_t(0) - uint64_t(v) : uint64_t(v), width, pad);
-}
+    void bytes(const char* p, size_t n) {
+        // Mostly one to three bytes: a call to memcpy costs more.
+        if (n <= 8) {
+            for (size_t i = 0; i < n; i++) w[i] = p[i];
+        } else {
+            memcpy(w, p, n);
+        }
+        w += n;
+    }
+    void fill(size_t n, char c) {
+        memset(w, c, n);
+        w += n;
+    }
 
-void appendName(Str& out, const char* name, const atom& a) {
-    char buf[64];
-    size_t n = strlen(name);
-    if (n >= sizeof buf) n = sizeof buf - 1;
-    memcpy(buf, name, n);
-    for (size_t i = 0; i < n; i++) {
-        if (a.x.conv.act == TimeFormat::CASE_UPPER) {
-            if (isLower(buf[i])) buf[i] = char(buf[i] - 32);
-        } else if (a.x.conv.act == TimeFormat::CASE_REVERSE) {
-            if (isLower(buf[i])) {
-                buf[i] = char(buf[i] - 32);
-            } else if (isUpper(buf[i])) {
-                buf[i] = char(buf[i] + 32);
+    void padded(bool negative, const char* digits, size_t n, uint64_t width, uint8_t pad) {
+        const size_t len = n + (negative ? 1 : 0);
+        const size_t gap = width > len && pad != TimeFormat::PAD_NONE ? size_t(width - len) : 0;
+        if (pad == TimeFormat::PAD_SPACE) fill(gap, ' ');
+        if (negative) *w++ = '-';
+        if (pad == TimeFormat::PAD_ZERO) fill(gap, '0');
+        bytes(digits, n);
+    }
+
+    void number(bool negative, uint64_t mag, uint64_t width, uint8_t pad) {
+        if (!negative && mag < 100 && width == 2 && pad != TimeFormat::PAD_NONE) {
+            w[0] = mag < 10 && pad == TimeFormat::PAD_SPACE ? ' ' : kDigitPairs[2 * mag];
+            w[1] = kDigitPairs[2 * mag + 1];
+            w += 2;
+            return;
+        }
+        char buf[24];
+        padded(negative, buf, convertU64ToAscii(mag, buf), width, pad);
+    }
+    void number(int64_t v, uint64_t width, uint8_t pad) {
+        number(v < 0, v < 0 ? uint64_t(0) - uint64_t(v) : uint64_t(v), width, pad);
+    }
+
+    void name(const char* text, size_t n, const atom& a) {
+        // A width of exactly 2 gives the two-letter forms ("Su", "Ja").
+        if (a.x.conv.explicitWidth && a.width == 2 && n > 2) n = 2;
+        if (a.width > n && a.x.conv.padding != TimeFormat::PAD_NONE) fill(size_t(a.width - n), ' ');
+        char* start = w;
+        bytes(text, n);
+        if (a.x.conv.act == TimeFormat::CASE_NONE) return;
+        for (char* c = start; c < w; c++) {
+            if (isLower(*c)) {
+                *c = char(*c - 32);
+            } else if (isUpper(*c) && a.x.conv.act == TimeFormat::CASE_REVERSE) {
+                *c = char(*c + 32);
             }
         }
     }
-    // A width of exactly 2 gives the two-letter forms ("Su", "Ja").
-    if (a.x.conv.explicitWidth && a.width == 2 && n > 2) n = 2;
-    if (a.width > n && a.x.conv.padding != TimeFormat::PAD_NONE)
-        out.append(size_t(a.width - n), ' ');
-    out.append(buf, n);
-}
 
-void appendOffset(Str& out, const atom& a, long off) {
-    if (off == TimeFormat::NO_OFFSET) return;
-    const bool negative = off < 0;
-    const long s = negative ? -off : off;
-    const long hh = s / 3600, mm = s / 60 % 60, ss = s % 60;
-    char body[32];
-    int n = 0;
+    void offset(const atom& a, long off) {
+        if (off == TimeFormat::NO_OFFSET) return;
+        const bool negative = off < 0;
+        const long s = negative ? -off : off;
+        const unsigned hh = unsigned(s / 3600 % 100), mm = unsigned(s / 60 % 60),
+                       ss = unsigned(s % 60);
+        char body[16];
+        size_t n = 0;
+        auto two = [&](unsigned v) {
+            body[n++] = kDigitPairs[2 * v];
+            body[n++] = kDigitPairs[2 * v + 1];
+        };
+        switch (a.what) {
+            case TimeFormat::TZ_AS_HHMM:
+                two(hh);
+                two(mm);
+                break;
+            case TimeFormat::TZ_AS_MINOFFSET:
+            case TimeFormat::TZ_AS_SECOFFSET:
+            case TimeFormat::TZ_AS_NEEDEDOFFSET: {
+                const bool needed = a.what == TimeFormat::TZ_AS_NEEDEDOFFSET;
+                two(hh);
+                if (!needed || mm != 0 || ss != 0) {
+                    body[n++] = ':';
+                    two(mm);
+                }
+                if (a.what == TimeFormat::TZ_AS_SECOFFSET || (needed && ss != 0)) {
+                    body[n++] = ':';
+                    two(ss);
+                }
+                break;
+            }
+            default:  // minutes, capped at 999
+                n = convertU64ToAscii(uint64_t(s / 60 > 999 ? 999 : s / 60), body);
+        }
+        const char* digits = body;
+        if (a.x.conv.padding == TimeFormat::PAD_NONE) {
+            while (n > 1 && *digits == '0' && isDigit(digits[1])) {
+                digits++;
+                n--;
+            }
+        }
+        // The sign always shows; zero padding goes between it and the digits.
+        const size_t gap = a.width > n + 1 && a.x.conv.padding != TimeFormat::PAD_NONE
+                               ? size_t(a.width - n - 1)
+                               : 0;
+        if (a.x.conv.padding == TimeFormat::PAD_SPACE) fill(gap, ' ');
+        *w++ = negative ? '-' : '+';
+        if (a.x.conv.padding == TimeFormat::PAD_ZERO) fill(gap, '0');
+        bytes(digits, n);
+    }
+};
+
+constexpr size_t kMaxNameBytes = 63;
+
+// The most an atom can write.
+size_t renderBound(const atom& a) {
+    const size_t width = size_t(a.width);
     switch (a.what) {
-        case TimeFormat::TZ_AS_HHMM:
-            n = snprintf(body, sizeof body, "%02ld%02ld", hh, mm);
-            break;
-        case TimeFormat::TZ_AS_MINOFFSET:
-            n = snprintf(body, sizeof body, "%02ld:%02ld", hh, mm);
-            break;
-        case TimeFormat::TZ_AS_SECOFFSET:
-            n = snprintf(body, sizeof body, "%02ld:%02ld:%02ld", hh, mm, ss);
-            break;
-        case TimeFormat::TZ_AS_NEEDEDOFFSET:
-            n = ss != 0   ? snprintf(body, sizeof body, "%02ld:%02ld:%02ld", hh, mm, ss)
-                : mm != 0 ? snprintf(body, sizeof body, "%02ld:%02ld", hh, mm)
-                          : snprintf(body, sizeof body, "%02ld", hh);
-            break;
-        default: {  // minutes, capped at 999
-            const long minutes = s / 60 > 999 ? 999 : s / 60;
-            n = snprintf(body, sizeof body, "%ld", minutes);
-        }
+        case TimeFormat::LITERAL:
+        case TimeFormat::LITERAL_WS:
+        case TimeFormat::SUBSECOND:
+            return width;
+        case TimeFormat::WDAY_ABBREV:
+        case TimeFormat::WDAY_FULL:
+        case TimeFormat::MONTH_ABBREV:
+        case TimeFormat::MONTH_FULL:
+        case TimeFormat::AMPM:
+        case TimeFormat::TZ_NAME:
+            return width > kMaxNameBytes ? width : kMaxNameBytes;
+        default:  // numbers and offsets: 20 digits and a sign at most
+            return (width > 21 ? width : 21) + 1;
     }
-    const char* digits = body;
-    if (a.x.conv.padding == TimeFormat::PAD_NONE) {
-        while (n > 1 && *digits == '0' && isDigit(digits[1])) {
-            digits++;
-            n--;
-        }
-    }
-    // The sign always shows; zero padding goes between it and the digits.
-    const size_t len = size_t(n) + 1;
-    const size_t fill =
-        a.width > len && a.x.conv.padding != TimeFormat::PAD_NONE ? size_t(a.width - len) : 0;
-    if (a.x.conv.padding == TimeFormat::PAD_SPACE) out.append(fill, ' ');
-    out.push_back(negative ? '-' : '+');
-    if (a.x.conv.padding == TimeFormat::PAD_ZERO) out.append(fill, '0');
-    out.append(digits, size_t(n));
 }
 
 }  // namespace
 
 void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
                         const render_tm_ops* ops) const {
-    out.reserve(out.size() + _renderSizeHint);
+    const size_t old = out.size();
+    out.resize(old + _renderBound);
+    Writer o{&out[old]};
     // A negative %s with a fraction is written as -(seconds + 1), and the
     // fraction then counts up from it: found once, and only when there is %s.
     int negativeEpoch = -1;
@@ -812,81 +905,85 @@ void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
         return negativeEpoch == 1;
     };
     const int year = t.tm_year + 1900;
+    int isoYear = 0, isoWeekNo = -1;
+    auto iso = [&] {
+        if (isoWeekNo < 0) isoWeek(year, t.tm_yday, t.tm_wday, &isoYear, &isoWeekNo);
+    };
     for (const atom* a = _atoms; a < _atomsEnd; a++) {
         const uint8_t pad = a->what < LITERAL_WS ? a->x.conv.padding : uint8_t(PAD_NONE);
         switch (a->what) {
             case LITERAL:
             case LITERAL_WS:
-                out.append(a->x.lit, a->width);
+                o.bytes(a->x.lit, size_t(a->width));
                 break;
             case YEAR_4:
-                appendNumber(out, year, a->width, pad);
+                o.number(year, a->width, pad);
                 break;
             case CENTURY:
-                appendNumber(out, floorDiv(year, 100), a->width, pad);
+                o.number(floorDiv(year, 100), a->width, pad);
                 break;
             case YEAR_2:
-                appendNumber(out, floorMod(year, 100), a->width, pad);
+                o.number(floorMod(year, 100), a->width, pad);
                 break;
             case YEAR_2_OR_4:
-                appendNumber(out, a->width >= 4 ? year : floorMod(year, 100), a->width, pad);
+                o.number(a->width >= 4 ? year : floorMod(year, 100), a->width, pad);
                 break;
             case ISO_YEAR_4:
-            case ISO_YEAR_2: {
-                int iy, w;
-                isoWeek(year, t.tm_yday, t.tm_wday, &iy, &w);
-                appendNumber(out, a->what == ISO_YEAR_4 ? iy : floorMod(iy, 100), a->width, pad);
+                iso();
+                o.number(isoYear, a->width, pad);
                 break;
-            }
+            case ISO_YEAR_2:
+                iso();
+                o.number(floorMod(isoYear, 100), a->width, pad);
+                break;
             case MONTH_NUM:
-                appendNumber(out, t.tm_mon + 1, a->width, pad);
+                o.number(t.tm_mon + 1, a->width, pad);
                 break;
             case WEEK_SUNDAY:
-                appendNumber(out, (t.tm_yday + 7 - t.tm_wday) / 7, a->width, pad);
+                o.number((t.tm_yday + 7 - t.tm_wday) / 7, a->width, pad);
                 break;
             case WEEK_MONDAY:
-                appendNumber(out, (t.tm_yday + 7 - (t.tm_wday + 6) % 7) / 7, a->width, pad);
+                o.number((t.tm_yday + 7 - (t.tm_wday + 6) % 7) / 7, a->width, pad);
                 break;
-            case WEEK_ISO: {
-                int iy, w;
-                isoWeek(year, t.tm_yday, t.tm_wday, &iy, &w);
-                appendNumber(out, w, a->width, pad);
+            case WEEK_ISO:
+                iso();
+                o.number(isoWeekNo, a->width, pad);
                 break;
-            }
             case MONTHWEEK_NUM:
                 ASSERT(a->what == MONTHWEEK_NUM);
-                appendNumber(out, (t.tm_mday + 6) / 7, a->width, pad);
+                o.number((t.tm_mday + 6) / 7, a->width, pad);
                 break;
             case MDAY:
-                appendNumber(out, t.tm_mday, a->width, pad);
+                o.number(t.tm_mday, a->width, pad);
                 break;
             case YDAY:
-                appendNumber(out, t.tm_yday + 1, a->width, pad);
+                o.number(t.tm_yday + 1, a->width, pad);
                 break;
             case WDAY_SUNDAY0:
-                appendNumber(out, t.tm_wday, a->width, pad);
+                o.number(t.tm_wday, a->width, pad);
                 break;
             case WDAY_SUNDAY7:
-                appendNumber(out, t.tm_wday == 0 ? 7 : t.tm_wday, a->width, pad);
+                o.number(t.tm_wday == 0 ? 7 : t.tm_wday, a->width, pad);
                 break;
             case HOUR_24:
-                appendNumber(out, t.tm_hour, a->width, pad);
+                o.number(t.tm_hour, a->width, pad);
                 break;
             case HOUR_12:
-                appendNumber(out, t.tm_hour % 12 == 0 ? 12 : t.tm_hour % 12, a->width, pad);
+                o.number(t.tm_hour % 12 == 0 ? 12 : t.tm_hour % 12, a->width, pad);
                 break;
             case MINUTE:
-                appendNumber(out, t.tm_min, a->width, pad);
+                o.number(t.tm_min, a->width, pad);
                 break;
             case SECOND:
-                appendNumber(out, t.tm_sec, a->width, pad);
+                o.number(t.tm_sec, a->width, pad);
                 break;
             case SUBSECOND: {
                 unsigned long u = usec % 1000000;
                 if (_hasEpoch && u != 0 && epochIsNegative()) u = 1000000 - u;
                 static const unsigned long pow10[6] = {100000, 10000, 1000, 100, 10, 1};
-                for (uint64_t i = 0; i < a->width; i++)
-                    out.push_back(i < 6 ? char('0' + u / pow10[i] % 10) : '0');
+                for (uint64_t i = 0; i < a->width; i++) {
+                    *o.w++ = i < 6 ? char('0' + u / pow10[i] % 10) : '0';
+                }
                 break;
             }
             case EPOCH: {
@@ -894,44 +991,38 @@ void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
                 negativeEpoch = e < 0;
                 if (e < 0 && usec % 1000000 != 0) {
                     // -(e + 1) may be 0 (for -0.25 s): the sign is written apart.
-                    appendSigned(out, true, uint64_t(-(e + 1)), a->width, pad);
+                    o.number(true, uint64_t(-(e + 1)), a->width, pad);
                 } else {
-                    appendNumber(out, e, a->width, pad);
+                    o.number(e, a->width, pad);
                 }
                 break;
             }
             case WDAY_ABBREV:
-            case WDAY_FULL: {
-                char abbrev[4] = {};
-                const char* name = "???";
+            case WDAY_FULL:
                 if (t.tm_wday >= 0 && t.tm_wday < 7) {
-                    name = kWdayFull[t.tm_wday];
-                    if (a->what == WDAY_ABBREV)
-                        name = static_cast<const char*>(memcpy(abbrev, name, 3));
+                    const char* n = kWdayFull[t.tm_wday];
+                    o.name(n, a->what == WDAY_ABBREV ? 3 : strlen(n), *a);
+                } else {
+                    o.name("???", 3, *a);
                 }
-                appendName(out, name, *a);
                 break;
-            }
             case MONTH_ABBREV:
-            case MONTH_FULL: {
-                char abbrev[4] = {};
-                const char* name = "???";
+            case MONTH_FULL:
                 if (t.tm_mon >= 0 && t.tm_mon < 12) {
-                    name = kMonthFull[t.tm_mon];
-                    if (a->what == MONTH_ABBREV)
-                        name = static_cast<const char*>(memcpy(abbrev, name, 3));
+                    const char* n = kMonthFull[t.tm_mon];
+                    o.name(n, a->what == MONTH_ABBREV ? 3 : strlen(n), *a);
+                } else {
+                    o.name("???", 3, *a);
                 }
-                appendName(out, name, *a);
                 break;
-            }
             case AMPM: {
                 const bool pm = t.tm_hour >= 12;
-                appendName(out, a->x.conv.upper ? (pm ? "PM" : "AM") : (pm ? "pm" : "am"), *a);
+                o.name(a->x.conv.upper ? (pm ? "PM" : "AM") : (pm ? "pm" : "am"), 2, *a);
                 break;
             }
             case TZ_NAME: {
-                char buf[64];
-                if (ops->get_tzname(ops, &t, buf, sizeof buf)) appendName(out, buf, *a);
+                char buf[kMaxNameBytes + 1];
+                if (ops->get_tzname(ops, &t, buf, sizeof buf)) o.name(buf, strlen(buf), *a);
                 break;
             }
             case TZ_AS_MINOFFSET:
@@ -939,13 +1030,14 @@ void TimeFormat::render(Str& out, const struct tm& t, unsigned long usec,
             case TZ_AS_NEEDEDOFFSET:
             case TZ_AS_MINUTES:
             case TZ_AS_HHMM:
-                appendOffset(out, *a, ops->tz_sec_offset(ops, &t));
+                o.offset(*a, ops->tz_sec_offset(ops, &t));
                 break;
             default:
                 ASSERT(a != nullptr && a->what < PUNCTUATION);
                 break;
         }
     }
+    out.resize(size_t(o.w - out.data()));
 }
 
 // ---------------------------------------------------------------- parsing
@@ -972,52 +1064,6 @@ bool canStartWithDigit(const atom* a, const atom* end) {
             return false;
         default:
             return true;
-    }
-}
-
-struct Range {
-    int min, max;
-};
-
-Range rangeOf(TimeFormat::atom_type_t w) {
-    switch (w) {
-        case TimeFormat::YEAR_4:
-        case TimeFormat::ISO_YEAR_4:
-            return {1971, 2999};
-        case TimeFormat::YEAR_2_OR_4:
-            return {0, 2999};
-        case TimeFormat::CENTURY:
-            return {19, 29};
-        case TimeFormat::YEAR_2:
-        case TimeFormat::ISO_YEAR_2:
-            return {0, 99};
-        case TimeFormat::MONTH_NUM:
-            return {1, 12};
-        case TimeFormat::WEEK_SUNDAY:
-        case TimeFormat::WEEK_MONDAY:
-            return {0, 53};
-        case TimeFormat::WEEK_ISO:
-            return {1, 53};
-        case TimeFormat::MONTHWEEK_NUM:
-            return {1, 5};
-        case TimeFormat::MDAY:
-            return {1, 31};
-        case TimeFormat::YDAY:
-            return {1, 366};
-        case TimeFormat::WDAY_SUNDAY0:
-            return {0, 6};
-        case TimeFormat::WDAY_SUNDAY7:
-            return {1, 7};
-        case TimeFormat::HOUR_24:
-            return {0, 24};
-        case TimeFormat::HOUR_12:
-            return {1, 12};
-        case TimeFormat::MINUTE:
-            return {0, 59};
-        case TimeFormat::SECOND:
-            return {0, 60};
-        default:
-            return {0, INT_MAX};
     }
 }
 
@@ -1132,15 +1178,48 @@ const char* parseOffset(const char* p, const char* end, int* out) {
 
 }  // namespace
 
+namespace {
+
+// The numeric fields from YEAR_4 to SECOND, in the order of their types:
+// range, bit, field and what is added to the value read.
+struct NumericField {
+    int min, max;
+    uint32_t bit;
+    int TimeFormatRawParseResult::*field;
+    int adjust;
+};
+using RR = TimeFormatRawParseResult;
+const NumericField kNumeric[TimeFormat::SECOND - TimeFormat::YEAR_4 + 1] = {
+    {1971, 2999, RR::HAVE_YEAR, &RR::year, 0},          // YEAR_4
+    {19, 29, RR::HAVE_CENTURY, &RR::century, 0},        // CENTURY
+    {0, 99, RR::HAVE_YEAR2, &RR::year2, 0},             // YEAR_2
+    {1971, 2999, RR::HAVE_ISOYEAR, &RR::isoYear, 0},    // ISO_YEAR_4
+    {0, 99, RR::HAVE_ISOYEAR2, &RR::isoYear2, 0},       // ISO_YEAR_2
+    {0, 2999, RR::HAVE_YEAR2, &RR::year2, 0},           // YEAR_2_OR_4, see below
+    {1, 12, RR::HAVE_MONTH, &RR::month, -1},            // MONTH_NUM
+    {0, 53, RR::HAVE_WEEK_SUNDAY, &RR::weekSunday, 0},  // WEEK_SUNDAY
+    {0, 53, RR::HAVE_WEEK_MONDAY, &RR::weekMonday, 0},  // WEEK_MONDAY
+    {1, 53, RR::HAVE_WEEK_ISO, &RR::weekIso, 0},        // WEEK_ISO
+    {1, 5, RR::HAVE_MONTHWEEK, &RR::weekOfMonth, 0},    // MONTHWEEK_NUM
+    {1, 31, RR::HAVE_MDAY, &RR::mday, 0},               // MDAY
+    {1, 366, RR::HAVE_YDAY, &RR::yday, -1},             // YDAY
+    {0, 6, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY0
+    {1, 7, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY7: 7 is Sunday, 0
+    {0, 24, RR::HAVE_HOUR, &RR::hour, 0},               // HOUR_24
+    {1, 12, RR::HAVE_HOUR12, &RR::hour12, 0},           // HOUR_12
+    {0, 59, RR::HAVE_MINUTE, &RR::minute, 0},           // MINUTE
+    {0, 60, RR::HAVE_SECOND, &RR::second, 0},           // SECOND
+};
+
+}  // namespace
+
 const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
                                  const char* end) const {
     using R = TimeFormatRawParseResult;
     if (_atoms == nullptr || begin == nullptr || end < begin) return nullptr;
     const char* p = begin;
     for (const atom* a = _atoms; a < _atomsEnd; a++) {
-        const bool subsecondSeparator = a->what == LITERAL && a->width == 1 &&
-                                        (a->x.lit[0] == '.' || a->x.lit[0] == ',') &&
-                                        a + 1 < _atomsEnd && a[1].what == SUBSECOND;
+        const bool subsecondSeparator = a->beforeFraction;
         if (p == end) {
             // The text may end early only before whitespace and absent fractions.
             if (a->what == LITERAL_WS) continue;
@@ -1163,14 +1242,41 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
                     }
                     continue;
                 }
-                if (size_t(end - p) < a->width || memcmp(p, a->x.lit, a->width) != 0)
-                    return nullptr;
+                // Mostly one byte or two: compared in place, not by a call.
+                if (size_t(end - p) < a->width) return nullptr;
+                for (size_t i = 0; i < a->width; i++) {
+                    if (p[i] != a->x.lit[i]) return nullptr;
+                }
                 p += a->width;
                 continue;
             default:
                 break;
         }
 
+        if (a->what >= YEAR_4 && a->what <= SECOND) {
+            // A digit is the common case: whitespace is checked only below ' '.
+            while (p < end && uint8_t(*p) <= ' ' && isWs(*p)) p++;
+            const char* d = p;
+            const char* limit = size_t(end - p) > a->maxDigits ? p + a->maxDigits : end;
+            uint64_t v = 0;  // 19 digits at most: no overflow
+            while (p < limit && isDigit(*p)) v = v * 10 + uint64_t(*p++ - '0');
+            const NumericField& f = kNumeric[a->what - YEAR_4];
+            // Too large: give digits back until it fits (131 for %d is 13).
+            while (v > uint64_t(f.max)) {
+                v /= 10;
+                p--;
+            }
+            if (p == d || v < uint64_t(f.min)) return nullptr;
+            int iv = int(v);
+            if (a->what == YEAR_2_OR_4 && (p - d > 2 || iv >= 100)) {
+                if (iv < 1971) return nullptr;
+                r->set(R::HAVE_YEAR, &r->year, iv);
+                continue;
+            }
+            if (a->what == WDAY_SUNDAY7) iv %= 7;
+            r->set(f.bit, &(r->*f.field), iv + f.adjust);
+            continue;
+        }
         if (a->what <= TZ_AS_HHMM) {
             int off;
             const char* q;
@@ -1241,8 +1347,8 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
             continue;
         }
 
-        // Numbers: whitespace before them is skipped.
-        while (p < end && isWs(*p)) p++;
+        // Numbers: whitespace before them is skipped (a digit is the common case).
+        while (p < end && uint8_t(*p) <= ' ' && isWs(*p)) p++;
         if (a->what == EPOCH) {
             bool negative = false;
             if (p < end && (*p == '+' || *p == '-')) negative = *p++ == '-';
@@ -1268,91 +1374,24 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
             }
             continue;
         }
-        const bool bounded = canStartWithDigit(a + 1, _atomsEnd);
-        const size_t maxDigits = bounded ? size_t(a->width) : 19;
+        if (a->what != SUBSECOND) return nullptr;
         const char* d = p;
-        while (p < end && isDigit(*p) && size_t(p - d) < maxDigits) p++;
+        const char* limit = size_t(end - p) > a->maxDigits ? p + a->maxDigits : end;
+        while (p < limit && isDigit(*p)) p++;
         if (p == d) return nullptr;
-        if (a->what == SUBSECOND) {
-            r->setFracsec(d, p);
+        {
+            // Nine digits are kept (nanoseconds); more are read and dropped.
+            const unsigned digits = p - d > 9 ? 9 : unsigned(p - d);
+            uint32_t frac = 0;
+            for (unsigned i = 0; i < digits; i++) frac = frac * 10 + uint32_t(d[i] - '0');
+            if ((r->have & R::HAVE_SUBSEC) != 0) {
+                r->conflicts += r->subsec != frac || r->subsecDigits != digits;
+            } else {
+                r->subsec = frac;
+                r->subsecDigits = digits;
+                r->have |= R::HAVE_SUBSEC;
+            }
             continue;
-        }
-        const Range range = rangeOf(a->what);
-        // Too large: give digits back until it fits (131 for %d is 13).
-        int64_t v = -1;
-        while (p > d) {
-            v = 0;
-            for (const char* x = d; x < p && v <= INT_MAX; x++) v = v * 10 + (*x - '0');
-            if (v <= range.max) break;
-            p--;
-        }
-        if (p == d || v < range.min) return nullptr;
-        const int iv = int(v);
-        switch (a->what) {
-            case YEAR_4:
-                r->set(R::HAVE_YEAR, &r->year, iv);
-                break;
-            case YEAR_2_OR_4:
-                if (p - d <= 2 && iv < 100) {
-                    r->set(R::HAVE_YEAR2, &r->year2, iv);
-                } else {
-                    if (iv < 1971) return nullptr;
-                    r->set(R::HAVE_YEAR, &r->year, iv);
-                }
-                break;
-            case CENTURY:
-                r->set(R::HAVE_CENTURY, &r->century, iv);
-                break;
-            case YEAR_2:
-                r->set(R::HAVE_YEAR2, &r->year2, iv);
-                break;
-            case ISO_YEAR_4:
-                r->set(R::HAVE_ISOYEAR, &r->isoYear, iv);
-                break;
-            case ISO_YEAR_2:
-                r->set(R::HAVE_ISOYEAR2, &r->isoYear2, iv);
-                break;
-            case MONTH_NUM:
-                r->set(R::HAVE_MONTH, &r->month, iv - 1);
-                break;
-            case WEEK_SUNDAY:
-                r->set(R::HAVE_WEEK_SUNDAY, &r->weekSunday, iv);
-                break;
-            case WEEK_MONDAY:
-                r->set(R::HAVE_WEEK_MONDAY, &r->weekMonday, iv);
-                break;
-            case WEEK_ISO:
-                r->set(R::HAVE_WEEK_ISO, &r->weekIso, iv);
-                break;
-            case MONTHWEEK_NUM:
-                r->set(R::HAVE_MONTHWEEK, &r->weekOfMonth, iv);
-                break;
-            case MDAY:
-                r->set(R::HAVE_MDAY, &r->mday, iv);
-                break;
-            case YDAY:
-                r->set(R::HAVE_YDAY, &r->yday, iv - 1);
-                break;
-            case WDAY_SUNDAY0:
-                r->set(R::HAVE_WDAY, &r->wday, iv);
-                break;
-            case WDAY_SUNDAY7:
-                r->set(R::HAVE_WDAY, &r->wday, iv % 7);
-                break;
-            case HOUR_24:
-                r->set(R::HAVE_HOUR, &r->hour, iv);
-                break;
-            case HOUR_12:
-                r->set(R::HAVE_HOUR12, &r->hour12, iv);
-                break;
-            case MINUTE:
-                r->set(R::HAVE_MINUTE, &r->minute, iv);
-                break;
-            case SECOND:
-                r->set(R::HAVE_SECOND, &r->second, iv);
-                break;
-            default:
-                return nullptr;
         }
     }
     // 24 o'clock is the end of a day, nothing past it.
@@ -1367,27 +1406,6 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
 }
 
 // ---------------------------------------------------------------- parse results
-
-void TimeFormatRawParseResult::clear() {
-    have = 0;
-    conflicts = 1;
-    epoch = 0;
-    tzoff = 0;
-    tzname[0] = 0;
-    year = century = year2 = month = mday = hour = hour12 = pm = minute = second = 0;
-    subsec = 0;
-    subsecDigits = 0;
-    isoYear = isoYear2 = weekSunday = weekMonday = weekIso = weekOfMonth = yday = wday = 0;
-}
-
-void TimeFormatRawParseResult::set(uint32_t bit, int* field, int value) {
-    if ((have & bit) != 0) {
-        if (*field != value) conflicts++;
-        return;
-    }
-    *field = value;
-    have |= bit;
-}
 
 void TimeFormatRawParseResult::mergeIn(const TimeFormatRawParseResult* o) {
     struct Field {

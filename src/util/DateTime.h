@@ -110,7 +110,13 @@ public:
     static constexpr size_t TZNAME_MAX = 63;
 
     TimeFormatRawParseResult() { clear(); }
-    void clear();
+    // A field's value means something only under its bit: clearing the
+    // bits is enough, and a parse per log line does it.
+    void clear() {
+        have = 0;
+        conflicts = 1;
+        tzname[0] = 0;
+    }
     bool has(uint32_t bits) const { return (have & bits) == bits; }
 
     // Takes each field it lacks from `other`; the conflict counts add up.
@@ -140,7 +146,14 @@ public:
     bool dayStartTime(int64_t* out) const;
 
     // Sets a field, counting a conflict when it was there with another value.
-    void set(uint32_t bit, int* field, int value);
+    void set(uint32_t bit, int* field, int value) {
+        if ((have & bit) != 0) {
+            conflicts += *field != value;
+            return;
+        }
+        *field = value;
+        have |= bit;
+    }
 
     uint32_t have;
     unsigned conflicts;
@@ -219,6 +232,11 @@ public:
             const char* lit;
         } x;
         uint64_t width;  // for literals, the length
+        // For parsing: how many digits a number may take (its width when
+        // the next atom could start with a digit), and whether this is the
+        // '.' or ',' before a fraction, which may be absent.
+        uint8_t maxDigits;
+        bool beforeFraction;
     };
 
     // How a broken-down time answers what the fields alone don't tell.
@@ -276,7 +294,8 @@ private:
     int32_t _finest = 1;
     Str _source;
     bool _dynamic = false;
-    bool _hasEpoch = false;  // a %s: a negative time's fraction counts up
+    bool _hasEpoch = false;   // a %s: a negative time's fraction counts up
+    size_t _renderBound = 0;  // the most render() can write
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)
