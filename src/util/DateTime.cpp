@@ -523,8 +523,9 @@ struct Compiler {
                                                              TimeFormat::TZ_AS_SECOFFSET,
                                                              TimeFormat::TZ_AS_NEEDEDOFFSET};
             static const uint8_t widths[3] = {6, 9, 9};
+            // %:::z is as long as it needs: its 9 only sizes the output.
             push(kinds[colons - 1], widths[colons - 1], TimeFormat::PAD_ZERO, pad, act, mod,
-                 haveWidth, width, false, caseOverride);
+                 haveWidth, width, colons == 3, caseOverride);
             return true;
         }
         const bool longForm = (hash && (letter == 'c' || letter == 'x')) ||

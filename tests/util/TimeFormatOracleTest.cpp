@@ -1,0 +1,292 @@
+// TimeFormat rendering against other people's clocks: glibc's strftime in the
+// C locale (through python3), GNU date for what strftime lacks (sub-second
+// digits, the colon offsets, epoch seconds), and Python's ISO calendar. The
+// places where we part from glibc on purpose are pinned one by one below.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/Oracles.h"
+#include "support/TestSupport.h"
+#include "util/DateTime.h"
+
+namespace {
+
+long utc(int year, int month, int mday, int hour = 0, int minute = 0, int second = 0) {
+    struct tm t = {};
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    t.tm_mday = mday;
+    t.tm_hour = hour;
+    t.tm_min = minute;
+    t.tm_sec = second;
+    return static_cast<long>(timegm(&t));
+}
+
+TimeFormat compiled(const std::string& format) {
+    TimeFormat f;
+    EXPECT_TRUE(f.setFtime(format.c_str())) << format;
+    return f;
+}
+
+std::string gmt(long t, const TimeFormat& f, unsigned long usec = 0) {
+    GmtStructTm g;
+    EXPECT_TRUE(g.GMT_fromUnixTime(t)) << t;
+    Str out;
+    if (f.valid()) g.appendFtime(out, f, usec);
+    return out;
+}
+
+std::string gmt(long t, const char* format, unsigned long usec = 0) {
+    return gmt(t, compiled(format), usec);
+}
+
+// Seconds spread over 1971-2999, the same on every run, then the edges.
+std::vector<long> sampleTimes() {
+    std::mt19937_64 rng(300);
+    const long lo = utc(1971, 1, 1), hi = utc(3000, 1, 1);
+    std::vector<long> times;
+    for (int i = 0; i < 40; ++i) times.push_back(lo + static_cast<long>(rng() % (hi - lo)));
+    const long edges[] = {utc(2021, 1, 3),
+                          utc(2024, 12, 30),
+                          utc(2024, 2, 29, 6, 7, 8),
+                          utc(1999, 12, 31, 23, 59, 59),
+                          utc(2000, 1, 1),
+                          utc(2000, 1, 1, 0, 59, 59),
+                          utc(2000, 1, 1, 11, 59, 59),
+                          utc(2000, 1, 1, 12),
+                          utc(2000, 1, 1, 12, 59, 59),
+                          utc(2000, 1, 1, 13),
+                          utc(2020, 12, 31, 23, 59, 59),
+                          utc(1971, 1, 1),
+                          utc(2999, 12, 31, 23, 59, 59),
+                          utc(2027, 1, 3, 9, 5, 1)};
+    times.insert(times.end(), std::begin(edges), std::end(edges));
+    return times;
+}
+
+// Each input line is "S seconds hex-format" (strftime on gmtime) or
+// "I seconds" (the ISO year, week and weekday of that UTC day).
+constexpr const char kPython[] = R"(
+import sys, time, datetime, locale
+locale.setlocale(locale.LC_ALL, 'C')
+for line in open(sys.argv[1]):
+    kind, t, *fmt = bytes.fromhex(line.strip()).decode().split(' ')
+    if kind == 'S':
+        print(time.strftime(bytes.fromhex(fmt[0]).decode(), time.gmtime(int(t))).encode().hex())
+    else:
+        d = datetime.datetime.fromtimestamp(int(t), datetime.timezone.utc).date()
+        print('%04d %02d %d' % d.isocalendar())
+)";
+
+std::string unhex(const std::string& hex) {
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+std::vector<std::string> python(const std::vector<std::string>& inputs) {
+    return oracle::runOverHex({"/usr/bin/env", "python3", "-c", kPython}, inputs);
+}
+
+// ---------------------------------------------------------------- glibc strftime
+
+TEST(TimeFormatOracle, MatchesGlibcStrftimeInTheCLocale) {
+    const std::vector<std::string> formats = {
+        // Every conversion the two share.
+        "%a", "%A", "%b", "%B", "%c", "%C", "%d", "%D", "%e", "%F", "%g", "%G", "%h", "%H", "%I",
+        "%j", "%k", "%l", "%m", "%M", "%n", "%p", "%P", "%r", "%R", "%S", "%t", "%T", "%u", "%U",
+        "%V", "%w", "%W", "%x", "%X", "%y", "%Y", "%z", "%%", "[%Y-%m-%dT%H:%M:%S %z]",
+        // Flags and widths on numbers and names.
+        "%-d", "%_H", "%^a", "%5Y", "%03d", "%4H", "%_5Y", "%010Y", "%3e", "%-e", "%0e", "%4k",
+        "%-k", "%6j", "%_j", "%-j", "%^A", "%^b", "%^B", "%^p", "%_m", "%-m", "%-U", "%_V", "%-I",
+        "%3l", "%-M", "%_S", "%4g", "%-y", "%_d", "%-H"};
+    const std::vector<long> times = sampleTimes();
+    std::vector<std::string> inputs;
+    for (const std::string& f : formats) {
+        for (long t : times) inputs.push_back("S " + std::to_string(t) + " " + oracle::hex(f));
+    }
+    const std::vector<std::string> theirs = python(inputs);
+
+    size_t at = 0;
+    for (const std::string& f : formats) {
+        const TimeFormat ours = compiled(f);
+        int wrong = 0;
+        for (long t : times) {
+            const std::string mine = gmt(t, ours), expected = unhex(theirs[at++]);
+            // The first difference in full, then only how many there were.
+            if (mine != expected && wrong++ == 0) {
+                EXPECT_EQ(mine, expected) << "format \"" << f << "\" at " << t;
+            }
+        }
+        EXPECT_EQ(wrong, 0) << "format \"" << f << "\"";
+    }
+}
+
+TEST(TimeFormatOracle, IsoWeeksMatchPythonOverEveryDayOf2019To2026) {
+    std::vector<long> days;
+    for (long t = utc(2019, 1, 1); t < utc(2027, 1, 1); t += 86400) days.push_back(t + 43199);
+    std::vector<std::string> inputs;
+    for (long t : days) inputs.push_back("I " + std::to_string(t));
+    const std::vector<std::string> theirs = python(inputs);
+    const TimeFormat iso = compiled("%G %V %u");
+    int wrong = 0;
+    for (size_t i = 0; i < days.size(); ++i) {
+        const std::string mine = gmt(days[i], iso);
+        if (mine != theirs[i] && wrong++ < 5) {
+            ADD_FAILURE() << gmt(days[i], "%F") << ": ours " << mine << ", Python " << theirs[i];
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+// ---------------------------------------------------------------- GNU date
+
+// Sets TZ for a scope, then puts back what was there.
+class ZoneScope {
+public:
+    explicit ZoneScope(const char* tz) {
+        if (const char* old = getenv("TZ")) _saved = old;
+        setenv("TZ", tz, 1);
+        tzset();
+    }
+    ~ZoneScope() {
+        if (_saved) {
+            setenv("TZ", _saved->c_str(), 1);
+        } else {
+            unsetenv("TZ");
+        }
+        tzset();
+    }
+    ZoneScope(const ZoneScope&) = delete;
+    ZoneScope& operator=(const ZoneScope&) = delete;
+
+private:
+    std::optional<std::string> _saved;
+};
+
+TEST(TimeFormatOracle, SubsecondsOffsetsAndEpochMatchGnuDate) {
+    // POSIX rules rather than zone files, so that no tz database is needed.
+    const std::vector<std::string> zones = {"UTC0",  "IST-5:30", "BRT3",
+                                            "CET-1", "NPT-5:45", "NST3:30"};
+    const std::string format = "%s|%N|%3N|%6N|%z|%:z|%::z|%:::z|%-d|%_H|%^a";
+    struct Moment {
+        long t;
+        unsigned long usec;
+    };
+    std::vector<Moment> moments = {{utc(2000, 1, 1), 0},
+                                   {utc(2024, 2, 29, 23, 59, 59), 999999},
+                                   {utc(1999, 12, 31, 18, 45), 1},
+                                   {utc(2021, 1, 3, 20, 30), 500000},
+                                   {utc(2024, 12, 30, 3, 4, 5), 123456}};
+    std::mt19937_64 rng(300);
+    for (long t : sampleTimes())
+        moments.push_back({t, static_cast<unsigned long>(rng() % 1000000)});
+
+    testsupport::ScratchDir dir;
+    std::vector<std::string> stamps;
+    std::string lines;
+    char buf[64];
+    for (const Moment& m : moments) {
+        snprintf(buf, sizeof buf, "@%ld.%06lu", m.t, m.usec);
+        stamps.push_back(buf);
+        lines += stamps.back() + "\n";
+    }
+    testsupport::writeFile(dir / "times", lines);
+    std::vector<std::string> argv = {
+        "/bin/sh",
+        "-c",
+        "in=$1; f=$2; shift 2; for z; do TZ=$z date -f \"$in\" \"+$f\" || exit 1; done",
+        "sh",
+        dir / "times",
+        format};
+    argv.insert(argv.end(), zones.begin(), zones.end());
+    const testsupport::ProcessResult r = testsupport::runProcess(argv);
+    ASSERT_EQ(r.exitStatus, 0) << r.err;
+
+    const TimeFormat ours = compiled(format);
+    size_t at = 0;
+    for (const std::string& zone : zones) {
+        ZoneScope scope(zone.c_str());
+        int wrong = 0;
+        for (size_t i = 0; i < moments.size(); ++i) {
+            const Moment& m = moments[i];
+            const size_t nl = r.out.find('\n', at);
+            ASSERT_NE(nl, std::string::npos) << "date printed too little";
+            const std::string expected = r.out.substr(at, nl - at);
+            at = nl + 1;
+            std::string mine;
+            if (zone == "UTC0") {
+                mine = gmt(m.t, ours, m.usec);
+            } else {
+                LocalStructTm l;
+                ASSERT_TRUE(l.Local_fromUnixTime(m.t));
+                Str out;
+                l.appendFtime(out, ours, m.usec);
+                mine = out;
+            }
+            if (mine != expected && wrong++ == 0) {
+                EXPECT_EQ(mine, expected) << "TZ=" << zone << " " << stamps[i];
+            }
+        }
+        EXPECT_EQ(wrong, 0) << "TZ=" << zone;
+    }
+}
+
+// ---------------------------------------------------------------- on purpose
+
+const long kSunday = utc(2024, 1, 7, 15);  // a Sunday in January
+
+// glibc upper-cases under '#'; swapping keeps a lower-case word readable the
+// other way round and is what the flag means for every other conversion.
+TEST(TimeFormatOnPurpose, HashSwapsTheCaseOfNames) {
+    EXPECT_EQ(gmt(kSunday, "%#a %#b"), "sUN jAN");
+}
+
+// A short column of weekday names: two letters tell every day apart.
+TEST(TimeFormatOnPurpose, WidthTwoCutsANameToTwoBytes) {
+    EXPECT_EQ(gmt(kSunday, "%2a|%2A"), "Su|Su");
+}
+
+// Names are never padded to the longest one unless a width asks for it.
+TEST(TimeFormatOnPurpose, NamesWithoutWidthAreNotPadded) {
+    EXPECT_EQ(gmt(utc(2024, 5, 5), "[%A][%B]"), "[Sunday][May]");
+}
+
+// "Ma" and "Ju" each name two months, so a cut month could not be read back.
+TEST(TimeFormatOnPurpose, MonthAbbreviationShorterThanThreeIsRefused) {
+    for (const char* format : {"%2b", "%1b"}) {
+        TimeFormat f;
+        EXPECT_FALSE(f.setFtime(format)) << format;
+        EXPECT_FALSE(f.valid()) << format;
+    }
+    EXPECT_TRUE(TimeFormat().setFtime("%3b"));
+}
+
+// A broken field shows as such instead of reading past the name tables.
+TEST(TimeFormatOnPurpose, OutOfRangeMonthOrWeekdayShowsQuestionMarks) {
+    GmtStructTm g;
+    ASSERT_TRUE(g.GMT_fromUnixTime(kSunday));
+    g.tm_mon = 12;
+    g.tm_wday = 7;
+    Str out;
+    g.appendFtime(out, compiled("%b|%B|%a|%A"));
+    EXPECT_EQ(out, "???|???|???|???");
+}
+
+// Seconds -2 plus 0.75 is -1.25: the text is the value, where date prints
+// the floored seconds and the fraction above them ("-2.750000").
+TEST(TimeFormatOnPurpose, NegativeEpochWithAFractionPrintsTheValue) {
+    EXPECT_EQ(gmt(-2, "%s.%6N", 750000), "-1.250000");
+}
+
+}  // namespace
