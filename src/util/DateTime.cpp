@@ -76,7 +76,8 @@ void isoWeek(int year, int yday, int wday, int* isoYear, int* week) {
 
 // ---------------------------------------------------------------- calendar
 
-bool isLeapYear(int y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+// A multiple of 100 is a leap year when it is one of 16 (400 = 16 * 25).
+bool isLeapYear(int y) { return (y & 3) == 0 && (y % 25 != 0 || (y & 15) == 0); }
 
 int daysInMonth(int year, int month) {
     static const int days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -1255,12 +1256,29 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
         }
 
         if (a->what >= YEAR_4 && a->what <= SECOND) {
-            // A digit is the common case: whitespace is checked only below ' '.
-            while (p < end && uint8_t(*p) <= ' ' && isWs(*p)) p++;
+            // A digit is the common case: whitespace is looked for only then.
+            if (!isDigit(*p)) {
+                while (p < end && isWs(*p)) p++;
+            }
             const char* d = p;
-            const char* limit = size_t(end - p) > a->maxDigits ? p + a->maxDigits : end;
             uint64_t v = 0;  // 19 digits at most: no overflow
-            while (p < limit && isDigit(*p)) v = v * 10 + uint64_t(*p++ - '0');
+            const ptrdiff_t left = end - p;
+            // Most fields are two digits, years four: taken whole when the
+            // text has exactly that many before a non-digit.
+            if (left >= 2 && a->maxDigits >= 2 && isDigit(p[0]) && isDigit(p[1]) &&
+                (a->maxDigits == 2 || left == 2 || !isDigit(p[2]))) {
+                v = uint64_t((p[0] - '0') * 10 + (p[1] - '0'));
+                p += 2;
+            } else if (left >= 4 && a->maxDigits >= 4 && isDigit(p[0]) && isDigit(p[1]) &&
+                       isDigit(p[2]) && isDigit(p[3]) &&
+                       (a->maxDigits == 4 || left == 4 || !isDigit(p[4]))) {
+                v = uint64_t((p[0] - '0') * 1000 + (p[1] - '0') * 100 + (p[2] - '0') * 10 +
+                             (p[3] - '0'));
+                p += 4;
+            } else {
+                const char* limit = size_t(end - p) > a->maxDigits ? p + a->maxDigits : end;
+                while (p < limit && isDigit(*p)) v = v * 10 + uint64_t(*p++ - '0');
+            }
             const NumericField& f = kNumeric[a->what - YEAR_4];
             // Too large: give digits back until it fits (131 for %d is 13).
             while (v > uint64_t(f.max)) {
