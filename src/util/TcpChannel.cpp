@@ -681,20 +681,25 @@ bool TcpSyncDataBuffer::_do_readline_nothrow(Str& line, const ConditionWaitTimeo
     }
 }
 
+// One wait for the loop to make room in _wbuf or drain it: false, with
+// _lastError set, when the channel failed or the time ran out.
+bool TcpSyncDataBuffer::waitForWriteProgress(GiveCommandToTcpChannel::command_t cmd,
+                                             const ConditionWaitTimeout* t) {
+    if (_ioError.valid()) {
+        _lastError = &_ioError;
+        return false;
+    }
+    if (t != nullptr && isZero(*t)) {
+        _lastError = &socketErrorWriteTimeout;
+        return false;
+    }
+    return _giveCmd.call(_tpfd, cmd, _mutex, t) == GiveCommandToTcpChannel::RESULT_OK;
+}
+
 bool TcpSyncDataBuffer::Locked_get_write_space(const ConditionWaitTimeout* t) {
     while (_wbuf.full()) {
-        if (_ioError.valid()) {
-            _lastError = &_ioError;
+        if (!waitForWriteProgress(GiveCommandToTcpChannel::ELCOMM_WANT_WRITE_SPACE, t))
             return false;
-        }
-        if (t != nullptr && isZero(*t)) {
-            _lastError = &socketErrorWriteTimeout;
-            return false;
-        }
-        if (_giveCmd.call(_tpfd, GiveCommandToTcpChannel::ELCOMM_WANT_WRITE_SPACE, _mutex, t) !=
-            GiveCommandToTcpChannel::RESULT_OK) {
-            return false;
-        }
     }
     return true;
 }
@@ -735,18 +740,7 @@ ssize_t TcpSyncDataBuffer::Locked_do_writev_nothrow(const struct iovec* iov, uns
 
 bool TcpSyncDataBuffer::Locked_do_flushWrite_nothrow(const ConditionWaitTimeout* t) {
     while (!_wbuf.empty()) {
-        if (_ioError.valid()) {
-            _lastError = &_ioError;
-            return false;
-        }
-        if (t != nullptr && isZero(*t)) {
-            _lastError = &socketErrorWriteTimeout;
-            return false;
-        }
-        if (_giveCmd.call(_tpfd, GiveCommandToTcpChannel::ELCOMM_WANT_FLUSH, _mutex, t) !=
-            GiveCommandToTcpChannel::RESULT_OK) {
-            return false;
-        }
+        if (!waitForWriteProgress(GiveCommandToTcpChannel::ELCOMM_WANT_FLUSH, t)) return false;
     }
     _lastError = &noSocketError;
     return true;

@@ -203,6 +203,8 @@ public:
                                      const ConditionWaitTimeout* t);
     bool Locked_do_flushWrite_nothrow(const ConditionWaitTimeout* t);
     bool Locked_get_write_space(const ConditionWaitTimeout* t);
+    bool waitForWriteProgress(GiveCommandToTcpChannel::command_t cmd,
+                              const ConditionWaitTimeout* t);
     void announceWriteData();
     void markIoDone();
     void _terminateNotify(const SocketError& why);
