@@ -653,6 +653,41 @@ int resolution(TimeFormat::atom_type_t w, uint64_t width) {
 }  // namespace
 
 namespace {
+
+// The numeric fields from YEAR_4 to SECOND, in the order of their types:
+// range, bit, field and what is added to the value read.
+struct NumericField {
+    int min, max;
+    uint32_t bit;
+    int TimeFormatRawParseResult::*field;
+    int adjust;
+};
+using RR = TimeFormatRawParseResult;
+const NumericField kNumeric[TimeFormat::SECOND - TimeFormat::YEAR_4 + 1] = {
+    {1971, 2999, RR::HAVE_YEAR, &RR::year, 0},          // YEAR_4
+    {19, 29, RR::HAVE_CENTURY, &RR::century, 0},        // CENTURY
+    {0, 99, RR::HAVE_YEAR2, &RR::year2, 0},             // YEAR_2
+    {1971, 2999, RR::HAVE_ISOYEAR, &RR::isoYear, 0},    // ISO_YEAR_4
+    {0, 99, RR::HAVE_ISOYEAR2, &RR::isoYear2, 0},       // ISO_YEAR_2
+    {0, 2999, RR::HAVE_YEAR2, &RR::year2, 0},           // YEAR_2_OR_4, see below
+    {1, 12, RR::HAVE_MONTH, &RR::month, -1},            // MONTH_NUM
+    {0, 53, RR::HAVE_WEEK_SUNDAY, &RR::weekSunday, 0},  // WEEK_SUNDAY
+    {0, 53, RR::HAVE_WEEK_MONDAY, &RR::weekMonday, 0},  // WEEK_MONDAY
+    {1, 53, RR::HAVE_WEEK_ISO, &RR::weekIso, 0},        // WEEK_ISO
+    {1, 5, RR::HAVE_MONTHWEEK, &RR::weekOfMonth, 0},    // MONTHWEEK_NUM
+    {1, 31, RR::HAVE_MDAY, &RR::mday, 0},               // MDAY
+    {1, 366, RR::HAVE_YDAY, &RR::yday, -1},             // YDAY
+    {0, 6, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY0
+    {1, 7, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY7: 7 is Sunday, 0
+    {0, 24, RR::HAVE_HOUR, &RR::hour, 0},               // HOUR_24
+    {1, 12, RR::HAVE_HOUR12, &RR::hour12, 0},           // HOUR_12
+    {0, 59, RR::HAVE_MINUTE, &RR::minute, 0},           // MINUTE
+    {0, 60, RR::HAVE_SECOND, &RR::second, 0},           // SECOND
+};
+
+}  // namespace
+
+namespace {
 size_t renderBound(const atom& a);
 bool canStartWithDigit(const atom* a, const atom* end);
 }  // namespace
@@ -689,6 +724,8 @@ void TimeFormat::reset() {
     _dynamic = false;
     _hasEpoch = false;
     _renderBound = 0;
+    _fixedLayout = false;
+    _fixedBits = 0;
 }
 
 bool TimeFormat::setFtime(const char* format) { return _setFtime(format, strlen(format), false); }
@@ -742,6 +779,28 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         a->beforeFraction = a->what == LITERAL && a->width == 1 &&
                             (a->x.lit[0] == '.' || a->x.lit[0] == ',') && a + 1 < _atomsEnd &&
                             a[1].what == SUBSECOND;
+    }
+    // Literals and zero-padded numbers of fixed width only: such a format
+    // is first tried as a fixed layout.
+    _fixedLayout = n > 0;
+    for (const atom* a = _atoms; a < _atomsEnd; a++) {
+        const bool number = a->what >= YEAR_4 && a->what <= SECOND && a->what != YEAR_2_OR_4 &&
+                            a->x.conv.padding == PAD_ZERO && a->width >= 1 && a->width <= 4;
+        const bool fraction = a->what == SUBSECOND && a->width >= 1 && a->width <= 9;
+        if (!number && !fraction && a->what != LITERAL && a->what != LITERAL_WS)
+            _fixedLayout = false;
+    }
+    // The fields such a layout sets, if it sets each only once.
+    _fixedBits = 0;
+    for (const atom* a = _atoms; _fixedLayout && a < _atomsEnd; a++) {
+        if (a->what != SUBSECOND && (a->what < YEAR_4 || a->what > SECOND)) continue;
+        const uint32_t bit = a->what == SUBSECOND ? TimeFormatRawParseResult::HAVE_SUBSEC
+                                                  : kNumeric[a->what - YEAR_4].bit;
+        if ((_fixedBits & bit) != 0) {
+            _fixedBits = 0;
+            break;
+        }
+        _fixedBits |= bit;
     }
     if (coarsest != INT_MAX) {
         _coarsest = coarsest;
@@ -1180,45 +1239,20 @@ const char* parseOffset(const char* p, const char* end, int* out) {
 
 }  // namespace
 
-namespace {
-
-// The numeric fields from YEAR_4 to SECOND, in the order of their types:
-// range, bit, field and what is added to the value read.
-struct NumericField {
-    int min, max;
-    uint32_t bit;
-    int TimeFormatRawParseResult::*field;
-    int adjust;
-};
-using RR = TimeFormatRawParseResult;
-const NumericField kNumeric[TimeFormat::SECOND - TimeFormat::YEAR_4 + 1] = {
-    {1971, 2999, RR::HAVE_YEAR, &RR::year, 0},          // YEAR_4
-    {19, 29, RR::HAVE_CENTURY, &RR::century, 0},        // CENTURY
-    {0, 99, RR::HAVE_YEAR2, &RR::year2, 0},             // YEAR_2
-    {1971, 2999, RR::HAVE_ISOYEAR, &RR::isoYear, 0},    // ISO_YEAR_4
-    {0, 99, RR::HAVE_ISOYEAR2, &RR::isoYear2, 0},       // ISO_YEAR_2
-    {0, 2999, RR::HAVE_YEAR2, &RR::year2, 0},           // YEAR_2_OR_4, see below
-    {1, 12, RR::HAVE_MONTH, &RR::month, -1},            // MONTH_NUM
-    {0, 53, RR::HAVE_WEEK_SUNDAY, &RR::weekSunday, 0},  // WEEK_SUNDAY
-    {0, 53, RR::HAVE_WEEK_MONDAY, &RR::weekMonday, 0},  // WEEK_MONDAY
-    {1, 53, RR::HAVE_WEEK_ISO, &RR::weekIso, 0},        // WEEK_ISO
-    {1, 5, RR::HAVE_MONTHWEEK, &RR::weekOfMonth, 0},    // MONTHWEEK_NUM
-    {1, 31, RR::HAVE_MDAY, &RR::mday, 0},               // MDAY
-    {1, 366, RR::HAVE_YDAY, &RR::yday, -1},             // YDAY
-    {0, 6, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY0
-    {1, 7, RR::HAVE_WDAY, &RR::wday, 0},                // WDAY_SUNDAY7: 7 is Sunday, 0
-    {0, 24, RR::HAVE_HOUR, &RR::hour, 0},               // HOUR_24
-    {1, 12, RR::HAVE_HOUR12, &RR::hour12, 0},           // HOUR_12
-    {0, 59, RR::HAVE_MINUTE, &RR::minute, 0},           // MINUTE
-    {0, 60, RR::HAVE_SECOND, &RR::second, 0},           // SECOND
-};
-
-}  // namespace
-
 const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
                                  const char* end) const {
     using R = TimeFormatRawParseResult;
     if (_atoms == nullptr || begin == nullptr || end < begin) return nullptr;
+    if (_fixedLayout) {
+        // A text laid out exactly as the format renders parses the same by
+        // either way; anything else is left to the general parser, from the
+        // state the result had.
+        const uint32_t have = r->have;
+        const unsigned conflicts = r->conflicts;
+        if (const char* q = parseFixedLayout(r, begin, end)) return q;
+        r->have = have;
+        r->conflicts = conflicts;
+    }
     const char* p = begin;
     for (const atom* a = _atoms; a < _atomsEnd; a++) {
         const bool subsecondSeparator = a->beforeFraction;
@@ -1413,15 +1447,77 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
             continue;
         }
     }
-    // 24 o'clock is the end of a day, nothing past it.
+    return endOfDayCheck(r) ? p : nullptr;
+}
+
+const char* TimeFormat::parseFixedLayout(TimeFormatRawParseResult* r, const char* begin,
+                                         const char* end) const {
+    using R = TimeFormatRawParseResult;
+    // Each field once, none there yet (the common case: a fresh result):
+    // plain stores, the bits set together at the end.
+    const bool fresh = _fixedBits != 0 && (r->have & _fixedBits) == 0;
+    const char* p = begin;
+    for (const atom* a = _atoms; a < _atomsEnd; a++) {
+        const size_t w = size_t(a->width);
+        if (size_t(end - p) < w) return nullptr;
+        if (a->what == LITERAL || a->what == LITERAL_WS) {
+            if (a->beforeFraction) {
+                if (*p != '.' && *p != ',') return nullptr;
+            } else {
+                for (size_t i = 0; i < w; i++) {
+                    if (p[i] != a->x.lit[i]) return nullptr;
+                }
+            }
+            p += w;
+            // The general parser takes a whole run of whitespace.
+            if (a->what == LITERAL_WS && p < end && isWs(*p)) return nullptr;
+            continue;
+        }
+        uint32_t v = 0;
+        for (size_t i = 0; i < w; i++) {
+            if (!isDigit(p[i])) return nullptr;
+            v = v * 10 + uint32_t(p[i] - '0');
+        }
+        p += w;
+        // The general parser would read on: its answer may differ.
+        if (a->maxDigits > w && p < end && isDigit(*p)) return nullptr;
+        if (a->what == SUBSECOND) {
+            if (fresh) {
+                r->subsec = v;
+                r->subsecDigits = unsigned(w);
+            } else if ((r->have & R::HAVE_SUBSEC) != 0) {
+                r->conflicts += r->subsec != v || r->subsecDigits != w;
+            } else {
+                r->subsec = v;
+                r->subsecDigits = unsigned(w);
+                r->have |= R::HAVE_SUBSEC;
+            }
+            continue;
+        }
+        const NumericField& f = kNumeric[a->what - YEAR_4];
+        if (v < uint32_t(f.min) || v > uint32_t(f.max)) return nullptr;
+        const int value = a->what == WDAY_SUNDAY7 ? int(v % 7) : int(v) + f.adjust;
+        if (fresh) {
+            r->*f.field = value;
+        } else {
+            r->set(f.bit, &(r->*f.field), value);
+        }
+    }
+    if (fresh) r->have |= _fixedBits;
+    return endOfDayCheck(r) ? p : nullptr;
+}
+
+// 24 o'clock is the end of a day, nothing past it.
+bool TimeFormat::endOfDayCheck(const TimeFormatRawParseResult* r) {
+    using R = TimeFormatRawParseResult;
     if (r->has(R::HAVE_HOUR) && r->hour == 24) {
         if ((r->has(R::HAVE_MINUTE) && r->minute != 0) ||
             (r->has(R::HAVE_SECOND) && r->second != 0) ||
             (r->has(R::HAVE_SUBSEC) && r->subsec != 0)) {
-            return nullptr;
+            return false;
         }
     }
-    return p;
+    return true;
 }
 
 // ---------------------------------------------------------------- parse results

@@ -284,7 +284,11 @@ public:
     const atom* atomsEnd() const { return _atomsEnd; }
 
 private:
+    friend struct TimeFormatTestPeer;
     bool _setFtime(const char* format, size_t length, bool dynamic);
+    const char* parseFixedLayout(TimeFormatRawParseResult* r, const char* begin,
+                                 const char* end) const;
+    static bool endOfDayCheck(const TimeFormatRawParseResult* r);
 
     atom* _atoms = nullptr;
     atom* _atomsEnd = nullptr;
@@ -296,6 +300,8 @@ private:
     bool _dynamic = false;
     bool _hasEpoch = false;   // a %s: a negative time's fraction counts up
     size_t _renderBound = 0;  // the most render() can write
+    bool _fixedLayout = false;
+    uint32_t _fixedBits = 0;  // set by a fixed layout that sets each field once
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)

@@ -234,6 +234,60 @@ TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
     }
 }
 
+}  // namespace
+
+// Formats of literals and fixed-width numbers first try the text as a fixed
+// layout; this turns that off, for the differential below.
+struct TimeFormatTestPeer {
+    static void generalOnly(TimeFormat& f) { f._fixedLayout = false; }
+};
+
+namespace {
+
+// The fixed-layout path must answer exactly as the general parser does,
+// whatever the text: rendered lines with one byte changed, added or taken.
+TEST(TimeFormat, FixedLayoutParsesAsTheGeneralParserDoes) {
+    const char* formats[] = {"%Y-%m-%d %H:%M:%S.%3N", "%Y%m%d%H%M%S", "%d/%m/%y %H:%M",
+                             "%H:%M:%S %j %u"};
+    const char mutations[] = {'0', '9', '5', ' ', '.', ',', '-', 'x', '\t'};
+    std::mt19937_64 rng(11);
+    for (const char* fmt : formats) {
+        TimeFormat fixed(fmt), general(fmt);
+        TimeFormatTestPeer::generalOnly(general);
+        for (int i = 0; i < 3000; i++) {
+            GmtStructTm g;
+            ASSERT_TRUE(g.GMT_fromUnixTime(long(63072000 + rng() % 2000000000)));
+            Str text;
+            g.appendFtime(text, fixed, rng() % 1000000);
+            const size_t at = rng() % (text.size() + 1);
+            switch (rng() % 4) {
+                case 0:
+                    break;
+                case 1:
+                    if (at < text.size()) text[at] = mutations[rng() % sizeof mutations];
+                    break;
+                case 2:
+                    text.insert(at, 1, mutations[rng() % sizeof mutations]);
+                    break;
+                default:
+                    if (at < text.size()) text.erase(at, 1);
+            }
+            R a, b;
+            const char* endA = fixed.rawParse(&a, text.data(), text.data() + text.size());
+            const char* endB = general.rawParse(&b, text.data(), text.data() + text.size());
+            ASSERT_EQ(endA, endB) << fmt << ": '" << text << "'";
+            if (endA == nullptr) continue;
+            ASSERT_EQ(a.have, b.have) << fmt << ": '" << text << "'";
+            ASSERT_EQ(a.conflicts, b.conflicts) << text;
+            EXPECT_TRUE(a.year == b.year && a.year2 == b.year2 && a.month == b.month &&
+                        a.mday == b.mday && a.hour == b.hour && a.minute == b.minute &&
+                        a.second == b.second && a.yday == b.yday && a.wday == b.wday &&
+                        a.subsec == b.subsec && a.subsecDigits == b.subsecDigits)
+                << fmt << ": '" << text << "'";
+        }
+    }
+}
+
 TEST(TimeFormat, CalendarHelpers) {
     R r;
     ASSERT_TRUE(r.setYear(StrSegment("2024")));
