@@ -726,6 +726,7 @@ void TimeFormat::reset() {
     _renderBound = 0;
     _fixedLayout = false;
     _fixedBits = 0;
+    _fixedLength = 0;
 }
 
 bool TimeFormat::setFtime(const char* format) { return _setFtime(format, strlen(format), false); }
@@ -790,6 +791,9 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         if (!number && !fraction && a->what != LITERAL && a->what != LITERAL_WS)
             _fixedLayout = false;
     }
+    _fixedLength = 0;
+    for (const atom* a = _atoms; _fixedLayout && a < _atomsEnd; a++)
+        _fixedLength += size_t(a->width);
     // The fields such a layout sets, if it sets each only once.
     _fixedBits = 0;
     for (const atom* a = _atoms; _fixedLayout && a < _atomsEnd; a++) {
@@ -1456,10 +1460,11 @@ const char* TimeFormat::parseFixedLayout(TimeFormatRawParseResult* r, const char
     // Each field once, none there yet (the common case: a fresh result):
     // plain stores, the bits set together at the end.
     const bool fresh = _fixedBits != 0 && (r->have & _fixedBits) == 0;
+    // The layout's length is known: one check covers every field.
+    if (size_t(end - begin) < _fixedLength) return nullptr;
     const char* p = begin;
     for (const atom* a = _atoms; a < _atomsEnd; a++) {
         const size_t w = size_t(a->width);
-        if (size_t(end - p) < w) return nullptr;
         if (a->what == LITERAL || a->what == LITERAL_WS) {
             if (a->beforeFraction) {
                 if (*p != '.' && *p != ',') return nullptr;
@@ -1473,10 +1478,17 @@ const char* TimeFormat::parseFixedLayout(TimeFormatRawParseResult* r, const char
             if (a->what == LITERAL_WS && p < end && isWs(*p)) return nullptr;
             continue;
         }
-        uint32_t v = 0;
-        for (size_t i = 0; i < w; i++) {
-            if (!isDigit(p[i])) return nullptr;
-            v = v * 10 + uint32_t(p[i] - '0');
+        uint32_t v;
+        if (w == 2) {  // most fields
+            const uint32_t d0 = uint32_t(p[0] - '0'), d1 = uint32_t(p[1] - '0');
+            if (d0 > 9 || d1 > 9) return nullptr;
+            v = d0 * 10 + d1;
+        } else {
+            v = 0;
+            for (size_t i = 0; i < w; i++) {
+                if (!isDigit(p[i])) return nullptr;
+                v = v * 10 + uint32_t(p[i] - '0');
+            }
         }
         p += w;
         // The general parser would read on: its answer may differ.

@@ -302,6 +302,7 @@ private:
     size_t _renderBound = 0;  // the most render() can write
     bool _fixedLayout = false;
     uint32_t _fixedBits = 0;  // set by a fixed layout that sets each field once
+    size_t _fixedLength = 0;  // the bytes of a fixed layout
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)
