@@ -17,10 +17,13 @@
 // milliseconds conversion either: the three digits behind what it read are
 // taken by hand. Abseil's result is its absl::Time.
 //
-// Howard Hinnant's date library is not a peer: libhowardhinnant-date-dev is
-// not installed on the build hosts.
+// Howard Hinnant's date library (header-only, libhowardhinnant-date-dev)
+// renders with date::format, which returns a new std::string, from a
+// sys_time at milliseconds (or seconds); it parses only from a stream, so
+// its parse is timed with a std::istringstream reset per text.
 
 #include <absl/time/time.h>
+#include <date/date.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -28,6 +31,7 @@
 #include <ctime>
 #include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -149,6 +153,18 @@ void renderAbsl(State& state, const Style& st) {
 }
 
 // {fmt} checks its format at compile time, hence one function a style.
+void renderDate(State& state, const Style& st) {
+    using namespace std::chrono;
+    std::string out;
+    const std::string fmt = st.millis ? "%Y-%m-%d %H:%M:%S" : st.strftime;
+    renderBench(state, st, [&](const Sample& s) {
+        const date::sys_time<microseconds> tp{seconds(s.sec) + microseconds(s.usec)};
+        out = st.millis ? date::format(fmt, floor<milliseconds>(tp))
+                        : date::format(fmt, floor<seconds>(tp));
+        return std::string_view(out);
+    });
+}
+
 void renderFmtLogLine(State& state) {
     std::string out;
     renderBench(state, LOGLINE, [&](const Sample& s) {
@@ -241,6 +257,20 @@ void parseStrptime(State& state, const Style& st) {
     });
 }
 
+void parseDate(State& state, const Style& st) {
+    using namespace std::chrono;
+    absl::Time t;
+    std::istringstream in;
+    parseBench(state, st, [&](const std::string& s) -> const absl::Time& {
+        in.clear();
+        in.str(s);
+        date::sys_time<milliseconds> tp;
+        in >> date::parse(st.millis ? "%Y-%m-%d %H:%M:%S" : st.strftime, tp);
+        t = in.fail() ? absl::InfinitePast() : absl::FromUnixMillis(tp.time_since_epoch().count());
+        return t;
+    });
+}
+
 void parseAbsl(State& state, const Style& st) {
     absl::Time t;
     std::string err;
@@ -267,9 +297,11 @@ const bool registered = [] {
         RegisterBenchmark((render + "fmt_chrono").c_str(),
                           st == &LOGLINE ? renderFmtLogLine : renderFmtHttpDate);
         reg(render + "absl_FormatTime", renderAbsl);
+        reg(render + "date", renderDate);
         reg(parse + "tarvex", parseTarvex);
         reg(parse + "strptime", parseStrptime);
         reg(parse + "absl_ParseTime", parseAbsl);
+        reg(parse + "date", parseDate);
     }
     return true;
 }();
