@@ -110,14 +110,19 @@ void civilFromDays(int64_t z, int64_t* year, unsigned* month1, unsigned* mday) {
 
 void recompute_yday_and_wday(struct tm* t) {
     static const int daysBefore[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    // Sakamoto's weekday: 32-bit arithmetic for the years anyone parses.
+    static const int monthShift[12] = {0, 3, 2, 5, 0, 3, 5, 1, 4, 6, 2, 4};
     const int64_t year = int64_t(t->tm_year) + 1900;
-    const int64_t days = daysFromCivil(year, unsigned(t->tm_mon + 1), unsigned(t->tm_mday));
-    if (t->tm_mon >= 0 && t->tm_mon < 12) {
-        t->tm_yday =
-            daysBefore[t->tm_mon] + t->tm_mday - 1 + (t->tm_mon > 1 && isLeapYear(int(year)));
-    } else {
-        t->tm_yday = int(days - daysFromCivil(year, 1, 1));
+    if (t->tm_mon >= 0 && t->tm_mon < 12 && year >= 1 && year <= 1000000 && t->tm_mday >= 0 &&
+        t->tm_mday <= 31) {
+        const int y = int(year), m = t->tm_mon;
+        t->tm_yday = daysBefore[m] + t->tm_mday - 1 + (m > 1 && isLeapYear(y));
+        const int ys = y - (m < 2);
+        t->tm_wday = (ys + ys / 4 - ys / 100 + ys / 400 + monthShift[m] + t->tm_mday) % 7;
+        return;
     }
+    const int64_t days = daysFromCivil(year, unsigned(t->tm_mon + 1), unsigned(t->tm_mday));
+    t->tm_yday = int(days - daysFromCivil(year, 1, 1));
     t->tm_wday = int(floorMod(days + 4, 7));  // 1970-01-01 was a Thursday
 }
 

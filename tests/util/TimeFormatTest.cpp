@@ -381,3 +381,23 @@ TEST(TimeFormat, JavaPatternsAndSerializedForms) {
 }
 
 }  // namespace
+
+namespace {
+
+// Weekday and day of year from the fields, against the calendar's own
+// arithmetic (GMT_fromUnixTime), over days from 1600 to 2400.
+TEST(TimeFormat, RecomputedWeekdayAndDayOfYear) {
+    for (int64_t day = -135140; day <= 157054; day += 3) {  // 3: every weekday comes round
+        StructTm want;
+        ASSERT_TRUE(want.GMT_fromUnixTime(long(day * 86400)));
+        struct tm t = {};
+        t.tm_year = want.tm_year;
+        t.tm_mon = want.tm_mon;
+        t.tm_mday = want.tm_mday;
+        recompute_yday_and_wday(&t);
+        ASSERT_EQ(t.tm_wday, want.tm_wday) << day;
+        ASSERT_EQ(t.tm_yday, want.tm_yday) << day;
+    }
+}
+
+}  // namespace
