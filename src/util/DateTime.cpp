@@ -9,6 +9,7 @@
 
 #include "libzero/assertion.h"
 #include "libzero/int-to-ascii.h"
+#include "util/ByteScan.h"
 #include "util/Pathname.h"
 #include "util/Timeval.h"
 
@@ -731,7 +732,8 @@ void TimeFormat::reset() {
     _renderBound = 0;
     _fixedLayout = false;
     _fixedBits = 0;
-    _fixedLength = 0;
+    _fixedTemplate.clear();
+    _fixedFields.clear();
 }
 
 bool TimeFormat::setFtime(const char* format) { return _setFtime(format, strlen(format), false); }
@@ -796,9 +798,6 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         if (!number && !fraction && a->what != LITERAL && a->what != LITERAL_WS)
             _fixedLayout = false;
     }
-    _fixedLength = 0;
-    for (const atom* a = _atoms; _fixedLayout && a < _atomsEnd; a++)
-        _fixedLength += size_t(a->width);
     // The fields such a layout sets, if it sets each only once.
     _fixedBits = 0;
     for (const atom* a = _atoms; _fixedLayout && a < _atomsEnd; a++) {
@@ -811,6 +810,7 @@ bool TimeFormat::_setFtime(const char* format, size_t length, bool dynamic) {
         }
         _fixedBits |= bit;
     }
+    if (_fixedLayout) buildFixedLayout();
     if (coarsest != INT_MAX) {
         _coarsest = coarsest;
         _finest = finest;
@@ -1459,65 +1459,141 @@ const char* TimeFormat::rawParse(TimeFormatRawParseResult* r, const char* begin,
     return endOfDayCheck(r) ? p : nullptr;
 }
 
+namespace {
+
+// 16 bytes of text against 16 of a layout template: a digit where the
+// template has the digit mark, '.' or ',' where it has the separator mark,
+// the very byte elsewhere.
+bool fixedBlockMatches(const char* text, const char* templ) {
+    const __m128i x = bytescan::load16(text);
+    const __m128i t = bytescan::load16(templ);
+    const __m128i d = _mm_sub_epi8(x, _mm_set1_epi8('0'));
+    const __m128i isDigit = _mm_cmpeq_epi8(_mm_min_epu8(d, _mm_set1_epi8(9)), d);
+    const __m128i isSep =
+        _mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('.')), _mm_cmpeq_epi8(x, _mm_set1_epi8(',')));
+    const __m128i wantDigit = _mm_cmpeq_epi8(t, _mm_setzero_si128());
+    const __m128i wantSep = _mm_cmpeq_epi8(t, _mm_set1_epi8(1));
+    const __m128i same = _mm_andnot_si128(_mm_or_si128(wantDigit, wantSep), _mm_cmpeq_epi8(x, t));
+    const __m128i ok = _mm_or_si128(
+        _mm_or_si128(_mm_and_si128(wantDigit, isDigit), _mm_and_si128(wantSep, isSep)), same);
+    return _mm_movemask_epi8(ok) == 0xFFFF;
+}
+
+}  // namespace
+
+// The layout as a byte template (each byte a literal, a digit mark or the
+// '.'/',' mark) and the fields at their offsets.
+void TimeFormat::buildFixedLayout() {
+    _fixedTemplate.clear();
+    _fixedFields.clear();
+    for (const atom* a = _atoms; a < _atomsEnd; a++) {
+        if (a->what == LITERAL || a->what == LITERAL_WS) {
+            if (a->beforeFraction) {
+                _fixedTemplate.push_back(FIXED_SEPARATOR);
+                continue;
+            }
+            for (uint64_t i = 0; i < a->width; i++) {
+                // A literal byte that reads as a mark can't be in a template.
+                if (uint8_t(a->x.lit[i]) <= FIXED_SEPARATOR) {
+                    _fixedLayout = false;
+                    return;
+                }
+            }
+            _fixedTemplate.append(a->x.lit, size_t(a->width));
+            continue;
+        }
+        FixedField f;
+        f.offset = uint16_t(_fixedTemplate.size());
+        f.width = uint8_t(a->width);
+        f.fraction = a->what == SUBSECOND;
+        if (!f.fraction) {
+            const NumericField& n = kNumeric[a->what - YEAR_4];
+            f.min = uint32_t(n.min);
+            f.max = uint32_t(n.max);
+            f.adjust = int8_t(n.adjust);
+            f.sundaySeven = a->what == WDAY_SUNDAY7;
+            f.bit = n.bit;
+            TimeFormatRawParseResult probe;
+            f.fieldOffset = uint16_t(reinterpret_cast<char*>(&(probe.*n.field)) -
+                                     reinterpret_cast<char*>(&probe));
+        }
+        _fixedFields.push_back(f);
+        _fixedTemplate.append(size_t(a->width), char(FIXED_DIGIT));
+    }
+    // What follows the layout matters only where the general parser would
+    // read on: a last number that takes all digits, a last run of blanks.
+    const atom& last = _atomsEnd[-1];
+    _fixedTail = last.what == LITERAL_WS                               ? FIXED_TAIL_NO_SPACE
+                 : last.what != LITERAL && last.maxDigits > last.width ? FIXED_TAIL_NO_DIGIT
+                                                                       : FIXED_TAIL_ANY;
+    if (_fixedTemplate.size() > UINT16_MAX) _fixedLayout = false;
+}
+
 const char* TimeFormat::parseFixedLayout(TimeFormatRawParseResult* r, const char* begin,
                                          const char* end) const {
     using R = TimeFormatRawParseResult;
+    const size_t length = _fixedTemplate.size();
+    if (size_t(end - begin) < length) return nullptr;
+    // Every byte checked first, 16 at a time where the layout is that long
+    // (the last block overlapping the one before), the fields read after.
+    if (length >= 16) {
+        for (size_t at = 0;; at += 16) {
+            if (at + 16 > length) at = length - 16;
+            if (!fixedBlockMatches(begin + at, _fixedTemplate.data() + at)) return nullptr;
+            if (at + 16 == length) break;
+        }
+    } else {
+        const uint8_t* t = reinterpret_cast<const uint8_t*>(_fixedTemplate.data());
+        const uint8_t* x = reinterpret_cast<const uint8_t*>(begin);
+        for (size_t i = 0; i < length; i++) {
+            const uint8_t want = t[i], c = x[i];
+            if (want == FIXED_DIGIT) {
+                if (uint8_t(c - '0') > 9) return nullptr;
+            } else if (want == FIXED_SEPARATOR) {
+                if (c != '.' && c != ',') return nullptr;
+            } else if (c != want) {
+                return nullptr;
+            }
+        }
+    }
+    const char* p = begin + length;
+    if (p < end) {
+        if (_fixedTail == FIXED_TAIL_NO_DIGIT && isDigit(*p)) return nullptr;
+        if (_fixedTail == FIXED_TAIL_NO_SPACE && isWs(*p)) return nullptr;
+    }
     // Each field once, none there yet (the common case: a fresh result):
     // plain stores, the bits set together at the end.
     const bool fresh = _fixedBits != 0 && (r->have & _fixedBits) == 0;
-    // The layout's length is known: one check covers every field.
-    if (size_t(end - begin) < _fixedLength) return nullptr;
-    const char* p = begin;
-    for (const atom* a = _atoms; a < _atomsEnd; a++) {
-        const size_t w = size_t(a->width);
-        if (a->what == LITERAL || a->what == LITERAL_WS) {
-            if (a->beforeFraction) {
-                if (*p != '.' && *p != ',') return nullptr;
-            } else {
-                for (size_t i = 0; i < w; i++) {
-                    if (p[i] != a->x.lit[i]) return nullptr;
-                }
-            }
-            p += w;
-            // The general parser takes a whole run of whitespace.
-            if (a->what == LITERAL_WS && p < end && isWs(*p)) return nullptr;
-            continue;
-        }
+    char* const base = reinterpret_cast<char*>(r);
+    for (const FixedField& f : _fixedFields) {
+        const char* d = begin + f.offset;
         uint32_t v;
-        if (w == 2) {  // most fields
-            const uint32_t d0 = uint32_t(p[0] - '0'), d1 = uint32_t(p[1] - '0');
-            if (d0 > 9 || d1 > 9) return nullptr;
-            v = d0 * 10 + d1;
+        if (f.width == 2) {
+            v = uint32_t(d[0] - '0') * 10 + uint32_t(d[1] - '0');
         } else {
             v = 0;
-            for (size_t i = 0; i < w; i++) {
-                if (!isDigit(p[i])) return nullptr;
-                v = v * 10 + uint32_t(p[i] - '0');
-            }
+            for (unsigned i = 0; i < f.width; i++) v = v * 10 + uint32_t(d[i] - '0');
         }
-        p += w;
-        // The general parser would read on: its answer may differ.
-        if (a->maxDigits > w && p < end && isDigit(*p)) return nullptr;
-        if (a->what == SUBSECOND) {
+        if (f.fraction) {
             if (fresh) {
                 r->subsec = v;
-                r->subsecDigits = unsigned(w);
+                r->subsecDigits = f.width;
             } else if ((r->have & R::HAVE_SUBSEC) != 0) {
-                r->conflicts += r->subsec != v || r->subsecDigits != w;
+                r->conflicts += r->subsec != v || r->subsecDigits != f.width;
             } else {
                 r->subsec = v;
-                r->subsecDigits = unsigned(w);
+                r->subsecDigits = f.width;
                 r->have |= R::HAVE_SUBSEC;
             }
             continue;
         }
-        const NumericField& f = kNumeric[a->what - YEAR_4];
-        if (v < uint32_t(f.min) || v > uint32_t(f.max)) return nullptr;
-        const int value = a->what == WDAY_SUNDAY7 ? int(v % 7) : int(v) + f.adjust;
+        if (v < f.min || v > f.max) return nullptr;
+        const int value = f.sundaySeven ? int(v % 7) : int(v) + f.adjust;
+        int* field = reinterpret_cast<int*>(base + f.fieldOffset);
         if (fresh) {
-            r->*f.field = value;
+            *field = value;
         } else {
-            r->set(f.bit, &(r->*f.field), value);
+            r->set(f.bit, field, value);
         }
     }
     if (fresh) r->have |= _fixedBits;

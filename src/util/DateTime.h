@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "util/Str.h"
 
@@ -289,6 +290,7 @@ private:
     const char* parseFixedLayout(TimeFormatRawParseResult* r, const char* begin,
                                  const char* end) const;
     static bool endOfDayCheck(const TimeFormatRawParseResult* r);
+    void buildFixedLayout();
 
     atom* _atoms = nullptr;
     atom* _atomsEnd = nullptr;
@@ -302,7 +304,24 @@ private:
     size_t _renderBound = 0;  // the most render() can write
     bool _fixedLayout = false;
     uint32_t _fixedBits = 0;  // set by a fixed layout that sets each field once
-    size_t _fixedLength = 0;  // the bytes of a fixed layout
+    // A fixed layout: its bytes, with marks where digits or a '.'/','
+    // go, and its fields.
+    static constexpr uint8_t FIXED_DIGIT = 0;
+    static constexpr uint8_t FIXED_SEPARATOR = 1;
+    enum fixed_tail_t : uint8_t { FIXED_TAIL_ANY, FIXED_TAIL_NO_DIGIT, FIXED_TAIL_NO_SPACE };
+    struct FixedField {
+        uint16_t offset = 0;
+        uint8_t width = 0;
+        bool fraction = false;
+        bool sundaySeven = false;
+        int8_t adjust = 0;
+        uint16_t fieldOffset = 0;
+        uint32_t min = 0, max = 0;
+        uint32_t bit = 0;
+    };
+    Str _fixedTemplate;
+    std::vector<FixedField> _fixedFields;
+    fixed_tail_t _fixedTail = FIXED_TAIL_ANY;
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)

@@ -248,7 +248,7 @@ namespace {
 // whatever the text: rendered lines with one byte changed, added or taken.
 TEST(TimeFormat, FixedLayoutParsesAsTheGeneralParserDoes) {
     const char* formats[] = {"%Y-%m-%d %H:%M:%S.%3N", "%Y%m%d%H%M%S", "%d/%m/%y %H:%M",
-                             "%H:%M:%S %j %u"};
+                             "%H:%M:%S %j %u", "%Y-%m-%dT%H:%M:%S,%6N"};
     const char mutations[] = {'0', '9', '5', ' ', '.', ',', '-', 'x', '\t'};
     std::mt19937_64 rng(11);
     for (const char* fmt : formats) {
