@@ -149,12 +149,18 @@ TEST(TcpChannelLoop, StopsWithWorkersBlockedInReadAndWriteLeavingNothingBehind) 
         o.worker = [&journal](TcpSyncDataBuffer& b) {
             char c;
             if (b.read(&c, 1) != 1) return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
-            if (c == 'r') {
-                journal.add("reading");
-                b.read(&c, 1);
-            } else if (c == 'w') {
-                journal.add("writing");
-                for (;;) b.write(big, sizeof big);
+            const char blocked = c;
+            try {
+                if (blocked == 'r') {
+                    journal.add("reading");
+                    b.read(&c, 1);
+                } else if (blocked == 'w') {
+                    journal.add("writing");
+                    for (;;) b.write(big, sizeof big);
+                }
+            } catch (const TcpChannel::Error& e) {
+                journal.add(std::string(1, blocked) + " woke: " + e.what());
+                throw;
             }
             b.write(&c, 1);
             return echo(b);
@@ -172,7 +178,9 @@ TEST(TcpChannelLoop, StopsWithWorkersBlockedInReadAndWriteLeavingNothingBehind) 
         EXPECT_EQ(reader.get(), Strings{"eof 0"});
         EXPECT_EQ(writer.get().size(), 1u);
         EXPECT_EQ(burst.get().at(0).substr(0, 14), "burst stopped ");
-        EXPECT_TRUE(journal.has("error Local side shutting down"));
+        // The blocked workers woke with the stop's error.
+        EXPECT_TRUE(journal.has("r woke: Local side shutting down"));
+        EXPECT_TRUE(journal.has("w woke: Local side shutting down"));
     }
     EXPECT_EQ(openDescriptors(), fds);
     EXPECT_TRUE(waitUntil([&] { return processThreads() == threads; }, 5));
