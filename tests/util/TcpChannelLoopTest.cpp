@@ -32,6 +32,23 @@ struct Gate {
     }
 };
 
+// Whether a tcp_peer.py for `port` runs.
+bool peerRunning(const std::string& port) {
+    DIR* d = opendir("/proc");
+    if (d == nullptr) return false;
+    bool found = false;
+    while (dirent* e = readdir(d)) {
+        const std::string cmdline = readFile(std::string("/proc/") + e->d_name + "/cmdline");
+        if (cmdline.find("tcp_peer.py") != std::string::npos &&
+            cmdline.find(std::string(1, '\0') + port + '\0') != std::string::npos) {
+            found = true;
+            break;
+        }
+    }
+    closedir(d);
+    return found;
+}
+
 unsigned workerThreads(TcpServer& s) {
     return s.inLoop([&] { return s.loop.allWorkerThreads(); });
 }
@@ -206,8 +223,10 @@ TEST(TcpChannelLoop, OutOfDescriptorsPausesAcceptingForFourSeconds) {
     TcpServer server([&] { return std::make_unique<TestChannel>(journal, Options{}); });
     server.start();
     // The client connects once this process has no descriptor to spare.
-    auto peer = server.peerInBackground({"delay:1000", "send:x\\n", "recv:2"});
-    Interval(300).sleep();
+    auto peer = server.peerInBackground({"delay:2000", "send:x\\n", "recv:2"});
+    // Once the peer runs, its pipes are open: the limit can come down.
+    const std::string port = std::to_string(server.port);
+    ASSERT_TRUE(waitUntil([&] { return peerRunning(port); }, 10));
     struct rlimit saved;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
     struct rlimit tight = saved;
