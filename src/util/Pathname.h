@@ -18,6 +18,7 @@
 
 class DirectoryEntry;
 class EnvironmentVariable;
+class HttpContentType;
 class PathnameVector;
 
 // The platform's stat record.
@@ -200,6 +201,9 @@ public:
     static Pathname removeDoubleSeps(const Pathname& p);
     // The non-empty elements.
     void splitOnSepInto(PathnameVector& out) const;
+    // The type a server sends for the leaf's extension of 2 to 4 letters, in
+    // any case ("x.JPEG"); null for none or one not known.
+    const HttpContentType* httpContentType() const;
 
     // ---------------------------------------------------------------- file systems
 
