@@ -87,6 +87,31 @@ public:
         return -1;
     }
 
+    // Takes one line off the front into `accumulated`, without its LF and
+    // without a CR right before it, also one that ended an earlier call's
+    // bytes. True when the line ended; otherwise everything buffered was
+    // taken. Nothing behind the LF is touched.
+    template <class StrT>
+    bool accumulateLine(StrT* accumulated) {
+        struct iovec v[2];
+        const unsigned n = dataSegments(v);
+        for (unsigned i = 0; i < n; i++) {
+            const char* p = static_cast<const char*>(v[i].iov_base);
+            const void* hit = memchr(p, '\n', v[i].iov_len);
+            if (hit == nullptr) {
+                accumulated->append(p, v[i].iov_len);
+                _readPos += v[i].iov_len;
+                continue;
+            }
+            const size_t used = size_t(static_cast<const char*>(hit) - p);
+            accumulated->append(p, used);
+            _readPos += used + 1;
+            if (!accumulated->empty() && accumulated->back() == '\r') accumulated->pop_back();
+            return true;
+        }
+        return false;
+    }
+
     // One readv() into the free space (retrying EINTR): its result. A full
     // ring reads nothing and gives 0, as end of file does: callers look at
     // full() first.
