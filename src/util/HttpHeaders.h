@@ -356,6 +356,9 @@ public:
     // One received line. The bytes taken, 0 at the end of the head; a
     // malformed line throws HttpBadRequestException.
     size_t addParsedHeaderLine(Str* line, StrVector* freeList);
+    // The same for a line still in the receive buffer: its bytes are copied
+    // into a string from the free list.
+    size_t _addParsedHeaderBytes(const char* data, size_t length, StrVector* freeList);
     // Empties the set, keeping the strings' capacity in `freeList`.
     void clear(StrVector* freeList);
     void clear() { clear(nullptr); }
@@ -423,6 +426,9 @@ public:
 
 private:
     static constexpr uint32_t NONE = ~uint32_t(0);
+    enum line_kind_t { LINE_END, LINE_CONTINUATION, LINE_HEADER };
+    // Checks a line and starts its header (or extends the previous one).
+    line_kind_t _takeParsedLine(const char* data, size_t length);
     struct slot {
         uint32_t first, last;
     };
