@@ -1,0 +1,347 @@
+#pragma once
+// The HTTP server's exchange: HttpServerTransaction is one request and its
+// reply on one connection, reused for every request of a keep-alive
+// connection. This header holds its reply side: the status and header block
+// built byte for byte, cache, cross-origin and download headers, error
+// documents, how exceptions become replies, the providers that produce
+// bodies and the asynchronous write operations.
+#include <cstdint>
+#include <ctime>
+#include <map>
+
+#include "util/AppendStr.h"
+#include "util/HttpContentType.h"
+#include "util/HttpException.h"
+#include "util/HttpHeaders.h"
+#include "util/SerializedResult.h"
+#include "util/Str.h"
+#include "util/Timeval.h"
+
+class CrashLogWriteHandler;
+class HttpServerTransaction;
+class SocketError;
+class TcpSyncDataBuffer;
+
+typedef int64_t file_offset_t;
+
+// The reason text of a status ("Not Found"); "???" for one without.
+const char* http_status_text(http_status_code_t status);
+// The sentence an error document gives for a status; "Unknown error" for others.
+const char* http_status_explanation(http_status_code_t status);
+
+// ---------------------------------------------------------------- providers and acceptors
+
+// Produces a reply's body. getPreBody runs once the request body is in and
+// before the head is built, and decides status and length; getBody is called
+// for each further piece. Both queue data through the transaction's write
+// operations, or ask for a thread.
+class HttpReplyDataProvider {
+public:
+    virtual ~HttpReplyDataProvider();
+    virtual void getPreBody(HttpServerTransaction* trans) = 0;
+    // Says that no more data follows.
+    virtual void getBody(HttpServerTransaction* trans);
+    // The HTML error document for the transaction's status (sets TYPE_HTML).
+    virtual void getErrorDocument(HttpServerTransaction* trans, AppendStr* out);
+    virtual void onAttach(HttpServerTransaction* trans);
+    // True when the error was expected and needs no log line.
+    virtual bool errorHappened(const SocketError& error);
+    virtual bool expectDisconnect();
+    virtual void renderCrashLogInfoTo(CrashLogWriteHandler& h) const;
+};
+
+// Sends nothing (OPTIONS replies).
+class NullHttpReplyDataProvider : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* trans) override;
+    void getBody(HttpServerTransaction* trans) override;
+};
+extern NullHttpReplyDataProvider nullHttpReplyDataProvider;
+
+// Takes a request's body. The defaults do nothing.
+class HttpRequestDataAcceptor {
+public:
+    virtual ~HttpRequestDataAcceptor();
+    virtual void dataAvailable(const StrSegment& data);
+    virtual void dataFinished();
+    virtual void onAttach(HttpServerTransaction* trans);
+    virtual bool errorHappened(const SocketError& error);
+    virtual void renderCrashLogInfoTo(CrashLogWriteHandler& h) const;
+};
+// Reads a body and throws it away.
+extern HttpRequestDataAcceptor doNothingHttpRequestDataAcceptor;
+
+// Whether a cross-origin request may see the reply.
+class HttpServerCrossSitePolicy {
+public:
+    virtual ~HttpServerCrossSitePolicy();
+    virtual bool allowFor(HttpServerTransaction* trans) const = 0;
+    // Request headers allowed beyond Authorization, comma-separated.
+    virtual Str allowedHeaders() const;
+};
+class HttpServerCrossSitePolicyDenyAll : public HttpServerCrossSitePolicy {
+public:
+    bool allowFor(HttpServerTransaction* trans) const override;
+};
+extern HttpServerCrossSitePolicyDenyAll httpServerCrossSitePolicyDenyAll;
+
+// ---------------------------------------------------------------- ready-made text
+
+// A chunk's size line: optionally CRLF, the size in upper-case hex, CRLF.
+class HttpChunkedEncodingHexLength {
+public:
+    // Size 0 is not a chunk: the end marker is written otherwise.
+    void fill(uint64_t size, bool leadingCrlf);
+    StrSegment seg() const { return StrSegment(_buf, _len); }
+
+private:
+    char _buf[20];
+    uint8_t _len = 0;
+};
+
+// The "Date: ...\r\n" line of a connection, rebuilt when the second changes.
+class HttpDateLine {
+public:
+    static constexpr size_t SIZE = 37;
+    // The line for `now`.
+    StrSegment get(time_t now);
+    time_t time() const { return _time; }
+    // The line's date with its year raised by one, digit by digit (the
+    // weekday stays as it was): an Expires a year ahead with no calendar work.
+    void appendYearAhead(Str* out) const;
+
+private:
+    char _line[SIZE] = {};
+    time_t _time = -1;
+};
+
+// What ends every reply head of a listener: frame options, HSTS, the server
+// name, fixed headers and the blank line.
+class HttpReplyTail {
+public:
+    HttpReplyTail() : _text("\r\n") {}
+    // The lines in this order: "X-Frame-Options: SAMEORIGIN" if frameOptions,
+    // Strict-Transport-Security if hsts, "Server: " name if not empty, each
+    // header in key order, then the blank line.
+    void set(const Str& serverName, const std::map<Str, Str>& headers, bool frameOptions, bool hsts,
+             bool includeSubDomains, bool preload);
+    StrSegment full() const { return _text.seg(); }
+    // The same without the X-Frame-Options line.
+    StrSegment withoutFrameOptions() const { return _text.seg().substr(_frameOptionsLength); }
+
+private:
+    Str _text;
+    size_t _frameOptionsLength = 0;
+};
+
+// ---------------------------------------------------------------- the transaction
+
+class HttpServerTransaction {
+public:
+    enum state_t : uint8_t {
+        READING_REQUEST_HEAD = 0,
+        SENDING_REPLY_HEADERS = 1,
+        EATING_REQUEST_DATA = 2,
+        NEED_REPLY_DATA = 3,
+        SENDING_REPLY_DATA = 4,
+        SEND_EOF_MARKER = 5,
+        END_OF_TRANSACTION = 6,
+        SENT_100_CONTINUE = 7,
+        EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET = 8,
+        EATING_REQUEST_DATA_CHUNKED_LENGTH = 9,
+        EATING_REQUEST_DATA_CHUNKED_EXTENSION = 10,
+        EATING_REQUEST_DATA_CHUNKED_DATA = 11,
+        EATING_REQUEST_DATA_FOREVER = 12,
+    };
+    enum tosend_state_t : uint8_t {
+        TOSEND_VIRGIN = 0,
+        TOSEND_UNSET = 1,
+        TOSEND_HAS_FINAL_ITEM = 2,
+        TOSEND_HAS_PARTIAL_ITEM = 3,
+    };
+    enum chunked_state_t : uint8_t { CHUNKED_NONE = 0, CHUNKED_STARTING = 1, CHUNKED_MIDDLE = 2 };
+    enum cache_control_t : uint32_t {
+        CACHE_NO_STORE = 1,
+        CACHE_NO_CACHE = 2,
+        CACHE_MUST_REVALIDATE = 4,
+        CACHE_PUBLIC = 8,
+        CACHE_PRIVATE = 16,
+    };
+    static constexpr uint32_t MAX_CACHE_UNSET = ~uint32_t(0);
+    static constexpr uint32_t ALL_METHODS = 127;
+
+    // The default provider: a 200 with nothing written becomes 404 (400 for
+    // a URL that doesn't start with "/").
+    class HttpReplyDataProviderDefault : public HttpReplyDataProvider {
+    public:
+        void getPreBody(HttpServerTransaction* trans) override;
+    };
+    // Sends the transaction's _astr.
+    class AppendStrHttpDataProvider : public HttpReplyDataProvider {
+    public:
+        void getPreBody(HttpServerTransaction* trans) override;
+    };
+
+    HttpServerTransaction();
+    HttpServerTransaction(const HttpServerTransaction&) = delete;
+    HttpServerTransaction& operator=(const HttpServerTransaction&) = delete;
+    virtual ~HttpServerTransaction();
+    // For a subclass's own fields; called at the end of clear().
+    virtual void clear_extra();
+    virtual void renderCrashLogInfoTo(CrashLogWriteHandler& h) const;
+
+    // Ready for the next request of the connection.
+    void clear();
+
+    // --- the request
+    const HttpServerRequest& request() const { return _request; }
+    HttpMethod method() const { return _request.firstLine._method; }
+    StrSegment url() const { return _request.firstLine._url; }
+    bool isInOwnThread() const { return _threadedIo != nullptr; }
+
+    // --- setting the reply, all before the head is built
+    void setStatus(http_status_code_t status);
+    void setStatusFormat(http_status_code_t status, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+    http_status_code_t statusCode() const { return _statusCode; }
+    // `_statusText`, else the table's text.
+    const char* statusExplaination() const;
+    // Only before anything is queued.
+    void setContentLength(file_offset_t length);
+    void setContentType(const HttpContentType* type);
+    // One algorithm, or none.
+    void setContentEncoding(HttpCompressionAlgorithm encoding);
+    // Both return false once it is known that the client won't want the body.
+    bool setLastModified(const Timeval& t);
+    bool setEtag(StrSegment value, bool weak);
+    void setLink(const Str& value);
+    void setAllowedMethods(HttpMethod methods);
+    void setCacheControl(uint32_t bits) { _cacheControl = bits; }
+    void setMaxCacheSeconds(uint32_t seconds) { _maxCacheSeconds = seconds; }
+    void setRedirect(http_status_code_t status, const Str& url);
+    void setDownloadFilename(const Str& name);
+    void varyBy(StrSegment names) { _varyBy.add(names); }
+    void dontIncludeFrameOptions() { _dontIncludeFrameOptions = true; }
+    HttpHeaders& extraHeaders() { return _extraHeaders; }
+    // The body buffer: the transaction sends it once the handler returns.
+    AppendStr& contents(const HttpContentType* type);
+    AppendStr& contentsWithoutSettingContentType();
+    // The whole body, sent as the final result.
+    void setContents(const HttpContentType* type, AppendStr&& body);
+    // 204 with no body.
+    void setNoContents();
+    void requestBasicAuth(const Str& realm) { _extraHeaders.requestBasicAuth(realm); }
+    static Str requestBasicAuthWithoutHeader(const Str& realm) {
+        return HttpHeaders::requestBasicAuthWithoutHeader(realm);
+    }
+    // gzip the reply when it pays (levels 1 to 9; 0 turns it off).
+    void requestCompression(int level);
+
+    void setReplyDataProviderAndClaim(HttpReplyDataProvider* provider);
+    void setReplyDataProviderDontClaim(HttpReplyDataProvider* provider);
+    HttpReplyDataProvider* replyDataProvider() const { return _provider; }
+    void setRequestDataAcceptorDontClaim(HttpRequestDataAcceptor* acceptor);
+    // The body is not read if the client still waits for "100 Continue";
+    // otherwise it is read and thrown away.
+    void ignoreRequestData();
+
+    // --- writing, on the loop thread. The data is referenced, not copied,
+    // and must stay until it is sent.
+    void writeAsync(const char* data, size_t size, bool last);
+    void writeAsync(const AppendStr& data, bool last);
+    void writeAsync(const SerializedResult& data, bool last);
+    // The final result from a worker: referenced likewise.
+    void postFinalResult(const char* data, size_t size);
+    void postFinalResult(const AppendStr& data);
+    // The reply will be exactly this long.
+    void onlyWriteSizeIs(file_offset_t size);
+
+    // --- turning errors into replies
+    void _prepareErrorFromHttpException(const HttpException& e);
+    void _prepareErrorFromOtherException(const char* what);
+    void _prepareErrorFromAnyException();
+    void _prepareError();
+    // False (and the connection to end) once the head is out.
+    bool safeToReplaceBodyWithError();
+
+    // --- building the head
+    // The head into _headerBlock; false when none is to be sent (HTTP/0.9).
+    bool _internal_prepareReplyHeaders();
+    const AppendStr& headerBlock() const { return _headerBlock; }
+    bool _toSendIsSet() const { return _toSendState >= TOSEND_HAS_FINAL_ITEM; }
+
+    // What the connection supplies; tests and servers set them before use.
+    void _setConnectionParts(HttpDateLine* dateLine, const HttpReplyTail* tail,
+                             const HttpServerCrossSitePolicy* policy) {
+        _dateLine = dateLine, _replyTail = tail, _crossSitePolicy = policy;
+    }
+
+    // ---------------------------------------------------------------- fields
+    // General and request
+    state_t _state = READING_REQUEST_HEAD;
+    HttpServerRequest _request;
+    HttpServerRequestParser _parser;
+    TcpSyncDataBuffer* _threadedIo = nullptr;
+    Timeval _startTime;
+    bool _startTimeSet = false;
+    uint32_t _100continue = 0;
+    file_offset_t _bytesReceived = 0;
+    file_offset_t _totalBytesExpectedOfRequestData = -1;
+    file_offset_t _bytesLeftInRequestDataChunk = 0;
+    bool _requestTransferEncodingIsChunked = false;
+    HttpRequestDataAcceptor* _acceptor = &doNothingHttpRequestDataAcceptor;
+
+    // Reply flow
+    http_status_code_t _statusCode = 200;
+    Str _statusText;
+    bool _wantsSeparateThread = false;
+    bool _alreadyBuiltHeaders = false;
+    bool _needToSendBody = true;
+    bool _isLastTransaction = false;
+    file_offset_t _bodyBytesWritten = 0;
+    chunked_state_t _chunkedState = CHUNKED_NONE;
+    SerializedResult _toSend;
+    tosend_state_t _toSendState = TOSEND_VIRGIN;
+    bool _toSendSafe = true;
+    bool _knowCompleteLength = false;
+    file_offset_t _totalScheduledLength = 0;
+    bool _willSendDataLater = false;
+    http_status_code_t _preconditionState = 0;
+
+    // Reply content
+    char _statusLine[13];  // "HTTP/1.1 200 ", digits rewritten as needed
+    http_status_code_t _statusLineCode = 200;
+    HttpMethod _allowedMethods = ALL_METHODS;
+    HttpLastModifiedValue _lastModified;
+    const HttpEtagValue* _etagp = nullptr;
+    HttpEtagValue _etag;
+    Str _link;
+    AppendStr _headerBlock;
+    AppendStr _work;
+    AppendStr _astr;
+    HttpHeaders _extraHeaders;
+    HttpVaryHeaderValue _varyBy;
+    Str _redirectUrl;
+    Str _downloadFilename;
+    AppendStrHttpDataProvider _strProvider;
+    HttpReplyDataProvider* _provider;
+    HttpReplyDataProvider* _claimedProvider = nullptr;
+    const HttpContentType* _contentType = nullptr;
+    int _desiredCompressionLevel = 0;
+    HttpCompressionAlgorithm _replyContentEncoding;
+    uint32_t _cacheControl = 0;
+    uint32_t _maxCacheSeconds = MAX_CACHE_UNSET;
+    const HttpServerCrossSitePolicy* _crossSitePolicy = &httpServerCrossSitePolicyDenyAll;
+    bool _dontIncludeFrameOptions = false;
+
+private:
+    bool _finishSetLastModified();
+    void _appendCacheHeaders(bool forceNoCache, time_t now);
+    void _appendDownloadFilename();
+    void _freeProviders();
+
+    HttpDateLine* _dateLine = &_ownDateLine;
+    const HttpReplyTail* _replyTail = &_defaultTail;
+    HttpDateLine _ownDateLine;
+    HttpReplyTail _defaultTail;
+};
