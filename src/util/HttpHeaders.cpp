@@ -629,10 +629,14 @@ void append_stringified(Str* out, const HttpUserAgent& ua) {
 
 // ---------------------------------------------------------------- HttpHeaders: adding
 
-void HttpHeaders::_resetSlots() { memset(_slots, 0xFF, sizeof(_slots)); }
+void HttpHeaders::_resetSlots() {
+    memset(_slots, 0xFF, sizeof(_slots));
+    _slotsInUse = false;
+}
 
 void HttpHeaders::_link(const HttpHeader::queryable_key& key, uint32_t index) {
     slot& s = _slots[key.slot];
+    _slotsInUse = true;
     if (s.first == NONE) {
         s.first = s.last = index;
     } else {
@@ -880,7 +884,7 @@ void HttpHeaders::clear(StrVector* freeList) {
         for (HttpHeader& h : _h) freeList->push_back(std::move(h._s));
     }
     _h.clear();
-    _resetSlots();
+    if (_slotsInUse) _resetSlots();  // a reply's extra headers often used none
 }
 
 // ---------------------------------------------------------------- HttpHeaders: reading

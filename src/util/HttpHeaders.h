@@ -439,6 +439,7 @@ private:
                          bool wildcardNeedsExisting) const;
 
     std::vector<HttpHeader> _h;
+    bool _slotsInUse = false;  // some slot is set: clear() must reset them
     slot _slots[HttpHeader::MAX_QUERYABLE_KEYS];
 };
 

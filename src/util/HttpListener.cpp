@@ -288,8 +288,8 @@ StrSegment HttpDateLine::get(time_t now) {
 }
 
 void HttpDateLine::appendYearAhead(Str* out) const {
-    constexpr size_t prefix = 6;     // "Date: "
-    constexpr size_t yearAt = 18;    // "Date: Sun, 06 Nov " then the year
+    constexpr size_t prefix = 6;   // "Date: "
+    constexpr size_t yearAt = 18;  // "Date: Sun, 06 Nov " then the year
     const size_t base = out->size();
     out->append(_line + prefix, SIZE - prefix);
     char* year = out->data() + base + (yearAt - prefix);
@@ -347,7 +347,11 @@ void HttpServerTransaction::clear() {
     _bytesLeftInRequestDataChunk = 0;
     _requestTransferEncodingIsChunked = false;
     _acceptor = &doNothingHttpRequestDataAcceptor;
+    clearReply();
+    clear_extra();
+}
 
+void HttpServerTransaction::clearReply() {
     _statusCode = 200;
     _statusText.clear();
     _wantsSeparateThread = _alreadyBuiltHeaders = _isLastTransaction = false;
@@ -380,7 +384,6 @@ void HttpServerTransaction::clear() {
     _cacheControl = 0;
     _maxCacheSeconds = MAX_CACHE_UNSET;
     _dontIncludeFrameOptions = false;
-    clear_extra();
 }
 
 void HttpServerTransaction::setStatus(http_status_code_t status) {
@@ -874,7 +877,9 @@ bool HttpServerTransaction::_internal_prepareReplyHeaders() {
         if (!_link.empty()) _headerBlock.append("Link: ", 6).append(_link).append("\r\n", 2);
         // 15.
         if (_knowCompleteLength) {
-            _headerBlock.appendFormat("Content-Length: %lld\r\n", (long long)_totalScheduledLength);
+            _headerBlock.append("Content-Length: ", 16);
+            _headerBlock.append_int64(_totalScheduledLength);
+            _headerBlock.append("\r\n", 2);
         } else if (_needToSendBody && !_isLastTransaction) {
             if (_request.firstLine._version >= HTTPVERSION_1_1) {
                 _headerBlock.append("Transfer-Encoding: chunked\r\n");

@@ -192,6 +192,8 @@ public:
 
     // Ready for the next request of the connection.
     void clear();
+    // The reply side alone back to its defaults; the request stays.
+    void clearReply();
 
     // --- the request
     const HttpServerRequest& request() const { return _request; }
