@@ -1,936 +1,901 @@
+// The server side of HTTP: the request half of a transaction (bodies plain,
+// chunked and unbounded), the listener, and the connection that drives each
+// exchange through its states on the event loop.
 #include "util/HttpListener.h"
 
-#include <cstdarg>
+#include <cerrno>
 #include <cstring>
-#include <exception>
 
 #include "libzero/assertion.h"
-#include "util/DateTime.h"
 #include "util/Logger.h"
 
-namespace {
-Logger http_log("HttpServer");
-}
-
-// ---------------------------------------------------------------- status tables
-
-const char* http_status_text(http_status_code_t status) {
-    switch (status) {
-        case 100:
-            return "Continue";
-        case 101:
-            return "Switching Protocols";
-        case 200:
-            return "OK";
-        case 201:
-            return "Created";
-        case 202:
-            return "Accepted";
-        case 203:
-            return "Non-Authoritative Information";
-        case 204:
-            return "No Content";
-        case 205:
-            return "Reset Content";
-        case 206:
-            return "Partial Content";
-        case 300:
-            return "Multiple Choices";
-        case 301:
-            return "Moved Permanently";
-        case 302:
-            return "Found";
-        case 303:
-            return "See Other";
-        case 304:
-            return "Not Modified";
-        case 306:
-            return "Use Proxy";  // at 306, with no 305, as clients of this server expect
-        case 307:
-            return "Temporary Redirect";
-        case 400:
-            return "Bad Request";
-        case 401:
-            return "Unauthorized";
-        case 402:
-            return "Payment Required";
-        case 403:
-            return "Forbidden";
-        case 404:
-            return "Not Found";
-        case 405:
-            return "Method Not Allowed";
-        case 406:
-            return "Not Acceptable";
-        case 407:
-            return "Proxy Authentication Required";
-        case 408:
-            return "Request Timeout";
-        case 409:
-            return "Conflict";
-        case 410:
-            return "Gone";
-        case 411:
-            return "Length Required";
-        case 412:
-            return "Precondition Failed";
-        case 413:
-            return "Request Entity Too Large";
-        case 414:
-            return "Request-URI Too Long";
-        case 415:
-            return "Unsupported Media Type";
-        case 416:
-            return "Requested Range Not Satisfiable";
-        case 417:
-            return "Expectation Failed";
-        case 428:
-            return "Precondition Required";
-        case 429:
-            return "Too Many Requests";
-        case 431:
-            return "Request Header Fields Too Large";
-        case 500:
-            return "Internal Server Error";
-        case 501:
-            return "Not Implemented";
-        case 502:
-            return "Bad Gateway";
-        case 503:
-            return "Service Unavailable";
-        case 504:
-            return "Gateway Timeout";
-        case 505:
-            return "HTTP Version Not Supported";
-        case 511:
-            return "Network Authentication Required";
-        default:
-            return "???";
-    }
-}
-
-const char* http_status_explanation(http_status_code_t status) {
-    switch (status) {
-        case 300:
-            return "Multiple choices are available, redirecting";
-        case 301:
-            return "The resource has moved";
-        case 302:
-        case 303:
-        case 307:
-            return "The resource has moved temporarily";
-        case 306:
-            return "Request must be made using proxy";
-        case 400:
-            return "HTTP Request was malformed";
-        case 401:
-        case 407:
-            return "Authentication is required";
-        case 402:
-            return "Payment is required";
-        case 403:
-            return "Request is not allowed";
-        case 404:
-            return "The requested URL was not found on this server";
-        case 405:
-            return "Specified method is not allowed on this resource";
-        case 406:
-            return "Content would not be acceptable for client";
-        case 408:
-            return "Request timed out";
-        case 409:
-            return "Resource is busy";
-        case 410:
-            return "The requested URL is gone from this server";
-        case 411:
-            return "A request length was required, but not sent";
-        case 412:
-            return "Response would not match client's preconditions";
-        case 413:
-            return "The request your client sent was too large";
-        case 414:
-            return "The URL your client requested was too long";
-        case 415:
-            return "The requested URL does not support the media type sent";
-        case 416:
-            return "The requested ranges were not available for the requested URL";
-        case 417:
-            return "Response did not match client's stated expectations";
-        case 428:
-            return "The origin server requires the request to be conditional";
-        case 429:
-            return "The user has sent too many requests in a given amount of time";
-        case 431:
-            return "The server is unwilling to process the request because its header fields are "
-                   "too large";
-        case 500:
-            return "The server had an unexpected error";
-        case 501:
-            return "The server does not support the functionality requested";
-        case 502:
-            return "The remote host sent this server a bad response";
-        case 503:
-            return "The server can not presently handle the given request";
-        case 504:
-            return "This server timed out while communicating with the remote host";
-        case 505:
-            return "The request was made with a version of the HTTP protocol this server does not "
-                   "support";
-        case 511:
-            return "The client needs to authenticate to gain network access";
-        default:
-            return "Unknown error";
-    }
-}
-
-// ---------------------------------------------------------------- providers, acceptors, policies
-
-HttpReplyDataProvider::~HttpReplyDataProvider() = default;
-
-void HttpReplyDataProvider::getBody(HttpServerTransaction* trans) {
-    if (!trans->_toSendIsSet()) trans->_toSendState = HttpServerTransaction::TOSEND_HAS_FINAL_ITEM;
-}
-
-void HttpReplyDataProvider::getErrorDocument(HttpServerTransaction* trans, AppendStr* out) {
-    trans->setContentType(&HttpContentType::TYPE_HTML);
-    out->append(
-        "<!doctype html><html><head><meta http-equiv=\"content-type\" content=\"text/html; "
-        "charset=UTF-8\">");
-    const http_status_code_t status = trans->_statusCode;
-    const bool redirect = status >= 300 && status <= 399 && !trans->_redirectUrl.empty();
-    if (redirect) {
-        out->append("<meta http-equiv=\"refresh\" content=\"1;url=");
-        out->appendHtmlEscaped(trans->_redirectUrl.data(), trans->_redirectUrl.size());
-        out->append("\">");
-    }
-    const char* text = trans->statusExplaination();
-    out->appendFormat("<title>%03u ", status);
-    out->appendHtmlEscaped(text);
-    out->append("</title></head><body><h1>");
-    out->appendHtmlEscaped(text);
-    out->append("</h1><p>");
-    out->append(http_status_explanation(status));
-    if (redirect) {
-        out->append(" <a href=\"");
-        out->appendHtmlEscaped(trans->_redirectUrl.data(), trans->_redirectUrl.size());
-        out->append("\">here</a>");
-    }
-    out->append(".</p></body></html>\r\n");
-}
-
-void HttpReplyDataProvider::onAttach(HttpServerTransaction*) {}
-bool HttpReplyDataProvider::errorHappened(const SocketError&) { return false; }
-bool HttpReplyDataProvider::expectDisconnect() { return false; }
-void HttpReplyDataProvider::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
-
-void NullHttpReplyDataProvider::getPreBody(HttpServerTransaction*) {}
-void NullHttpReplyDataProvider::getBody(HttpServerTransaction*) {}
-NullHttpReplyDataProvider nullHttpReplyDataProvider;
-
-HttpRequestDataAcceptor::~HttpRequestDataAcceptor() = default;
-void HttpRequestDataAcceptor::dataAvailable(const StrSegment&) {}
-void HttpRequestDataAcceptor::dataFinished() {}
-void HttpRequestDataAcceptor::onAttach(HttpServerTransaction*) {}
-bool HttpRequestDataAcceptor::errorHappened(const SocketError&) { return false; }
-void HttpRequestDataAcceptor::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
-HttpRequestDataAcceptor doNothingHttpRequestDataAcceptor;
-
-HttpServerCrossSitePolicy::~HttpServerCrossSitePolicy() = default;
-Str HttpServerCrossSitePolicy::allowedHeaders() const { return Str(); }
-bool HttpServerCrossSitePolicyDenyAll::allowFor(HttpServerTransaction*) const { return false; }
-HttpServerCrossSitePolicyDenyAll httpServerCrossSitePolicyDenyAll;
-
-void HttpServerTransaction::HttpReplyDataProviderDefault::getPreBody(HttpServerTransaction* trans) {
-    if (trans->_statusCode != 200 || trans->_toSendIsSet()) return;
-    const StrSegment url = trans->url();
-    trans->_statusCode = !url.empty() && url[0] == '/' ? 404 : 400;
-}
+Logger httplistener_log("HttpListener");
 
 namespace {
-HttpServerTransaction::HttpReplyDataProviderDefault defaultHttpReplyDataProvider;
+constexpr Interval ms(uint64_t n) { return Interval(n); }
+constexpr char kEndMarkerAfterChunk[] = "\r\n0\r\n\r\n";
+constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+
+bool isPeerHangUp(const SocketError& err) {
+    return err.isEof() || (err.isErrno() && (err.data() == ECONNABORTED ||
+                                             err.data() == ECONNRESET || err.data() == EPIPE));
+}
+}  // namespace
+
+// ---------------------------------------------------------------- PostArgumentsAcceptor
+
+void PostArgumentsAcceptor::dataAvailable(const StrSegment& data) {
+    if (!_parser.parse(data)) _hadParsingError = true;
 }
 
-void HttpServerTransaction::AppendStrHttpDataProvider::getPreBody(HttpServerTransaction* trans) {
-    if (trans->isInOwnThread()) {
-        trans->postFinalResult(trans->_astr);
-    } else {
-        trans->writeAsync(trans->_astr, true);
-    }
+void PostArgumentsAcceptor::dataFinished() {
+    if (!_parser.finish()) _hadParsingError = true;
 }
 
-// ---------------------------------------------------------------- ready-made text
-
-void HttpChunkedEncodingHexLength::fill(uint64_t size, bool leadingCrlf) {
-    ASSERT(size != 0);
-    static const char hex[] = "0123456789ABCDEF";
-    char digits[16];
-    int n = 0;
-    for (; size != 0; size >>= 4) digits[n++] = hex[size & 15];
-    char* p = _buf;
-    if (leadingCrlf) *p++ = '\r', *p++ = '\n';
-    while (n > 0) *p++ = digits[--n];
-    *p++ = '\r', *p++ = '\n';
-    _len = uint8_t(p - _buf);
+void PostArgumentsAcceptor::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    crashlog_write(h, "PostArgumentsAcceptor");
+    if (_hadParsingError) crashlog_write(h, " [had parsing error]");
 }
 
-StrSegment HttpDateLine::get(time_t now) {
-    if (now != _time) {
-        Str line("Date: ");
-        GmtStructTm tm;
-        if (Timeval(now, 0).gmtime(&tm)) tm.appendFtime(line, TimeFormat_RFC1123);
-        line.append("\r\n", 2);
-        if (line.size() == SIZE) {  // a year beyond four digits keeps the previous line
-            memcpy(_line, line.data(), SIZE);
-            _time = now;
-        }
-    }
-    return StrSegment(_line, SIZE);
+void PostArgumentsAcceptor::clear() {
+    _parser.finish();
+    _arguments.clear();
+    _hadParsingError = false;
 }
 
-void HttpDateLine::appendYearAhead(Str* out) const {
-    constexpr size_t prefix = 6;   // "Date: "
-    constexpr size_t yearAt = 18;  // "Date: Sun, 06 Nov " then the year
-    const size_t base = out->size();
-    out->append(_line + prefix, SIZE - prefix);
-    char* year = out->data() + base + (yearAt - prefix);
-    for (size_t i = 4; i-- > 0;) {
-        if (year[i] != '9') {
-            ++year[i];
-            break;
-        }
-        year[i] = '0';  // and carry
-    }
+// ---------------------------------------------------------------- the request body
+
+void HttpServerTransaction::_freeAcceptors() {
+    delete _claimedAcceptor;
+    _claimedAcceptor = nullptr;
 }
 
-void HttpReplyTail::set(const Str& serverName, const std::map<Str, Str>& headers, bool frameOptions,
-                        bool hsts, bool includeSubDomains, bool preload) {
-    Str t;
-    if (frameOptions) t.append("X-Frame-Options: SAMEORIGIN\r\n");
-    _frameOptionsLength = t.size();
-    if (hsts) {
-        t.append("Strict-Transport-Security: max-age=31536000");
-        if (includeSubDomains) t.append("; includeSubDomains");
-        if (preload) t.append("; preload");
-        t.append("\r\n", 2);
-    }
-    if (!serverName.empty()) t.append("Server: ").append(serverName).append("\r\n", 2);
-    for (const auto& [key, value] : headers)
-        t.append(key).append(": ").append(value).append("\r\n", 2);
-    t.append("\r\n", 2);
-    _text.swap(t);
-}
-
-// ---------------------------------------------------------------- the transaction
-
-HttpServerTransaction::HttpServerTransaction() : _provider(&defaultHttpReplyDataProvider) {
-    memcpy(_statusLine, "HTTP/1.1 200 ", sizeof(_statusLine));
-}
-
-HttpServerTransaction::~HttpServerTransaction() { _freeProviders(); }
-
-void HttpServerTransaction::clear_extra() {}
-void HttpServerTransaction::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
-
-void HttpServerTransaction::_freeProviders() {
-    delete _claimedProvider;
-    _claimedProvider = nullptr;
-}
-
-void HttpServerTransaction::clear() {
-    _state = READING_REQUEST_HEAD;
-    _request.clear(&_parser.freeList());
-    _parser.clear();
-    _startTimeSet = false;
-    _100continue = 0;
-    _bytesReceived = 0;
-    _totalBytesExpectedOfRequestData = -1;
-    _bytesLeftInRequestDataChunk = 0;
-    _requestTransferEncodingIsChunked = false;
-    _acceptor = &doNothingHttpRequestDataAcceptor;
-    clearReply();
-    clear_extra();
-}
-
-void HttpServerTransaction::clearReply() {
-    _statusCode = 200;
-    _statusText.clear();
-    _wantsSeparateThread = _alreadyBuiltHeaders = _isLastTransaction = false;
-    _needToSendBody = true;
-    _bodyBytesWritten = 0;
-    _chunkedState = CHUNKED_NONE;
-    _toSend.resize(0);
-    _toSendState = TOSEND_VIRGIN;
-    _toSendSafe = true;
-    _knowCompleteLength = _willSendDataLater = false;
-    _totalScheduledLength = 0;
-    _preconditionState = 0;
-
-    _allowedMethods = ALL_METHODS;
-    _lastModified.clear();
-    _etagp = nullptr;
-    _etag.clear();
-    _link.clear();
-    _headerBlock.clear();
-    _work.clear();
-    _astr.clear();
-    _extraHeaders.clear();
-    _varyBy.clear();
-    _redirectUrl.clear();
-    _downloadFilename.clear();
-    _freeProviders();
-    _provider = &defaultHttpReplyDataProvider;
-    _contentType = nullptr;
-    _replyContentEncoding = HttpCompressionAlgorithm();
-    _cacheControl = 0;
-    _maxCacheSeconds = MAX_CACHE_UNSET;
-    _dontIncludeFrameOptions = false;
-}
-
-void HttpServerTransaction::setStatus(http_status_code_t status) {
-    ASSERT(!_alreadyBuiltHeaders);
-    ASSERT(status >= 100 && status <= 599);
-    _statusCode = status;
-}
-
-void HttpServerTransaction::setStatusFormat(http_status_code_t status, const char* format, ...) {
-    setStatus(status);
-    va_list args;
-    va_start(args, format);
-    _statusText.clear();
-    _statusText.appendVformat(format, args);
-    va_end(args);
-}
-
-const char* HttpServerTransaction::statusExplaination() const {
-    return _statusText.empty() ? http_status_text(_statusCode) : _statusText.c_str();
-}
-
-void HttpServerTransaction::setContentLength(file_offset_t length) {
-    ASSERT(!_alreadyBuiltHeaders);
-    ASSERT(_toSendState == TOSEND_VIRGIN);
-    _totalScheduledLength = length;
-    _knowCompleteLength = true;
-    _toSendState = TOSEND_UNSET;
-}
-
-void HttpServerTransaction::setContentType(const HttpContentType* type) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _contentType = type;
-}
-
-void HttpServerTransaction::setContentEncoding(HttpCompressionAlgorithm encoding) {
-    ASSERT(!_alreadyBuiltHeaders);
-    ASSERT((encoding.flags() & (encoding.flags() - 1)) == 0);
-    _replyContentEncoding = encoding;
-}
-
-bool HttpServerTransaction::_finishSetLastModified() {
-    if (method() == HttpMethod::PUT) return true;
-    if (_preconditionState == 0) {
-        _preconditionState = _request.headers.checkPreconditionsSoFar(_lastModified, _etagp);
-    }
-    return _preconditionState < 300;
-}
-
-bool HttpServerTransaction::setLastModified(const Timeval& t) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _lastModified.set(t);
-    return _finishSetLastModified();
-}
-
-bool HttpServerTransaction::setEtag(StrSegment value, bool weak) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _etag.set(value, weak);
-    _etagp = &_etag;
-    return _finishSetLastModified();
-}
-
-void HttpServerTransaction::setLink(const Str& value) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _link = value;
-}
-
-void HttpServerTransaction::setAllowedMethods(HttpMethod methods) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _allowedMethods = methods;
-}
-
-void HttpServerTransaction::setRedirect(http_status_code_t status, const Str& url) {
-    ASSERT(status >= 300 && status <= 399);
-    setStatus(status);
-    _redirectUrl = url;
-}
-
-void HttpServerTransaction::setDownloadFilename(const Str& name) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _downloadFilename = name;
-}
-
-AppendStr& HttpServerTransaction::contentsWithoutSettingContentType() {
-    ASSERT(!isInOwnThread());
-    ASSERT(!_alreadyBuiltHeaders);
-    if (_provider == &defaultHttpReplyDataProvider) _provider = &_strProvider;
-    return _astr;
-}
-
-AppendStr& HttpServerTransaction::contents(const HttpContentType* type) {
-    setContentType(type);
-    return contentsWithoutSettingContentType();
-}
-
-void HttpServerTransaction::setContents(const HttpContentType* type, AppendStr&& body) {
-    setContentType(type);
-    _astr.assignDestructive(&body);
-    if (isInOwnThread()) {
-        postFinalResult(_astr);
-    } else {
-        writeAsync(_astr, true);
-    }
-}
-
-void HttpServerTransaction::setNoContents() {
-    ASSERT(!_alreadyBuiltHeaders);
-    ASSERT(_bodyBytesWritten == 0);
-    _contentType = nullptr;
-    _statusCode = 204;
-    _totalScheduledLength = 0;
-    _knowCompleteLength = true;
-    if (_provider == &defaultHttpReplyDataProvider) {
-        _astr.clear();
-        _provider = &_strProvider;
-    } else {
-        _toSend.resize(0);
-        _toSendState = TOSEND_HAS_FINAL_ITEM;
-    }
-}
-
-void HttpServerTransaction::requestCompression(int level) {
-    ASSERT(level <= 9);
-    // A TLS layer that compresses would make this pointless; none does here.
-    _desiredCompressionLevel = level;
-}
-
-void HttpServerTransaction::setReplyDataProviderAndClaim(HttpReplyDataProvider* provider) {
-    ASSERT(!_alreadyBuiltHeaders);
-    if (_claimedProvider != provider) _freeProviders();
-    _claimedProvider = provider;
-    _provider = provider;
-    provider->onAttach(this);
-}
-
-void HttpServerTransaction::setReplyDataProviderDontClaim(HttpReplyDataProvider* provider) {
-    ASSERT(!_alreadyBuiltHeaders);
-    _provider = provider;
-    provider->onAttach(this);
-}
-
-void HttpServerTransaction::setRequestDataAcceptorDontClaim(HttpRequestDataAcceptor* acceptor) {
+void HttpServerTransaction::setRequestDataAcceptorAndClaim(HttpRequestDataAcceptor* acceptor) {
     ASSERT(_bytesReceived == 0);
     ASSERT(!_alreadyBuiltHeaders);
+    if (_claimedAcceptor != acceptor) _freeAcceptors();
+    _claimedAcceptor = acceptor;
     _acceptor = acceptor;
     acceptor->onAttach(this);
 }
 
-void HttpServerTransaction::ignoreRequestData() {
-    if (_100continue == 2) {
-        // The client still waits for "100 Continue": it never gets it, and
-        // the body is not read at all.
-        _100continue = 0;
-        if (_requestTransferEncodingIsChunked) _state = EATING_REQUEST_DATA;
-        _bytesReceived = _totalBytesExpectedOfRequestData = _bytesLeftInRequestDataChunk = 0;
-        return;
-    }
+void HttpServerTransaction::stopParsingRequestData() {
     _acceptor = &doNothingHttpRequestDataAcceptor;
 }
 
-// ---------------------------------------------------------------- writing
+void HttpServerTransaction::setRequestDataSize(file_offset_t size) {
+    _totalBytesExpectedOfRequestData = size;
+    if (!_requestTransferEncodingIsChunked) _bytesLeftInRequestDataChunk = size;
+    _prepareToReceiveRequestData();
+}
 
-void HttpServerTransaction::onlyWriteSizeIs(file_offset_t size) {
-    if (_knowCompleteLength && _totalScheduledLength != size) {
-        http_log.warn(
-            "Handler for %.*s originally reported a content length of %lld but now has "
-            "changed it to %lld",
-            int(url().size()), url().data(), (long long)_totalScheduledLength, (long long)size);
-        if (_alreadyBuiltHeaders) {
-            throw HttpInternalErrorException("Content length changed after the headers were sent");
+void HttpServerTransaction::setRequestDataSizeInfinite() {
+    _receivingRequestDataForever = true;
+    if (!_requestTransferEncodingIsChunked) _isLastTransaction = true;
+    _prepareToReceiveRequestData();
+}
+
+file_offset_t HttpServerTransaction::getRequestDataSize() const {
+    if (_totalBytesExpectedOfRequestData >= 0) return _totalBytesExpectedOfRequestData;
+    return _requestTransferEncodingIsChunked ? -1 : 0;
+}
+
+bool HttpServerTransaction::verifyPutPreconditions(bool exists, const Timeval* mtime,
+                                                   const Str& etag) const {
+    ASSERT(method() == HttpMethod::PUT);
+    return _request.headers.verifyPutPreconditions(exists, mtime, etag);
+}
+
+void HttpServerTransaction::_prepareToReceiveRequestData() {
+    if (_100continue == 1) _100continue = 2;
+    const HttpCompressionAlgorithm encoding = _request.headers.contentEncoding();
+    if (encoding.flags() == 0) return;
+    if (encoding.flags() == HttpCompressionAlgorithm::FLAG_GZIP) {
+        _needToSetupRequestGunzip = true;
+        return;
+    }
+    throw HttpClientException(415);
+}
+
+void HttpServerTransaction::_requestDataTooLarge(file_offset_t size) {
+    _isLastTransaction = true;
+    _bytesLeftInRequestDataChunk = 0;
+    _state = EATING_REQUEST_DATA;
+    if (_maximumRequestDataSize == 0) {
+        throw HttpRequestEntityTooLargeException("Unexpected request data received");
+    }
+    throw HttpRequestEntityTooLargeException(
+        Str::fromFormat("Content-Length of %llu too large (maximum is %llu)",
+                        (unsigned long long)size, (unsigned long long)_maximumRequestDataSize));
+}
+
+void HttpServerTransaction::_checkIfchunkedClientSentTooLittle() {
+    if (_totalBytesExpectedOfRequestData >= 0 &&
+        _totalBytesExpectedOfRequestData != _bytesReceived) {
+        throw HttpChunkedProtocolException(Str::fromFormat(
+            "Chunked protocol error: client claimed it would send %llu bytes, but only sent %llu",
+            (unsigned long long)_totalBytesExpectedOfRequestData,
+            (unsigned long long)_bytesReceived));
+    }
+}
+
+void HttpServerTransaction::_chunkedClientSentTooMuch() {
+    // "send only send" is the wording clients of this server match on.
+    throw HttpChunkedProtocolException(Str::fromFormat(
+        "Chunked protocol error: client claimed it would send only send %llu bytes, but has "
+        "exceeded that",
+        (unsigned long long)_totalBytesExpectedOfRequestData));
+}
+
+bool HttpServerTransaction::eatRequestData(const StrSegment& data, size_t* used) {
+    const size_t n =
+        size_t(std::min<file_offset_t>(_bytesLeftInRequestDataChunk, file_offset_t(data.size())));
+    *used = n;
+    if (_needToSetupRequestGunzip) {
+        ASSERT(_bytesReceived == 0);
+        // A gzip body is refused before its first byte until the gunzip
+        // stage of request bodies is in place.
+        _needToSetupRequestGunzip = false;
+        throw HttpClientException(415, "gzip request bodies are not accepted yet");
+    }
+    const StrSegment piece(data.data(), n);
+    if (_wantSavedRequestData) _savedRequestData.append(piece);
+    if (n != 0) _acceptor->dataAvailable(piece);
+    _bytesLeftInRequestDataChunk -= file_offset_t(n);
+    _bytesReceived += file_offset_t(n);
+    return _bytesLeftInRequestDataChunk == 0;
+}
+
+bool HttpServerTransaction::eatChunkedRequestData(const StrSegment& data, size_t* used) {
+    const char* p = data.begin();
+    const char* const end = data.end();
+    while (p < end) {
+        switch (_state) {
+            case EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET: {
+                const char c = *p;
+                if (c == '\t' || c == '\n' || c == '\r' || c == ' ') {
+                    ++p;
+                    break;
+                }
+                ASSERT(_bytesLeftInRequestDataChunk == 0);
+                _state = EATING_REQUEST_DATA_CHUNKED_LENGTH;
+                break;
+            }
+            case EATING_REQUEST_DATA_CHUNKED_LENGTH:
+            case EATING_REQUEST_DATA_CHUNKED_EXTENSION: {
+                const char c = *p++;
+                if (c == '\n') {
+                    if (_bytesLeftInRequestDataChunk == 0) {
+                        // The last chunk. Trailers are not read; the line
+                        // ends that follow are taken as empty lines before
+                        // the next request.
+                        _checkIfchunkedClientSentTooLittle();
+                        _receivingRequestDataForever = false;
+                        *used = size_t(p - data.begin());
+                        return true;
+                    }
+                    if (_totalBytesExpectedOfRequestData >= 0 &&
+                        _bytesLeftInRequestDataChunk >
+                            _totalBytesExpectedOfRequestData - _bytesReceived) {
+                        _chunkedClientSentTooMuch();
+                    }
+                    if (_bytesLeftInRequestDataChunk > _maximumRequestDataSize - _bytesReceived) {
+                        _requestDataTooLarge(_bytesReceived + _bytesLeftInRequestDataChunk);
+                    }
+                    _state = EATING_REQUEST_DATA_CHUNKED_DATA;
+                    break;
+                }
+                if (_state == EATING_REQUEST_DATA_CHUNKED_EXTENSION) break;
+                if (c == '\t' || c == '\r' || c == ' ') break;
+                if (c == ';') {
+                    _state = EATING_REQUEST_DATA_CHUNKED_EXTENSION;
+                    break;
+                }
+                if (_bytesLeftInRequestDataChunk >= file_offset_t(0x800000000000000)) {
+                    throw HttpChunkedProtocolException(
+                        "Chunked protocol error: chunk length too large");
+                }
+                int digit;
+                if (c >= '0' && c <= '9') {
+                    digit = c - '0';
+                } else if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') {
+                    digit = (c | 0x20) - 'a' + 10;
+                } else {
+                    throw HttpChunkedProtocolException(Str::fromFormat(
+                        "Chunked protocol error: bad hex digit 0x%02X", unsigned(uint8_t(c))));
+                }
+                _bytesLeftInRequestDataChunk = _bytesLeftInRequestDataChunk * 16 + digit;
+                break;
+            }
+            case EATING_REQUEST_DATA_CHUNKED_DATA: {
+                size_t n;
+                const bool chunkDone = eatRequestData(StrSegment(p, size_t(end - p)), &n);
+                p += n;
+                if (chunkDone) _state = EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
+                break;
+            }
+            default:
+                ASSERT(_state >= EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET &&
+                       _state <= EATING_REQUEST_DATA_CHUNKED_DATA);
         }
     }
-    _totalScheduledLength = size;
-    _knowCompleteLength = true;
+    *used = size_t(p - data.begin());
+    return false;
 }
-
-void HttpServerTransaction::writeAsync(const char* data, size_t size, bool last) {
-    ASSERT(!isInOwnThread());
-    ASSERT(size != 0 || last);
-    if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
-        onlyWriteSizeIs(file_offset_t(size));
-    }
-    if (size != 0) _toSend.addReference(data, size);
-    _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    _toSendSafe = false;
-}
-
-void HttpServerTransaction::writeAsync(const AppendStr& data, bool last) {
-    ASSERT(!isInOwnThread());
-    ASSERT(data.size() != 0 || last);
-    if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
-        onlyWriteSizeIs(file_offset_t(data.size()));
-    }
-    if (data.size() != 0) _toSend.addReference(data);
-    _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    if (&data != &_astr) _toSendSafe = false;
-}
-
-void HttpServerTransaction::writeAsync(const SerializedResult& data, bool last) {
-    ASSERT(!isInOwnThread());
-    ASSERT(data.size() != 0 || last);
-    if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
-        onlyWriteSizeIs(file_offset_t(data.size()));
-    }
-    if (data.size() != 0) _toSend.addReference(data);
-    _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    _toSendSafe = false;
-}
-
-void HttpServerTransaction::postFinalResult(const char* data, size_t size) {
-    ASSERT(_toSendState < TOSEND_HAS_FINAL_ITEM);
-    if (_bodyBytesWritten == 0) onlyWriteSizeIs(file_offset_t(size));
-    if (size != 0) _toSend.addReference(data, size);
-    _toSendState = TOSEND_HAS_FINAL_ITEM;
-    _toSendSafe = false;
-}
-
-void HttpServerTransaction::postFinalResult(const AppendStr& data) {
-    ASSERT(_toSendState < TOSEND_HAS_FINAL_ITEM);
-    if (_bodyBytesWritten == 0) onlyWriteSizeIs(file_offset_t(data.size()));
-    if (data.size() != 0) _toSend.addReference(data);
-    _toSendState = TOSEND_HAS_FINAL_ITEM;
-    _toSendSafe = &data == &_astr;
-}
-
-// ---------------------------------------------------------------- errors into replies
-
-void HttpServerTransaction::_prepareErrorFromHttpException(const HttpException& e) {
-    _state = EATING_REQUEST_DATA;
-    _statusCode = e.status();
-    _statusText = e.what_as_str();
-    if (const Str* dest = e.redirectDest()) {
-        _redirectUrl = *dest;
-    } else {
-        _redirectUrl.clear();
-    }
-    _prepareErrorFromAnyException();
-}
-
-void HttpServerTransaction::_prepareErrorFromOtherException(const char* what) {
-    _state = EATING_REQUEST_DATA;
-    _statusCode = 500;
-    size_t n = 0;
-    while (n < 500 && what[n] >= 0x20 && what[n] <= 0x7E) ++n;
-    _statusText.assign(n != 0 ? what : "exception", n != 0 ? n : 9);
-    _prepareErrorFromAnyException();
-    _extraHeaders.clear();
-}
-
-void HttpServerTransaction::_prepareErrorFromAnyException() {
-    _wantsSeparateThread = false;
-    ignoreRequestData();
-    _prepareError();
-}
-
-void HttpServerTransaction::_prepareError() {
-    _astr.clear();
-    _toSend.resize(0);
-    HttpReplyDataProvider* const remembered = _provider;
-    _provider = &_strProvider;
-    _toSendState = TOSEND_VIRGIN;
-    _chunkedState = CHUNKED_NONE;
-    if (_statusCode == 304) return;
-    _totalScheduledLength = 0;
-    _knowCompleteLength = false;
-    _replyContentEncoding = HttpCompressionAlgorithm();
-    _contentType = nullptr;
-    if (_statusCode != 412) {
-        _lastModified.clear();
-        _etagp = nullptr;
-    }
-    try {
-        remembered->getErrorDocument(this, &_astr);
-    } catch (const std::exception& e) {
-        http_log.error("Exception caught while preparing an error document: %s", e.what());
-        _astr.clear();
-    }
-}
-
-bool HttpServerTransaction::safeToReplaceBodyWithError() {
-    if (_alreadyBuiltHeaders) {
-        _isLastTransaction = true;
-        return false;
-    }
-    _lastModified.clear();
-    _etagp = nullptr;
-    _redirectUrl.clear();
-    _toSend.resize(0);
-    _toSendState = TOSEND_VIRGIN;
-    _contentType = nullptr;
-    _replyContentEncoding = HttpCompressionAlgorithm();
-    _knowCompleteLength = false;
-    _totalScheduledLength = 0;
-    return true;
-}
-
-// ---------------------------------------------------------------- the head
 
 namespace {
-constexpr StrSegment kExpiresLongAgo("Expires: Thu, 26 Oct 1978 00:00:00 GMT\r\n");
-
-// "()<>@,;:\\\"/[]?={} \t"
-constexpr CharacterClass kFilenameSeparators("()<>@,;:\\\"/[]?={} \t");
-}  // namespace
-
-void HttpServerTransaction::_appendCacheHeaders(bool forceNoCache, time_t now) {
-    uint32_t bits = _cacheControl;
-    uint32_t maxAge = _maxCacheSeconds;
-    if (forceNoCache) {
-        bits |= CACHE_NO_CACHE | CACHE_MUST_REVALIDATE;
-        maxAge = 0;
-    }
-    if (_maxCacheSeconds == MAX_CACHE_UNSET && bits == 0 && !forceNoCache) return;
-    if (_maxCacheSeconds == 0) {
-        _headerBlock.append(kExpiresLongAgo);
-        bits |= CACHE_NO_STORE | CACHE_NO_CACHE | CACHE_MUST_REVALIDATE;
-    } else if (_maxCacheSeconds != MAX_CACHE_UNSET) {
-        GmtStructTm tm;
-        Str expires("Expires: ");
-        if (_maxCacheSeconds != 31536000 &&
-            Timeval(int64_t(now) + _maxCacheSeconds, 0).gmtime(&tm)) {
-            tm.appendFtime(expires, TimeFormat_RFC1123);
-            expires.append("\r\n", 2);
-        } else {
-            _dateLine->get(now);
-            _dateLine->appendYearAhead(&expires);
-        }
-        _headerBlock.append(expires);
-    }
-    _headerBlock.append("Cache-Control: ", 15);
-    bool first = true;
-    auto item = [&](const char* text) {
-        if (!first) _headerBlock.append(", ", 2);
-        _headerBlock.append(text);
-        first = false;
-    };
-    if (bits & CACHE_NO_STORE) item("no-store");
-    if (bits & CACHE_NO_CACHE) item("no-cache");
-    if (bits & CACHE_MUST_REVALIDATE) item("must-revalidate");
-    if ((bits & CACHE_PUBLIC) && !(bits & (CACHE_NO_CACHE | CACHE_PRIVATE))) item("public");
-    if ((bits & CACHE_PRIVATE) && !(bits & CACHE_NO_CACHE)) item("private");
-    if (maxAge != MAX_CACHE_UNSET) {
-        if (!first) _headerBlock.append(", ", 2);
-        _headerBlock.appendFormat("max-age=%u", maxAge);
-        first = false;
-    }
-    ASSERT(!first);
-    _headerBlock.append("\r\n", 2);
+constexpr CharacterClass kHostChars(
+    "[]:_-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
 }
 
-void HttpServerTransaction::_appendDownloadFilename() {
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(_downloadFilename.data());
-    const size_t n = _downloadFilename.size();
-    bool needQuotes = false, needExtended = false;
-    for (size_t i = 0; i < n; ++i) {
-        const unsigned char c = s[i];
-        if (c == ' ' || c == '/') needQuotes = true;
-        if (c == 0xC0 || c == 0xC1) {
-            if (i + 1 < n && (s[i + 1] & 0xC0) == 0x80) {
-                ++i;  // an overlong two-byte form of an ASCII byte: kept as that byte
-                continue;
-            }
-            needExtended = true;
-            continue;
-        }
-        if (c < 0x20 || c > 0x7E || kFilenameSeparators.contains(c) || c == '%') {
-            needExtended = true;
+StrSegment HttpServerTransaction::requestHost() const {
+    auto it = _request.headers.find(HttpHeader::__qkey_host);
+    if (_request.firstLine._version < HTTPVERSION_1_1) {
+        return it == _request.headers.end() ? StrSegment() : it->value();
+    }
+    if (it == _request.headers.end()) {
+        httplistener_log.info("HTTP Host Header is missing");
+        throw HttpBadRequestException("Host header not provided");
+    }
+    const StrSegment host = it->value();
+    auto next = it;
+    _request.headers.getNextWithKey(&next);
+    if (next != _request.headers.end()) {
+        httplistener_log.info("HTTP request message contains more than one Host header");
+        throw HttpBadRequestException("Request message contains more than one Host header");
+    }
+    for (char c : host) {
+        if (!kHostChars.contains(c)) {
+            httplistener_log.info("HTTP Host Header contains invalid char, host = %.*s",
+                                  int(host.size()), host.data());
+            throw HttpBadRequestException("Host header contains invalid characters");
         }
     }
-    _headerBlock.append("Content-Disposition: Attachment; filename=");
-    if (needQuotes) _headerBlock.push_back('"');
-    for (size_t i = 0; i < n; ++i) {
-        unsigned char c = s[i];
-        if ((c == 0xC0 || c == 0xC1) && i + 1 < n && (s[i + 1] & 0xC0) == 0x80) {
-            c = static_cast<unsigned char>((c << 6) | (s[i + 1] & 0x3F) | 0x80);
-            ++i;
-        }
-        if (c == '\\') {
-            _headerBlock.push_back('/');
-        } else if (c >= 0x20 && c <= 0x7E && !kFilenameSeparators.contains(c) && c != '%') {
-            _headerBlock.push_back(char(c));
-        }
-    }
-    if (needQuotes) _headerBlock.push_back('"');
-    if (needExtended) {
-        static const char hex[] = "0123456789abcdef";
-        _headerBlock.append("; filename*=UTF-8''");
-        for (size_t i = 0; i < n; ++i) {
-            const unsigned char c = s[i];
-            if (c >= 0x21 && c <= 0x7E && !kFilenameSeparators.contains(c) && c != '%') {
-                _headerBlock.push_back(char(c));
-            } else {
-                const char esc[3] = {'%', hex[c >> 4], hex[c & 15]};
-                _headerBlock.append(esc, 3);
-            }
-        }
-    }
-    _headerBlock.append("\r\n", 2);
+    return host;
 }
 
-bool HttpServerTransaction::_internal_prepareReplyHeaders() {
-    ASSERT(_statusCode <= 599);
-    // 1. An error with nothing to send gets its document.
-    if (_statusCode >= 300 && _totalScheduledLength == 0 && !_willSendDataLater) {
-        _prepareError();
-        _toSend.addReference(_astr);
-        onlyWriteSizeIs(file_offset_t(_astr.size()));
-        _toSendSafe = true;
-        _toSendState = TOSEND_HAS_FINAL_ITEM;
+bool HttpServerTransaction::_checkHttpPreconditions() {
+    if (_preconditionState == 200) {
+        ASSERT(method() != HttpMethod::PUT);
+        return true;
     }
-    // 2.
-    const HttpMethod m = method();
-    _needToSendBody =
-        !(_statusCode == 204 || _statusCode == 304 || (_statusCode >= 100 && _statusCode <= 199)) &&
-        m != HttpMethod::HEAD;
-    // 3. HTTP/0.9 gets the body alone.
-    if (_request.firstLine._version == HTTPVERSION_0_9) {
-        ASSERT(m == HttpMethod::GET);
-        _isLastTransaction = true;
-        return false;
+    if (_preconditionState == 0) {
+        if (method() == HttpMethod::OPTIONS || method() == HttpMethod::PUT) return true;
+        _preconditionState = _request.headers.checkPreconditions(_lastModified, _etagp);
+        if (_preconditionState == 200) return true;
+    }
+    // An error a handler chose stands.
+    if (_statusCode < 200 || _statusCode > 299) return true;
+    _statusCode = _preconditionState;
+    _statusText.clear();
+    if (_preconditionState == 304) {
+        _needToSendBody = false;
+        return true;
+    }
+    _totalScheduledLength = 0;
+    _knowCompleteLength = false;
+    _replyContentEncoding = HttpCompressionAlgorithm();
+    _contentType = nullptr;
+    return false;
+}
+
+void HttpServerTransaction::updateStateAfterHeadersSent() {
+    if (!_needToSendBody) {
+        _state = SEND_EOF_MARKER;
+    } else if (_toSendState < TOSEND_HAS_FINAL_ITEM) {
+        _state = NEED_REPLY_DATA;
+    } else {
+        _state = SENDING_REPLY_DATA;
+    }
+}
+
+// ---------------------------------------------------------------- HttpTcpConnection
+
+HttpTcpConnection::HttpTcpConnection(HttpListener* listener, const IPv46SocketAddress& peer)
+    : _listener(listener), _peer(peer), _transaction(listener->allocateTransaction(this)) {
+    _transaction->_connection = this;
+    _transaction->_setConnectionParts(&cached_date_header, &listener->replyTail(),
+                                      listener->crossSitePolicy());
+}
+
+HttpTcpConnection::~HttpTcpConnection() = default;
+bool HttpTcpConnection::trustHttp11(const HttpServerRequest&) const { return true; }
+void HttpTcpConnection::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    crashlog_write(h, "HttpTcpConnection");
+}
+
+const Str& HttpTcpConnection::peerText() {
+    if (_peerText.empty()) append_stringified(&_peerText, _peer);
+    return _peerText;
+}
+
+// ---------------------------------------------------------------- HttpListener
+
+HttpListener::HttpListener(SslServerContext* ssl) : _ssl(ssl) {}
+HttpListener::~HttpListener() = default;
+
+void HttpListener::dispatchGlobalOptionsRequest(HttpServerTransaction*) {}
+void HttpListener::log(HttpServerTransaction*) {}
+
+HttpTcpConnection* HttpListener::newConnection(HttpListener* listener,
+                                               const IPv46SocketAddress& peer) {
+    return new HttpTcpConnection(listener, peer);
+}
+
+HttpServerTransaction* HttpListener::allocateTransaction(HttpTcpConnection*) {
+    return new HttpServerTransaction;
+}
+
+Interval HttpListener::initialRequestTimeout() { return ms(40000); }
+Interval HttpListener::sslHandshakeTimeout() const { return ms(60000); }
+Interval HttpListener::keepaliveIdleTimeout(bool wellBelow) {
+    return wellBelow ? ms(7200000) : ms(12000);
+}
+void HttpListener::keepAliveConnectionWasIdleTooLong(const IPv46SocketAddress& peer, bool) {
+    Str text;
+    append_stringified(&text, peer);
+    httplistener_log.debug("Peer %s idle too long, disconnecting", text.c_str());
+}
+Interval HttpListener::ioTimeout() { return ms(300000); }
+
+std::unique_ptr<TcpChannel> HttpListener::factory(PollableDescriptor fd,
+                                                  const IPv46SocketAddress& peer) {
+    try {
+        std::unique_ptr<HttpTcpConnection> conn(newConnection(this, peer));
+        if (conn == nullptr) return nullptr;  // refused quietly
+        conn->transaction().clear();
+        conn->_desiredCompressionLevel = conn->transaction()._desiredCompressionLevel;
+        fd.setNoDelay(true);  // a failure only costs latency
+        return std::make_unique<HttpListeningConnection>(this, std::move(conn));
+    } catch (const std::exception& e) {
+        Str text;
+        append_stringified(&text, peer);
+        httplistener_log.error("Couldn't create an HTTP connection for %s: %s", text.c_str(),
+                               e.what());
+        return nullptr;
+    }
+}
+
+bool HttpListener::limitActiveConnections(unsigned count, bool) {
+    const unsigned max = _maxActiveConnections;
+    if (count >= max) {
+        if (!_throttling) httplistener_log.warn("%u HTTP connections active, throttling", count);
+        _throttling = true;
+        _wellBelowConnectionLimit.store(false);
+        return true;
+    }
+    if (_throttling && max > 20 && count >= max - 10) {
+        // Accepting resumes only ten below the limit.
+        _wellBelowConnectionLimit.store(false);
+        return true;
+    }
+    if (_throttling) {
+        httplistener_log.info("HTTP active connections down to %u, unthrottling", count);
+        _throttling = false;
+    }
+    if (max < 60) {
+        _wellBelowConnectionLimit.store(false);
+    } else {
+        _wellBelowConnectionLimit.store(count < (max <= 320 ? max / 8 : 40));
+    }
+    return false;
+}
+
+void HttpListener::setServerName(const Str& name) {
+    setServerName(name, std::map<Str, Str>(), true, false, false, false);
+}
+
+void HttpListener::setServerName(const Str& name, const std::map<Str, Str>& headers,
+                                 bool frameOptions, bool hsts, bool includeSubDomains,
+                                 bool preload) {
+    _tail.set(name, headers, frameOptions, hsts, includeSubDomains, preload);
+}
+
+void HttpListener::setMaxConnections(unsigned max) {
+    _maxActiveConnections = max;
+    if (max < 60) _wellBelowConnectionLimit.store(false);
+}
+
+// ---------------------------------------------------------------- HttpListeningConnection
+
+HttpListeningConnection::HttpListeningConnection(HttpListener* listener,
+                                                 std::unique_ptr<HttpTcpConnection> connection)
+    : _listener(listener), _conn(std::move(connection)) {}
+
+HttpListeningConnection::~HttpListeningConnection() = default;
+
+Interval HttpListeningConnection::initialReadTimeout() {
+    return _listener->initialRequestTimeout();
+}
+Interval HttpListeningConnection::initialWriteTimeout() { return _listener->ioTimeout(); }
+Interval HttpListeningConnection::sslHandshakeTimeout() const {
+    return _listener->sslHandshakeTimeout();
+}
+
+bool HttpListeningConnection::wantGracefulShutdown() {
+    return _conn->_keepalive || TcpChannel::wantGracefulShutdown();
+}
+
+void HttpListeningConnection::dataAvailable(TcpAsyncDataBuffer& data) {
+    if (!_transactionActive) {
+        if (data._rbuf.empty()) return;
+        _transactionActive = _haveHadTransaction = true;
+        setTimeouts(_listener->ioTimeout(), _listener->ioTimeout());
+    }
+    _proceed(data);
+}
+
+void HttpListeningConnection::_proceed(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    try {
+        _run(data);
+    } catch (const HttpException& e) {
+        if (t._alreadyBuiltHeaders) {
+            httplistener_log.error(
+                "Handler for %.*s threw an HTTP exception after reply headers "
+                "had already been sent!  %u %s",
+                int(t.url().size()), t.url().data(), e.status(), e.what());
+            data.kill();
+            return;
+        }
+        if (e.status() > 499 ||
+            t._state >= HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET) {
+            // A chunked body whose framing failed, or a server error: what
+            // follows can't be trusted to be read to its end.
+            t._bytesLeftInRequestDataChunk = 0;
+            t._isLastTransaction = true;
+        }
+        t._prepareErrorFromHttpException(e);
+        try {
+            _run(data);
+        } catch (const HttpException& again) {
+            httplistener_log.error("Handler for %.*s threw an HTTP exception recursively!  %u %s",
+                                   int(t.url().size()), t.url().data(), again.status(),
+                                   again.what());
+            data.kill();
+        } catch (const std::exception& other) {
+            httplistener_log.error("Exception while processing request from %s for %.*s: %s",
+                                   _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+                                   other.what());
+            data.kill();
+        }
+    } catch (const std::exception& e) {
+        httplistener_log.error("Exception while processing request from %s for %.*s: %s",
+                               _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+                               e.what());
+        t._isLastTransaction = true;
+        if (t._alreadyBuiltHeaders) {
+            data.kill();
+            return;
+        }
+        t._prepareErrorFromOtherException(e.what());
+        try {
+            _run(data);
+        } catch (...) {
+            data.kill();
+        }
+    } catch (...) {
+        httplistener_log.error("Caught unknown exception!");
+        data.kill();
+    }
+}
+
+void HttpListeningConnection::_run(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    for (;;) {
+        if (data.hasWriteData()) return;  // on its way: asyncWriteComplete continues
+        switch (t._state) {
+            case HttpServerTransaction::READING_REQUEST_HEAD:
+                t._state = HttpServerTransaction::EATING_REQUEST_DATA;
+                t._bytesLeftInRequestDataChunk = 0;
+                try {
+                    if (!t._parser.parse(data, &t._request)) {
+                        t._state = HttpServerTransaction::READING_REQUEST_HEAD;
+                        return;
+                    }
+                } catch (const HttpException&) {
+                    t._isLastTransaction = true;  // the stream's framing is lost
+                    throw;
+                }
+                _startRequest(data);
+                if (data.hasWriteData()) return;
+                break;
+            case HttpServerTransaction::EATING_REQUEST_DATA:
+            case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
+            case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_LENGTH:
+            case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_EXTENSION:
+            case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_DATA:
+            case HttpServerTransaction::EATING_REQUEST_DATA_FOREVER:
+                if (!_readBody(data)) return;
+                _startReply(data);
+                if (data.hasWriteData()) return;
+                break;
+            case HttpServerTransaction::NEED_REPLY_DATA:
+                if (!t._toSendIsSet() && t._toSend.empty()) {
+                    ASSERT(t.method() != HttpMethod::HEAD);
+                    t._provider->getBody(&t);
+                }
+                if (t._toSend.empty() &&
+                    t._toSendState == HttpServerTransaction::TOSEND_HAS_FINAL_ITEM) {
+                    t._state = HttpServerTransaction::SEND_EOF_MARKER;
+                } else {
+                    t._state = HttpServerTransaction::SENDING_REPLY_DATA;
+                }
+                break;
+            case HttpServerTransaction::SENDING_REPLY_DATA:
+                _queueBody(data);
+                return;
+            case HttpServerTransaction::SEND_EOF_MARKER:
+                if (t._chunkedState == HttpServerTransaction::CHUNKED_NONE || !t._needToSendBody) {
+                    t._state = HttpServerTransaction::END_OF_TRANSACTION;
+                    break;
+                }
+                data.writeBuffer().addReference(
+                    t._chunkedState == HttpServerTransaction::CHUNKED_MIDDLE
+                        ? kEndMarkerAfterChunk
+                        : kEndMarkerAfterChunk + 2,
+                    t._chunkedState == HttpServerTransaction::CHUNKED_MIDDLE
+                        ? sizeof(kEndMarkerAfterChunk) - 1
+                        : sizeof(kEndMarkerAfterChunk) - 3);
+                t._chunkedState = HttpServerTransaction::CHUNKED_NONE;
+                t._state = HttpServerTransaction::END_OF_TRANSACTION;
+                data.startAsyncWrite();
+                return;
+            case HttpServerTransaction::END_OF_TRANSACTION:
+                _endTransaction(data);
+                if (!_transactionActive) return;
+                break;
+            case HttpServerTransaction::SENDING_REPLY_HEADERS:
+            case HttpServerTransaction::SENT_100_CONTINUE:
+                return;  // waiting for the write to complete
+        }
+    }
+}
+
+void HttpListeningConnection::_startRequest(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    HttpServerRequest& r = t._request;
+    // 3.
+    const int expects = r.headers.expects();
+    if (expects == 1) {
+        if (r.firstLine._version >= HTTPVERSION_1_1) t._100continue = 1;
+    } else if (expects != 0) {
+        throw HttpClientException(417);
     }
     // 4.
-    if (!_request.supportsKeepalive()) _isLastTransaction = true;
-
-    // 5. The status line: only its digits change from one reply to the next.
-    _headerBlock.clear();
-    if (_statusCode != _statusLineCode) {
-        _statusLine[9] = char('0' + _statusCode / 100);
-        _statusLine[10] = char('0' + _statusCode / 10 % 10);
-        _statusLine[11] = char('0' + _statusCode % 10);
-        _statusLineCode = _statusCode;
-    }
-    _headerBlock.append(_statusLine, sizeof(_statusLine));
-    if (_statusText.empty()) {
-        _headerBlock.append(http_status_text(_statusCode));
-    } else {
-        _headerBlock.appendDroppingControlCharacters(_statusText.data(), _statusText.size());
-    }
-    _headerBlock.append("\r\n", 2);
-
-    // 6. A tag made from a file's stat within the last two seconds may not
-    // yet name the file's final state: it goes out weak.
-    const time_t now = time(nullptr);
-    bool forceNoCache = false;
-    if (_etagp != nullptr && _etagp->valid()) {
-        if (!_etagp->fromStat() || !_lastModified.valid() ||
-            int64_t(now) - 2 > _lastModified.time().sec()) {
-            _etagp->render(&_headerBlock);
-            forceNoCache = _request.headers.userAgent()._e == HttpUserAgent::USER_AGENT_IE;
-        } else {
-            _etagp->renderForceWeak(&_headerBlock);
+    _conn->_keepalive = r.supportsKeepalive();
+    // 5.
+    if (const HttpHeader* h = r.headers.get(HttpHeader::__qkey_content_length)) {
+        long long length;
+        const StrSegment v = h->value();
+        if (!mem_tryToLongLong(v.data(), v.size(), &length) || length < 0) {
+            t._totalBytesExpectedOfRequestData = t._bytesLeftInRequestDataChunk = 0;
+            if (r.firstLine._version == HTTPVERSION_1_1 && !_conn->trustHttp11(r)) {
+                r.firstLine._version = HTTPVERSION_1_0;
+                t._isLastTransaction = true;
+            }
+            throw HttpRequestEntityTooLargeException("Invalid Content-Length");
         }
+        t._totalBytesExpectedOfRequestData = t._bytesLeftInRequestDataChunk = length;
+        t._prepareToReceiveRequestData();
+    }
+    // 6.
+    const int te = r.headers.transferEncoding();
+    if (te == 2) throw HttpNotImplementedException("Unknown Transfer-Encoding");
+    if (te == 1) {
+        t._requestTransferEncodingIsChunked = true;
+        t._state = HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
+        t._bytesLeftInRequestDataChunk = 0;
+        t._prepareToReceiveRequestData();
     }
     // 7.
-    _headerBlock.append(_dateLine->get(now));
-    // 8, 9.
-    _appendCacheHeaders(forceNoCache, now);
-
-    if (_statusCode == 304) {
-        // 10.
-        _extraHeaders.stripHeadersFor304NotModified();
-    } else {
-        if (m == HttpMethod::OPTIONS) {
-            // 11.
-            _knowCompleteLength = true;
-            _provider = &nullHttpReplyDataProvider;
-            if (_contentType == nullptr) _contentType = &HttpContentType::TYPE_PLAINTEXT;
-            if (_statusCode == 200) {
-                _headerBlock.append("Allow: ", 7);
-                _allowedMethods.appendSetTo(&_headerBlock);
-                _headerBlock.append("\r\n", 2);
-            }
-            _headerBlock.append(_contentType->line());
+    if (r.firstLine._version == HTTPVERSION_1_1 && !_conn->trustHttp11(r)) {
+        r.firstLine._version = HTTPVERSION_1_0;
+        t._isLastTransaction = true;
+    }
+    // 8.
+    if (t.method() == HttpMethod::OPTIONS) {
+        t._allowedMethods =
+            HttpMethod(HttpMethod::GET | HttpMethod::POST | HttpMethod::HEAD | HttpMethod::OPTIONS);
+        t._provider = &nullHttpReplyDataProvider;
+        const StrSegment url = t.url();
+        if (url.size() == 1 && url[0] == '*') {
+            _listener->dispatchGlobalOptionsRequest(&t);
+        } else if (!url.empty() && url[0] == '/') {
+            _listener->dispatch(&t);
         } else {
-            // 12.
-            if (_statusCode == 405) {
-                if ((_allowedMethods & m) != 0) {
-                    http_log.warn(
-                        "Returning a 405 error from URL \"%.*s\" but was not given the "
-                        "list of valid methods, so cannot send Allow: header",
-                        int(url().size()), url().data());
-                } else {
-                    _headerBlock.append("Allow: ", 7);
-                    _allowedMethods.appendSetTo(&_headerBlock);
-                    _headerBlock.append("\r\n", 2);
+            throw HttpBadRequestException("Bad OPTIONS target");
+        }
+        if (t._acceptor == &t._postArguments) t._acceptor = &doNothingHttpRequestDataAcceptor;
+    } else {
+        _listener->dispatch(&t);
+    }
+    // 9.
+    try {
+        t.requestHost();
+    } catch (const HttpException&) {
+        t._isLastTransaction = true;
+        throw;
+    }
+    // 10.
+    if (t._totalBytesExpectedOfRequestData > t._maximumRequestDataSize) {
+        t._requestDataTooLarge(t._totalBytesExpectedOfRequestData);
+    }
+    // 11.
+    if (t._receivingRequestDataForever && !t._requestTransferEncodingIsChunked) {
+        t._state = HttpServerTransaction::EATING_REQUEST_DATA_FOREVER;
+    }
+    // 12.
+    if (t._statusCode > 299) t.ignoreRequestData();
+    // 13. The interim reply goes out only if the handler left the request standing.
+    if (t._100continue == 2) {
+        data.writeBuffer().addReference(kContinue, sizeof(kContinue) - 1);
+        t._state = HttpServerTransaction::SENT_100_CONTINUE;
+        t._100continue = 3;
+        data.startAsyncWrite();
+    }
+}
+
+bool HttpListeningConnection::_readBody(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    struct iovec v[2];
+    switch (t._state) {
+        case HttpServerTransaction::EATING_REQUEST_DATA:
+            while (t._bytesLeftInRequestDataChunk > 0) {
+                if (data._rbuf.dataSegments(v) == 0) return false;
+                size_t used;
+                const bool done = t.eatRequestData(
+                    StrSegment(static_cast<const char*>(v[0].iov_base), v[0].iov_len), &used);
+                data.consume(used);
+                if (done) break;
+            }
+            return true;
+        case HttpServerTransaction::EATING_REQUEST_DATA_FOREVER:
+            t._needToSendBody = false;
+            while (data._rbuf.dataSegments(v) != 0) {
+                if (file_offset_t(v[0].iov_len) > t._maximumRequestDataSize - t._bytesReceived) {
+                    t._requestDataTooLarge(t._bytesReceived + file_offset_t(v[0].iov_len));
+                }
+                if (t._wantSavedRequestData) {
+                    t._savedRequestData.append(static_cast<const char*>(v[0].iov_base),
+                                               v[0].iov_len);
+                }
+                t._acceptor->dataAvailable(
+                    StrSegment(static_cast<const char*>(v[0].iov_base), v[0].iov_len));
+                t._bytesReceived += file_offset_t(v[0].iov_len);
+                data.consume(v[0].iov_len);
+            }
+            return false;  // ends only with the connection
+        default:
+            for (;;) {
+                if (data._rbuf.dataSegments(v) == 0) return false;
+                size_t used;
+                const bool done = t.eatChunkedRequestData(
+                    StrSegment(static_cast<const char*>(v[0].iov_base), v[0].iov_len), &used);
+                data.consume(used);
+                if (done) {
+                    t._state = HttpServerTransaction::EATING_REQUEST_DATA;
+                    return true;
                 }
             }
-            if (_contentType != nullptr) _headerBlock.append(_contentType->line());
-        }
-        // 13, 14.
-        if (_lastModified.valid()) _headerBlock.append(_lastModified.line());
-        if (!_link.empty()) _headerBlock.append("Link: ", 6).append(_link).append("\r\n", 2);
-        // 15.
-        if (_knowCompleteLength) {
-            _headerBlock.append("Content-Length: ", 16);
-            _headerBlock.append_int64(_totalScheduledLength);
-            _headerBlock.append("\r\n", 2);
-        } else if (_needToSendBody && !_isLastTransaction) {
-            if (_request.firstLine._version >= HTTPVERSION_1_1) {
-                _headerBlock.append("Transfer-Encoding: chunked\r\n");
-                _chunkedState = CHUNKED_STARTING;
-            } else {
-                _isLastTransaction = true;  // the body ends with the connection
-            }
-        }
-        // 16.
-        if (_replyContentEncoding.flags() != 0) {
-            _replyContentEncoding._appendContentEncodingHeaderTo(&_headerBlock);
-            _varyBy.add("Accept-Encoding");
-        }
-        // 17.
-        if (!_redirectUrl.empty()) {
-            _headerBlock.append("Location: ", 10);
-            _headerBlock.appendDroppingControlCharacters(_redirectUrl.data(), _redirectUrl.size());
-            _headerBlock.append("\r\n", 2);
-        }
-        if (!_downloadFilename.empty()) _appendDownloadFilename();
     }
+}
 
-    // 18. Cross-origin.
-    const HttpHeader* origin = _request.headers.get(HttpHeader::__qkey_origin);
-    if (origin != nullptr && _crossSitePolicy->allowFor(this)) {
-        _headerBlock.append("Access-Control-Allow-Origin: ");
-        if (_varyBy._bitmask & 64) {  // varies by Origin: name it
-            _headerBlock.append(origin->value());
+void HttpListeningConnection::_startReply(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    // 19.
+    t._acceptor->dataFinished();
+    if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
+    t._chunkedState = HttpServerTransaction::CHUNKED_NONE;
+    t._provider->getPreBody(&t);
+    // 20.
+    t._state = HttpServerTransaction::SENDING_REPLY_HEADERS;
+    t._checkHttpPreconditions();
+    const bool head = t._internal_prepareReplyHeaders();
+    t._alreadyBuiltHeaders = true;
+    if (!head) {
+        t.updateStateAfterHeadersSent();
+    } else {
+        data.writeBuffer().addReference(t._headerBlock);
+    }
+    // 22. A body due and ready goes out with the head.
+    if (t._toSendIsSet() && t._needToSendBody && !t._toSend.empty()) {
+        if (head) t.updateStateAfterHeadersSent();
+        _queueBody(data);
+        return;
+    }
+    if (head) data.startAsyncWrite();
+}
+
+void HttpListeningConnection::_queueBody(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    const bool final = t._toSendState == HttpServerTransaction::TOSEND_HAS_FINAL_ITEM;
+    if (!t._toSend.empty() && t._needToSendBody) {
+        t._bodyBytesWritten += file_offset_t(t._toSend.size());
+        if (t._chunkedState != HttpServerTransaction::CHUNKED_NONE) {
+            t._chunkLine.fill(t._toSend.size(),
+                              t._chunkedState == HttpServerTransaction::CHUNKED_MIDDLE);
+            t._chunkedState = HttpServerTransaction::CHUNKED_MIDDLE;
+            data.writeBuffer().addReference(t._chunkLine.seg().data(), t._chunkLine.seg().size());
+        }
+        data.writeBuffer().addReference(t._toSend);
+    }
+    t._state = HttpServerTransaction::SENDING_REPLY_DATA;
+    if (final) {
+        t._state = HttpServerTransaction::SEND_EOF_MARKER;
+        if (t._chunkedState != HttpServerTransaction::CHUNKED_NONE && t._needToSendBody) {
+            const bool middle = t._chunkedState == HttpServerTransaction::CHUNKED_MIDDLE;
+            data.writeBuffer().addReference(
+                middle ? kEndMarkerAfterChunk : kEndMarkerAfterChunk + 2,
+                middle ? sizeof(kEndMarkerAfterChunk) - 1 : sizeof(kEndMarkerAfterChunk) - 3);
+            t._chunkedState = HttpServerTransaction::CHUNKED_NONE;
+        }
+    }
+    if (data.writeBuffer().empty()) {
+        // Nothing to write (an empty final item): carry on without a write.
+        if (t._state == HttpServerTransaction::SENDING_REPLY_DATA) {
+            t._toSendState = HttpServerTransaction::TOSEND_UNSET;
+            t._state = HttpServerTransaction::NEED_REPLY_DATA;
         } else {
-            _headerBlock.push_back('*');
+            t._state = HttpServerTransaction::END_OF_TRANSACTION;
         }
-        _headerBlock.append("\r\nAccess-Control-Allow-Credentials: true");
-        if (_request.headers.has(HttpHeader::__qkey_access_control_request_headers)) {
-            _headerBlock.append("\r\nAccess-Control-Allow-Headers:Authorization");
-            const Str more = _crossSitePolicy->allowedHeaders();
-            if (!more.empty()) _headerBlock.push_back(','), _headerBlock.append(more);
-        }
-        _headerBlock.append("\r\nAccess-Control-Allow-Methods: ");
-        _allowedMethods.appendSetTo(&_headerBlock);
-        _headerBlock.append("\r\n", 2);
+        _run(data);
+        return;
     }
-    // 19, 20, 21, 22.
-    if (!_varyBy.empty()) {
-        _headerBlock.append("Vary: ", 6);
-        _varyBy.appendTo(&_headerBlock);
-        _headerBlock.append("\r\n", 2);
+    data.startAsyncWrite();
+}
+
+bool HttpListeningConnection::asyncWriteComplete() {
+    HttpServerTransaction& t = _conn->transaction();
+    t._toSend.resize(0);
+    t._toSendSafe = true;
+    if (_failed) return false;  // the channel is ending
+    switch (t._state) {
+        case HttpServerTransaction::SENDING_REPLY_DATA:
+            ASSERT(t._toSendState != HttpServerTransaction::TOSEND_UNSET);
+            t._toSendState = HttpServerTransaction::TOSEND_UNSET;
+            t._state = HttpServerTransaction::NEED_REPLY_DATA;
+            break;
+        case HttpServerTransaction::SEND_EOF_MARKER:
+            // The head and the whole body went in one write.
+            t._state = t._chunkedState == HttpServerTransaction::CHUNKED_NONE
+                           ? HttpServerTransaction::END_OF_TRANSACTION
+                           : HttpServerTransaction::SEND_EOF_MARKER;
+            break;
+        case HttpServerTransaction::SENDING_REPLY_HEADERS:
+            t.updateStateAfterHeadersSent();
+            break;
+        case HttpServerTransaction::SENT_100_CONTINUE:
+            t._state = t._requestTransferEncodingIsChunked
+                           ? HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET
+                       : t._receivingRequestDataForever
+                           ? HttpServerTransaction::EATING_REQUEST_DATA_FOREVER
+                           : HttpServerTransaction::EATING_REQUEST_DATA;
+            break;
+        case HttpServerTransaction::END_OF_TRANSACTION:
+            break;
+        default:
+            ASSERT(t._state == HttpServerTransaction::SENDING_REPLY_DATA);
     }
-    _headerBlock.append(_isLastTransaction ? StrSegment("Connection: Close\r\n")
-                                           : StrSegment("Connection: Keep-Alive\r\n"));
-    _extraHeaders.appendTo(&_headerBlock);
-    _headerBlock.append(_dontIncludeFrameOptions ? _replyTail->withoutFrameOptions()
-                                                 : _replyTail->full());
+    // The exchange goes on without waiting for input: the channel calls
+    // dataAvailable only when some has come.
+    if (_transactionActive) _proceed(_data);
     return true;
+}
+
+void HttpListeningConnection::_endTransaction(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    if (t._shouldLog) {
+        if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
+        if (!t._needToSendBody) t._bodyBytesWritten = 0;
+        _listener->log(&t);
+    }
+    const StrSegment url = t.url();
+    if (t._knowCompleteLength && t._needToSendBody &&
+        t._bodyBytesWritten != t._totalScheduledLength) {
+        httplistener_log.error(
+            "Handler for %.*s sent a %lld byte response after earlier claiming "
+            "a Content-Length of %lld!",
+            int(url.size()), url.data(), (long long)t._bodyBytesWritten,
+            (long long)t._totalScheduledLength);
+        t._isLastTransaction = true;
+    }
+    if (t._bodyBytesWritten != 0 && (t._statusCode == 204 || t._statusCode == 304)) {
+        httplistener_log.error(
+            "Handler for %.*s erroneously replied with a %lld byte response "
+            "with a %u status code (which implies an empty response)",
+            int(url.size()), url.data(), (long long)t._bodyBytesWritten, t._statusCode);
+        t._isLastTransaction = true;
+    }
+    _transactionActive = false;
+    if (t._isLastTransaction) {
+        data.kill();
+        return;
+    }
+    setTimeouts(_listener->keepaliveIdleTimeout(_listener->wellBelowConnectionLimit()),
+                _listener->ioTimeout());
+    t.clear();
+    if (!data._rbuf.empty()) {  // a pipelined request: at once
+        _transactionActive = true;
+        setTimeouts(_listener->ioTimeout(), _listener->ioTimeout());
+    }
+}
+
+bool HttpListeningConnection::_notifyProviders(const SocketError& err) {
+    HttpServerTransaction& t = _conn->transaction();
+    switch (t._state) {
+        case HttpServerTransaction::READING_REQUEST_HEAD:
+            return false;
+        case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
+        case HttpServerTransaction::EATING_REQUEST_DATA_FOREVER:
+            if (t._receivingRequestDataForever && isPeerHangUp(err)) {
+                // The normal end of an unbounded body.
+                t._acceptor->dataFinished();
+                if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
+                t._provider->getPreBody(&t);
+                t._bodyBytesWritten = 0;
+                if (t._shouldLog) _listener->log(&t);
+                return true;
+            }
+            [[fallthrough]];
+        case HttpServerTransaction::EATING_REQUEST_DATA:
+        case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_LENGTH:
+        case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_EXTENSION:
+        case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_DATA:
+            return t._acceptor->errorHappened(err) || t._provider->errorHappened(err);
+        default:
+            return t._provider->errorHappened(err);
+    }
+}
+
+void HttpListeningConnection::errorHappened(const SocketError& err) {
+    HttpServerTransaction& t = _conn->transaction();
+    _failed = true;
+    const bool hangUp = isPeerHangUp(err);
+    if (hangUp && (t._expectDisconnect || t._provider->expectDisconnect())) return;
+    if (_alreadyLoggedTimeout || err.isTimeout()) return;
+    if (_notifyProviders(err)) return;
+    Str text;
+    append_stringified(&text, err);
+    if (_transactionActive) {
+        const StrSegment url = t.url();
+        if (url.empty()) {
+            httplistener_log.warn("Socket error from %s: %s", _conn->peerText().c_str(),
+                                  text.c_str());
+        } else {
+            httplistener_log.warn("Socket error from %s while accessing %.*s: %s",
+                                  _conn->peerText().c_str(), int(url.size()), url.data(),
+                                  text.c_str());
+        }
+    } else if (hangUp) {
+        if (!_haveHadTransaction) {
+            httplistener_log.debug("Connection from %s didn't send us any data",
+                                   _conn->peerText().c_str());
+        }
+    } else {
+        httplistener_log.warn("Socket error from %s while idling: %s", _conn->peerText().c_str(),
+                              text.c_str());
+    }
+}
+
+Interval HttpListeningConnection::asyncTimeoutExpired() {
+    HttpServerTransaction& t = _conn->transaction();
+    const bool reading = !_transactionActive || t._isInAsyncReadingState();
+    const SocketError err = reading ? socketErrorReadTimeout : socketErrorWriteTimeout;
+    if (!_notifyProviders(err)) {
+        if (_haveHadTransaction && !_transactionActive) {
+            _listener->keepAliveConnectionWasIdleTooLong(_conn->peer(),
+                                                         _listener->wellBelowConnectionLimit());
+        } else if (_transactionActive) {
+            Str text;
+            append_stringified(&text, err);
+            httplistener_log.warn("%s communicating with %s, disconnecting", text.c_str(),
+                                  _conn->peerText().c_str());
+        } else {
+            httplistener_log.warn("Connection from %s didn't send us any data, disconnecting",
+                                  _conn->peerText().c_str());
+        }
+    }
+    _alreadyLoggedTimeout = true;
+    return Interval(0);
 }

@@ -5,22 +5,33 @@
 // built byte for byte, cache, cross-origin and download headers, error
 // documents, how exceptions become replies, the providers that produce
 // bodies and the asynchronous write operations.
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <map>
+#include <memory>
 
 #include "util/AppendStr.h"
+#include "util/HttpArguments.h"
 #include "util/HttpContentType.h"
 #include "util/HttpException.h"
 #include "util/HttpHeaders.h"
 #include "util/SerializedResult.h"
 #include "util/Str.h"
+#include "util/TcpChannel.h"
 #include "util/Timeval.h"
 
 class CrashLogWriteHandler;
+class HttpListener;
 class HttpServerTransaction;
+class HttpTcpConnection;
+class Logger;
 class SocketError;
+class SslServerContext;
 class TcpSyncDataBuffer;
+
+// The "HttpListener" log channel.
+extern Logger httplistener_log;
 
 typedef int64_t file_offset_t;
 
@@ -70,6 +81,24 @@ public:
 };
 // Reads a body and throws it away.
 extern HttpRequestDataAcceptor doNothingHttpRequestDataAcceptor;
+
+// Parses a URL-encoded body (a form) into arguments.
+class PostArgumentsAcceptor : public HttpRequestDataAcceptor {
+public:
+    PostArgumentsAcceptor() : _parser(&_arguments) {}
+    void dataAvailable(const StrSegment& data) override;
+    void dataFinished() override;
+    void renderCrashLogInfoTo(CrashLogWriteHandler& h) const override;
+    void clear();
+
+    const HttpArguments& arguments() const { return _arguments; }
+    bool hadParsingError() const { return _hadParsingError; }
+
+private:
+    HttpArguments _arguments;
+    HttpArguments::FillFromUrlEncodedParser _parser;
+    bool _hadParsingError = false;
+};
 
 // Whether a cross-origin request may see the reply.
 class HttpServerCrossSitePolicy {
@@ -247,6 +276,48 @@ public:
     // otherwise it is read and thrown away.
     void ignoreRequestData();
 
+    // --- the request body: the handler says how to take it, before the
+    // first byte
+    void setRequestDataAcceptorAndClaim(HttpRequestDataAcceptor* acceptor);
+    // The rest of the body is read and thrown away.
+    void stopParsingRequestData();
+    // For a body the head didn't announce: this many bytes follow.
+    void setRequestDataSize(file_offset_t size);
+    // A body that ends only when the client closes.
+    void setRequestDataSizeInfinite();
+    // The announced size; -1 for a chunked body of unknown total, else 0.
+    file_offset_t getRequestDataSize() const;
+    void setMaximumRequestDataSize(file_offset_t max) { _maximumRequestDataSize = max; }
+    // For a PUT only: whether its preconditions allow it.
+    bool verifyPutPreconditions(bool exists, const Timeval* mtime, const Str& etag) const;
+    // A form body, once read by the default acceptor.
+    const PostArgumentsAcceptor& postArguments() const { return _postArguments; }
+    // Keep a copy of the raw body.
+    void saveRequestData() { _wantSavedRequestData = true; }
+    const AppendStr& savedRequestData() const { return _savedRequestData; }
+    // A later connection loss is expected and needs no log line.
+    void setExpectDisconnect(bool expect) { _expectDisconnect = expect; }
+    bool expectDisconnect() const { return _expectDisconnect; }
+    void setShouldLog(bool log) { _shouldLog = log; }
+
+    // --- for the connection
+    // Body bytes: how many were used; true once the body is complete.
+    bool eatRequestData(const StrSegment& data, size_t* used);
+    bool eatChunkedRequestData(const StrSegment& data, size_t* used);
+    void updateStateAfterHeadersSent();
+    void _prepareToReceiveRequestData();
+    [[noreturn]] void _requestDataTooLarge(file_offset_t size);
+    // False when the reply became 412.
+    bool _checkHttpPreconditions();
+    bool _isInAsyncReadingState() const {
+        return _state == READING_REQUEST_HEAD || _state == EATING_REQUEST_DATA ||
+               _state >= EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
+    }
+    HttpTcpConnection* connection() const { return _connection; }
+    // The request's host, checked: from HTTP/1.1 on exactly one Host header
+    // of host characters (HttpBadRequestException otherwise).
+    StrSegment requestHost() const;
+
     // --- writing, on the loop thread. The data is referenced, not copied,
     // and must stay until it is sent.
     void writeAsync(const char* data, size_t size, bool last);
@@ -291,7 +362,18 @@ public:
     file_offset_t _totalBytesExpectedOfRequestData = -1;
     file_offset_t _bytesLeftInRequestDataChunk = 0;
     bool _requestTransferEncodingIsChunked = false;
-    HttpRequestDataAcceptor* _acceptor = &doNothingHttpRequestDataAcceptor;
+    HttpRequestDataAcceptor* _acceptor = &_postArguments;
+    HttpRequestDataAcceptor* _claimedAcceptor = nullptr;
+    PostArgumentsAcceptor _postArguments;
+    file_offset_t _maximumRequestDataSize = 52428800;
+    bool _receivingRequestDataForever = false;
+    bool _needToSetupRequestGunzip = false;
+    bool _wantSavedRequestData = false;
+    AppendStr _savedRequestData;
+    bool _expectDisconnect = false;
+    bool _shouldLog = true;
+    HttpTcpConnection* _connection = nullptr;
+    HttpChunkedEncodingHexLength _chunkLine;  // the size line of the chunk being sent
 
     // Reply flow
     http_status_code_t _statusCode = 200;
@@ -341,9 +423,127 @@ private:
     void _appendCacheHeaders(bool forceNoCache, time_t now);
     void _appendDownloadFilename();
     void _freeProviders();
+    void _freeAcceptors();
+    void _checkIfchunkedClientSentTooLittle();
+    [[noreturn]] void _chunkedClientSentTooMuch();
 
     HttpDateLine* _dateLine = &_ownDateLine;
     const HttpReplyTail* _replyTail = &_defaultTail;
     HttpDateLine _ownDateLine;
     HttpReplyTail _defaultTail;
+};
+
+// ---------------------------------------------------------------- the server
+
+// The part of a connection that lasts from request to request.
+class HttpTcpConnection {
+public:
+    HttpTcpConnection(HttpListener* listener, const IPv46SocketAddress& peer);
+    virtual ~HttpTcpConnection();
+    // False downgrades a client known to be broken to HTTP/1.0.
+    virtual bool trustHttp11(const HttpServerRequest& request) const;
+    virtual void renderCrashLogInfoTo(CrashLogWriteHandler& h) const;
+
+    HttpServerTransaction& transaction() { return *_transaction; }
+    const IPv46SocketAddress& peer() const { return _peer; }
+    // The peer's address as text, made on first use.
+    const Str& peerText();
+
+    HttpListener* _listener;
+    IPv46SocketAddress _peer;
+    Str _peerText;
+    int _desiredCompressionLevel = 0;
+    HttpDateLine cached_date_header;
+    bool _keepalive = false;
+    std::unique_ptr<HttpServerTransaction> _transaction;
+};
+
+// The HTTP server front: an application subclasses it and receives each
+// request in dispatch().
+class HttpListener : public TcpChannelAcceptor {
+public:
+    // `ssl` is for a TLS listener; plain HTTP has none.
+    explicit HttpListener(SslServerContext* ssl = nullptr);
+    ~HttpListener() override;
+
+    // The request head is in: set the reply, or say how to take the body.
+    virtual void dispatch(HttpServerTransaction* trans) = 0;
+    // "OPTIONS *".
+    virtual void dispatchGlobalOptionsRequest(HttpServerTransaction* trans);
+    // Each finished exchange, for an access log.
+    virtual void log(HttpServerTransaction* trans);
+    virtual HttpTcpConnection* newConnection(HttpListener* listener,
+                                             const IPv46SocketAddress& peer);
+    virtual HttpServerTransaction* allocateTransaction(HttpTcpConnection* connection);
+    virtual Interval initialRequestTimeout();
+    virtual Interval sslHandshakeTimeout() const;
+    virtual Interval keepaliveIdleTimeout(bool wellBelowConnectionLimit);
+    virtual void keepAliveConnectionWasIdleTooLong(const IPv46SocketAddress& peer,
+                                                   bool wellBelowConnectionLimit);
+    virtual Interval ioTimeout();
+
+    std::unique_ptr<TcpChannel> factory(PollableDescriptor fd,
+                                        const IPv46SocketAddress& peer) override;
+    bool limitActiveConnections(unsigned count, bool gone) override;
+
+    // What ends every reply head: frame options on, no HSTS.
+    void setServerName(const Str& name);
+    void setServerName(const Str& name, const std::map<Str, Str>& headers, bool frameOptions,
+                       bool hsts, bool includeSubDomains, bool preload);
+    // Below 60 the server counts as never well below its limit.
+    void setMaxConnections(unsigned max);
+    void setMaxThreads(unsigned max) { _maxThreads = max; }
+    void setCrossSitePolicy(const HttpServerCrossSitePolicy* policy) { _crossSitePolicy = policy; }
+
+    const HttpReplyTail& replyTail() const { return _tail; }
+    const HttpServerCrossSitePolicy* crossSitePolicy() const { return _crossSitePolicy; }
+    bool wellBelowConnectionLimit() const { return _wellBelowConnectionLimit.load(); }
+    unsigned maxThreads() const { return _maxThreads; }
+
+private:
+    SslServerContext* _ssl;
+    HttpReplyTail _tail;
+    unsigned _maxActiveConnections = ~0u;
+    std::atomic<bool> _wellBelowConnectionLimit{true};
+    bool _throttling = false;
+    unsigned _maxThreads = ~0u;
+    const HttpServerCrossSitePolicy* _crossSitePolicy = &httpServerCrossSitePolicyDenyAll;
+};
+
+// One accepted HTTP connection on its loop: drives its transaction.
+class HttpListeningConnection : public TcpChannel {
+public:
+    HttpListeningConnection(HttpListener* listener, std::unique_ptr<HttpTcpConnection> connection);
+    ~HttpListeningConnection() override;
+
+    void dataAvailable(TcpAsyncDataBuffer& data) override;
+    bool asyncWriteComplete() override;
+    void errorHappened(const SocketError& err) override;
+    Interval asyncTimeoutExpired() override;
+    Interval initialReadTimeout() override;
+    Interval initialWriteTimeout() override;
+    Interval sslHandshakeTimeout() const override;
+    bool wantGracefulShutdown() override;
+
+    HttpTcpConnection& connection() { return *_conn; }
+
+private:
+    // One pass of the exchange's state machine; returns when it needs input
+    // or has started a write.
+    void _run(TcpAsyncDataBuffer& data);
+    // _run with the exceptions turned into replies.
+    void _proceed(TcpAsyncDataBuffer& data);
+    void _startRequest(TcpAsyncDataBuffer& data);
+    bool _readBody(TcpAsyncDataBuffer& data);
+    void _startReply(TcpAsyncDataBuffer& data);
+    void _queueBody(TcpAsyncDataBuffer& data);
+    void _endTransaction(TcpAsyncDataBuffer& data);
+    bool _notifyProviders(const SocketError& err);
+
+    HttpListener* _listener;
+    std::unique_ptr<HttpTcpConnection> _conn;
+    bool _transactionActive = false;
+    bool _haveHadTransaction = false;
+    bool _alreadyLoggedTimeout = false;
+    bool _failed = false;  // the socket failed: nothing more is sent
 };

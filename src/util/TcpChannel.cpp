@@ -247,7 +247,11 @@ bool TcpChannel::when_events(PollableDescriptor fd) {
                 noWriteProgress = _data._writeCursor.bytesLeftToWrite() == before;
                 goto wait;
             }
-            if (asyncWriteComplete()) {
+            const bool wantsData = asyncWriteComplete();
+            // The callback may have queued the next output itself (a reply
+            // written piece by piece): it goes out before anything else.
+            if (_data.hasWriteData()) continue;
+            if (wantsData) {
                 callData = mayRead = true;
             } else if (!_data._shouldKill && _data._handler == nullptr) {
                 goto idle;

@@ -1,0 +1,270 @@
+// The HTTP server end to end on 127.0.0.1, against real clients: curl,
+// Python's http.client and raw Python sockets.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "support/TcpServer.h"
+#include "support/TestSupport.h"
+#include "util/HttpListener.h"
+
+namespace {
+
+using testsupport::LoopRunner;
+using testsupport::runProcess;
+
+// Answers once the whole body is in: what it heard.
+class EchoBodyProvider : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* t) override {
+        AppendStr& out = t->contents(&HttpContentType::TYPE_PLAINTEXT);
+        out.appendFormat("%s %.*s received=%lld", t->method().c_str(), int(t->url().size()),
+                         t->url().data(), (long long)t->_bytesReceived);
+        for (auto it = t->postArguments().arguments().begin();
+             it != t->postArguments().arguments().end(); ++it) {
+            out.appendFormat(" %s=%s", it->key.c_str(), it->value.c_str());
+        }
+        if (t->postArguments().hadParsingError()) out.append(" [bad form]");
+        t->writeAsync(t->_astr, true);
+    }
+};
+
+// Sends its body in three pieces, each asked for in turn.
+class ThreePiecesProvider : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* t) override { getBody(t); }
+    void getBody(HttpServerTransaction* t) override {
+        static const char* pieces[] = {"one,", "two,", "three"};
+        t->writeAsync(pieces[_next], strlen(pieces[_next]), _next == 2);
+        ++_next;
+    }
+
+private:
+    int _next = 0;
+};
+
+class TestListener : public HttpListener {
+public:
+    void dispatch(HttpServerTransaction* t) override {
+        const std::string url(t->url());
+        if (url == "/hello") {
+            t->contents(&HttpContentType::TYPE_PLAINTEXT).append("hello");
+        } else if (url.rfind("/echo", 0) == 0) {
+            t->setReplyDataProviderAndClaim(new EchoBodyProvider);
+            if (url == "/echo/discard") t->stopParsingRequestData();
+        } else if (url == "/pieces") {
+            t->setReplyDataProviderAndClaim(new ThreePiecesProvider);
+        } else if (url == "/refuse") {
+            t->setStatusFormat(403, "Not for you");
+        }  // else: the default 404
+    }
+};
+
+class HttpTestServer {
+public:
+    HttpTestServer() : _listener(new TestListener) {
+        _listener->setServerName("tarvex-test");
+        IPv46SocketAddress where;
+        where.setIpv4Localhost();
+        const PollableDescriptor pd = where.make_listener(128);
+        IPv46SocketAddress bound;
+        EXPECT_TRUE(pd.localAddress(&bound));
+        port = bound.port().value();
+        _loop.add(_listener, pd);
+        _runner = std::make_unique<LoopRunner>(_loop);
+        _loop.startThreadAndLoop(_runner.get());
+    }
+    ~HttpTestServer() {
+        _loop.runInThread([this] { _listener->close(); });
+        _loop.terminateConnections();
+        _loop.runInThread([this] { delete _listener; });
+        _loop.terminate();
+        _runner->join();
+    }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(port) + path;
+    }
+    unsigned port = 0;
+
+private:
+    TcpChannelLoop _loop;
+    TestListener* _listener;
+    std::unique_ptr<LoopRunner> _runner;
+};
+
+// A raw exchange: sends the bytes (in the pieces given), half-closes, and
+// returns all that came back.
+std::string rawExchange(unsigned port, const std::vector<std::string>& pieces,
+                        bool halfClose = true) {
+    std::string script =
+        "import socket, sys, time\n"
+        "s = socket.create_connection(('127.0.0.1', int(sys.argv[1])), timeout=20)\n"
+        "for p in sys.argv[2:]:\n"
+        "    s.sendall(p.encode('latin-1')); time.sleep(0.02)\n";
+    if (halfClose) script += "s.shutdown(socket.SHUT_WR)\n";
+    script +=
+        "out = b''\n"
+        "while True:\n"
+        "    d = s.recv(65536)\n"
+        "    if not d: break\n"
+        "    out += d\n"
+        "sys.stdout.write(out.decode('latin-1'))\n";
+    std::vector<std::string> argv = {"/usr/bin/env", "python3", "-c", script, std::to_string(port)};
+    argv.insert(argv.end(), pieces.begin(), pieces.end());
+    const auto r = runProcess(argv);
+    EXPECT_EQ(r.err, "");
+    return r.out;
+}
+
+size_t count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+TEST(HttpServer, CurlKeepsTheConnectionAcrossRequests) {
+    HttpTestServer server;
+    const auto r = runProcess({"/usr/bin/curl", "-sS", "-v", "--max-time", "20",
+                               server.url("/hello"), server.url("/missing"), server.url("/hello")});
+    EXPECT_EQ(r.out.substr(0, 5), "hello");
+    EXPECT_NE(r.out.find("<title>404 Not Found</title>"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.substr(r.out.size() - 5), "hello");
+    EXPECT_EQ(count(r.err, "Re-using existing connection"), 2u) << r.err;
+    EXPECT_NE(r.err.find("< Server: tarvex-test"), std::string::npos);
+}
+
+TEST(HttpServer, RequestBodiesFixedChunkedAndAfterContinue) {
+    HttpTestServer server;
+    testsupport::ScratchDir dir;
+    testsupport::writeFile(dir / "big", std::string(3 * 1024 * 1024 + 7, 'b'));
+    testsupport::writeFile(dir / "form", "a=1&b=two+words&c=%41");
+
+    struct Case {
+        std::vector<std::string> curlArgs;
+        std::string reply;
+        std::string inTrace;
+    };
+    const Case cases[] = {
+        {{"--data-binary", "@" + (dir / "form"), server.url("/echo")},
+         "POST /echo received=21 a=1 b=two words c=A",
+         ""},
+        // curl asks for "100 Continue" before a large body.
+        {{"--data-binary", "@" + (dir / "big"), server.url("/echo/discard")},
+         "POST /echo/discard received=3145735",
+         "< HTTP/1.1 100 Continue"},
+        {{"-H", "Transfer-Encoding: chunked", "--data-binary", "@" + (dir / "big"),
+          server.url("/echo/discard")},
+         "POST /echo/discard received=3145735",
+         "> Transfer-Encoding: chunked"},
+        // Refused before the body: no "100 Continue", the body never sent.
+        {{"--data-binary", "@" + (dir / "big"), server.url("/refuse")}, "", "< HTTP/1.1 403"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = {"/usr/bin/curl", "-sS", "-v", "--max-time", "30"};
+        argv.insert(argv.end(), c.curlArgs.begin(), c.curlArgs.end());
+        const auto r = runProcess(argv);
+        SCOPED_TRACE(c.curlArgs.back());
+        if (!c.reply.empty()) {
+            EXPECT_EQ(r.out, c.reply);
+        }
+        EXPECT_NE(r.err.find(c.inTrace), std::string::npos) << r.err;
+        if (c.curlArgs.back() == server.url("/refuse")) {
+            EXPECT_EQ(r.err.find("100 Continue"), std::string::npos);
+            EXPECT_NE(r.out.find("<title>403 Not for you</title>"), std::string::npos);
+        }
+    }
+}
+
+TEST(HttpServer, PythonClientReadsPiecesHeadAndErrors) {
+    HttpTestServer server;
+
+    const auto r = runProcess(
+        {"/usr/bin/env", "python3", "-c",
+         "import http.client, sys\n"
+         "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=20)\n"
+         "for method, url in [('GET', '/pieces'), ('HEAD', '/hello'), ('GET', '/hello'),\n"
+         "                    ('DELETE', '/nowhere')]:\n"
+         "    c.request(method, url)\n"
+         "    r = c.getresponse()\n"
+         "    print(method, url, r.status, r.getheader('Transfer-Encoding'),\n"
+         "          r.getheader('Content-Length'), r.read()[:20])\n",
+         std::to_string(server.port)});
+    EXPECT_EQ(r.out,
+              "GET /pieces 200 chunked None b'one,two,three'\n"
+              "HEAD /hello 200 None 5 b''\n"
+              "GET /hello 200 None 5 b'hello'\n"
+              "DELETE /nowhere 404 None 223 b'<!doctype html><html'\n")
+        << r.err;
+}
+
+TEST(HttpServer, PipelinedAndSplitRequests) {
+    HttpTestServer server;
+    const std::string two =
+        "GET /hello HTTP/1.1\r\nHost: h\r\n\r\nPOST /echo HTTP/1.1\r\nHost: h\r\n"
+        "Content-Length: 3\r\n\r\nx=1";
+    const std::string replies = rawExchange(server.port, {two});
+    EXPECT_EQ(count(replies, "HTTP/1.1 200 OK\r\n"), 2u) << replies;
+    EXPECT_NE(replies.find("\r\n\r\nhello"), std::string::npos);
+    EXPECT_NE(replies.find("POST /echo received=3 x=1"), std::string::npos);
+
+    // The same bytes a few at a time.
+    std::vector<std::string> pieces;
+    for (size_t i = 0; i < two.size(); i += 7) pieces.push_back(two.substr(i, 7));
+    EXPECT_EQ(count(rawExchange(server.port, pieces), "HTTP/1.1 200 OK\r\n"), 2u);
+}
+
+TEST(HttpServer, BadRequestsAreAnsweredAndTheConnectionClosed) {
+    HttpTestServer server;
+    struct Case {
+        std::string request;
+        std::string statusLine;
+    };
+    const Case cases[] = {
+        {"GET /hello HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Host header not provided"},
+        {"GET /hello HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n",
+         "HTTP/1.1 400 Request message contains more than one Host header"},
+        {"GET /hello HTTP/1.1\r\nBad Line\r\n\r\nGET /hello HTTP/1.1\r\n\r\n",
+         "HTTP/1.1 400 Malformed header line"},
+        {"BREW /pot HTTP/1.1\r\nHost: h\r\n\r\n", "HTTP/1.1 501 Method not implemented"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: -1\r\n\r\n",
+         "HTTP/1.1 413 Invalid Content-Length"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: gzip\r\n\r\n",
+         "HTTP/1.1 501 Unknown Transfer-Encoding"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nExpect: 200-ok\r\n\r\n",
+         "HTTP/1.1 417 Expectation Failed"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Encoding: br\r\nContent-Length: 1\r\n\r\nx",
+         "HTTP/1.1 415 Unsupported Media Type"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+         "HTTP/1.1 413 Chunked protocol error: bad hex digit 0x7A"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
+         "ffffffffffffffff\r\n",
+         "HTTP/1.1 413 Chunked protocol error: chunk length too large"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n"
+         "4\r\nabcd\r\n0\r\n\r\n",
+         "HTTP/1.1 413 Chunked protocol error: client claimed it would send 5 bytes, but only "
+         "sent 4"},
+        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
+         "4\r\nabcd\r\n0\r\n\r\n",
+         "HTTP/1.1 413 Chunked protocol error: client claimed it would send only send 3 bytes, "
+         "but has exceeded that"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.request);
+        // No half-close: the server ends the connection itself, for a head
+        // it could not read, or as the request asked.
+        std::string request = c.request;
+        if (c.statusLine.find(" 400 ") == std::string::npos &&
+            c.statusLine.find(" 501 Method") == std::string::npos) {
+            request.insert(request.find("\r\n") + 2, "Connection: close\r\n");
+        }
+        const std::string reply = rawExchange(server.port, {request}, false);
+        EXPECT_EQ(reply.substr(0, reply.find("\r\n")), c.statusLine) << reply;
+        EXPECT_EQ(count(reply, "HTTP/1.1 "), 1u) << reply;
+    }
+    // A good request after all that is still served.
+    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+}
+
+}  // namespace
