@@ -146,81 +146,163 @@ bool HttpServerTransaction::eatRequestData(const StrSegment& data, size_t* used)
     return _bytesLeftInRequestDataChunk == 0;
 }
 
+HttpServerTransaction::chunk_walk_t HttpServerTransaction::_walkChunkHeader(const char*& p,
+                                                                            const char* end) {
+    while (p < end) {
+        if (_state == EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET) {
+            const char c = *p;
+            if (c == '\t' || c == '\n' || c == '\r' || c == ' ') {
+                ++p;
+                continue;
+            }
+            ASSERT(_bytesLeftInRequestDataChunk == 0);
+            _state = EATING_REQUEST_DATA_CHUNKED_LENGTH;
+            continue;
+        }
+        if (_state == EATING_REQUEST_DATA_CHUNKED_DATA) return CHUNK_WALK_DATA;
+        const char c = *p++;
+        if (c == '\n') {
+            if (_bytesLeftInRequestDataChunk == 0) {
+                // The last chunk. Trailers are not read; the line ends that
+                // follow are taken as empty lines before the next request.
+                _checkIfchunkedClientSentTooLittle();
+                _receivingRequestDataForever = false;
+                return CHUNK_WALK_DONE;
+            }
+            if (_totalBytesExpectedOfRequestData >= 0 &&
+                _bytesLeftInRequestDataChunk > _totalBytesExpectedOfRequestData - _bytesReceived) {
+                _chunkedClientSentTooMuch();
+            }
+            if (_bytesLeftInRequestDataChunk > _maximumRequestDataSize - _bytesReceived) {
+                _requestDataTooLarge(_bytesReceived + _bytesLeftInRequestDataChunk);
+            }
+            _state = EATING_REQUEST_DATA_CHUNKED_DATA;
+            return CHUNK_WALK_DATA;
+        }
+        if (_state == EATING_REQUEST_DATA_CHUNKED_EXTENSION) continue;
+        if (c == '\t' || c == '\r' || c == ' ') continue;
+        if (c == ';') {
+            _state = EATING_REQUEST_DATA_CHUNKED_EXTENSION;
+            continue;
+        }
+        if (_bytesLeftInRequestDataChunk >= file_offset_t(0x800000000000000)) {
+            throw HttpChunkedProtocolException("Chunked protocol error: chunk length too large");
+        }
+        int digit;
+        if (c >= '0' && c <= '9') {
+            digit = c - '0';
+        } else if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') {
+            digit = (c | 0x20) - 'a' + 10;
+        } else {
+            throw HttpChunkedProtocolException(Str::fromFormat(
+                "Chunked protocol error: bad hex digit 0x%02X", unsigned(uint8_t(c))));
+        }
+        _bytesLeftInRequestDataChunk = _bytesLeftInRequestDataChunk * 16 + digit;
+    }
+    return _state == EATING_REQUEST_DATA_CHUNKED_DATA ? CHUNK_WALK_DATA : CHUNK_WALK_MORE;
+}
+
 bool HttpServerTransaction::eatChunkedRequestData(const StrSegment& data, size_t* used) {
     const char* p = data.begin();
     const char* const end = data.end();
-    while (p < end) {
-        switch (_state) {
-            case EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET: {
-                const char c = *p;
-                if (c == '\t' || c == '\n' || c == '\r' || c == ' ') {
-                    ++p;
-                    break;
-                }
-                ASSERT(_bytesLeftInRequestDataChunk == 0);
-                _state = EATING_REQUEST_DATA_CHUNKED_LENGTH;
-                break;
-            }
-            case EATING_REQUEST_DATA_CHUNKED_LENGTH:
-            case EATING_REQUEST_DATA_CHUNKED_EXTENSION: {
-                const char c = *p++;
-                if (c == '\n') {
-                    if (_bytesLeftInRequestDataChunk == 0) {
-                        // The last chunk. Trailers are not read; the line
-                        // ends that follow are taken as empty lines before
-                        // the next request.
-                        _checkIfchunkedClientSentTooLittle();
-                        _receivingRequestDataForever = false;
-                        *used = size_t(p - data.begin());
-                        return true;
-                    }
-                    if (_totalBytesExpectedOfRequestData >= 0 &&
-                        _bytesLeftInRequestDataChunk >
-                            _totalBytesExpectedOfRequestData - _bytesReceived) {
-                        _chunkedClientSentTooMuch();
-                    }
-                    if (_bytesLeftInRequestDataChunk > _maximumRequestDataSize - _bytesReceived) {
-                        _requestDataTooLarge(_bytesReceived + _bytesLeftInRequestDataChunk);
-                    }
-                    _state = EATING_REQUEST_DATA_CHUNKED_DATA;
-                    break;
-                }
-                if (_state == EATING_REQUEST_DATA_CHUNKED_EXTENSION) break;
-                if (c == '\t' || c == '\r' || c == ' ') break;
-                if (c == ';') {
-                    _state = EATING_REQUEST_DATA_CHUNKED_EXTENSION;
-                    break;
-                }
-                if (_bytesLeftInRequestDataChunk >= file_offset_t(0x800000000000000)) {
-                    throw HttpChunkedProtocolException(
-                        "Chunked protocol error: chunk length too large");
-                }
-                int digit;
-                if (c >= '0' && c <= '9') {
-                    digit = c - '0';
-                } else if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') {
-                    digit = (c | 0x20) - 'a' + 10;
-                } else {
-                    throw HttpChunkedProtocolException(Str::fromFormat(
-                        "Chunked protocol error: bad hex digit 0x%02X", unsigned(uint8_t(c))));
-                }
-                _bytesLeftInRequestDataChunk = _bytesLeftInRequestDataChunk * 16 + digit;
-                break;
-            }
-            case EATING_REQUEST_DATA_CHUNKED_DATA: {
-                size_t n;
-                const bool chunkDone = eatRequestData(StrSegment(p, size_t(end - p)), &n);
-                p += n;
-                if (chunkDone) _state = EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
-                break;
-            }
-            default:
-                ASSERT(_state >= EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET &&
-                       _state <= EATING_REQUEST_DATA_CHUNKED_DATA);
+    for (;;) {
+        const chunk_walk_t w = _walkChunkHeader(p, end);
+        if (w == CHUNK_WALK_DONE) {
+            *used = size_t(p - data.begin());
+            return true;
         }
+        if (w == CHUNK_WALK_MORE || p == end) break;
+        size_t n;
+        if (eatRequestData(StrSegment(p, size_t(end - p)), &n)) {
+            _state = EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
+        }
+        p += n;
     }
     *used = size_t(p - data.begin());
     return false;
+}
+
+bool HttpServerTransaction::read(PortableIovecCursor* cursor) {
+    ASSERT(isInOwnThread());
+    TcpSyncDataBuffer& io = *_threadedIo;
+    if (_owedConsume != 0) {
+        io.consume(_owedConsume);
+        _owedConsume = 0;
+    }
+    auto handOut = [&](const char* data, size_t n, size_t owed) {
+        if (_wantSavedRequestData) _savedRequestData.append(data, n);
+        _bytesReceived += file_offset_t(n);
+        _owedConsume = owed;
+        _readIov.clear();
+        _readIov.push_back(data, n);
+        cursor->start(_readIov);
+        return true;
+    };
+    StrSegment seg;
+    for (;;) {
+        switch (_state) {
+            case EATING_REQUEST_DATA: {
+                if (_bytesLeftInRequestDataChunk == 0) {
+                    _state = END_OF_TRANSACTION;
+                    return false;
+                }
+                if (io.peek(&seg) == 0) throw TcpChannel::Error(SocketError::eof());
+                const size_t n = size_t(std::min<file_offset_t>(_bytesLeftInRequestDataChunk,
+                                                                file_offset_t(seg.size())));
+                _bytesLeftInRequestDataChunk -= file_offset_t(n);
+                return handOut(seg.data(), n, n);
+            }
+            case EATING_REQUEST_DATA_FOREVER: {
+                const ssize_t got = io.peek_nothrow(&seg);
+                if (got <= 0) {
+                    const SocketError& err = io.lastError();
+                    const bool hangUp = got == 0 || (err.isErrno() && (err.data() == ECONNRESET ||
+                                                                       err.data() == ECONNABORTED ||
+                                                                       err.data() == EPIPE));
+                    if (!hangUp) throw TcpChannel::Error(err);
+                    _state = END_OF_TRANSACTION;  // the client's close ends the body
+                    return false;
+                }
+                if (file_offset_t(seg.size()) > _maximumRequestDataSize - _bytesReceived) {
+                    _requestDataTooLarge(_bytesReceived + file_offset_t(seg.size()));
+                }
+                return handOut(seg.data(), seg.size(), seg.size());
+            }
+            case EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
+            case EATING_REQUEST_DATA_CHUNKED_LENGTH:
+            case EATING_REQUEST_DATA_CHUNKED_EXTENSION:
+            case EATING_REQUEST_DATA_CHUNKED_DATA: {
+                if (io.peek(&seg) == 0) throw TcpChannel::Error(SocketError::eof());
+                const char* p = seg.begin();
+                chunk_walk_t w;
+                try {
+                    w = _walkChunkHeader(p, seg.end());
+                } catch (...) {
+                    io.consume(size_t(p - seg.begin()));  // what was parsed is gone
+                    throw;
+                }
+                const size_t walked = size_t(p - seg.begin());
+                if (w == CHUNK_WALK_DONE) {
+                    io.consume(walked);
+                    _state = END_OF_TRANSACTION;
+                    return false;
+                }
+                if (w == CHUNK_WALK_MORE || p == seg.end()) {
+                    io.consume(walked);
+                    continue;
+                }
+                const size_t n = size_t(std::min<file_offset_t>(_bytesLeftInRequestDataChunk,
+                                                                file_offset_t(seg.end() - p)));
+                _bytesLeftInRequestDataChunk -= file_offset_t(n);
+                if (_bytesLeftInRequestDataChunk == 0) {
+                    _state = EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
+                }
+                return handOut(p, n, walked + n);
+            }
+            default:
+                return false;
+        }
+    }
 }
 
 namespace {
@@ -483,7 +565,8 @@ void HttpListeningConnection::_proceed(TcpAsyncDataBuffer& data) {
 void HttpListeningConnection::_run(TcpAsyncDataBuffer& data) {
     HttpServerTransaction& t = _conn->transaction();
     for (;;) {
-        if (data.hasWriteData()) return;  // on its way: asyncWriteComplete continues
+        // A write on its way (asyncWriteComplete continues), or a worker due.
+        if (data.hasWriteData() || data._handler != nullptr) return;
         switch (t._state) {
             case HttpServerTransaction::READING_REQUEST_HEAD:
                 t._state = HttpServerTransaction::EATING_REQUEST_DATA;
@@ -499,6 +582,13 @@ void HttpListeningConnection::_run(TcpAsyncDataBuffer& data) {
                 }
                 _startRequest(data);
                 if (data.hasWriteData()) return;
+                if (t._wantsSeparateThread) {
+                    t._wantsSeparateThread = false;
+                    if (t._toSendState != HttpServerTransaction::TOSEND_HAS_FINAL_ITEM) {
+                        _handToWorker(data, false);
+                        return;
+                    }
+                }
                 break;
             case HttpServerTransaction::EATING_REQUEST_DATA:
             case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
@@ -514,6 +604,11 @@ void HttpListeningConnection::_run(TcpAsyncDataBuffer& data) {
                 if (!t._toSendIsSet() && t._toSend.empty()) {
                     ASSERT(t.method() != HttpMethod::HEAD);
                     t._provider->getBody(&t);
+                    if (t._wantsSeparateThread) {
+                        t._wantsSeparateThread = false;
+                        _handToWorker(data, true);
+                        return;
+                    }
                 }
                 if (t._toSend.empty() &&
                     t._toSendState == HttpServerTransaction::TOSEND_HAS_FINAL_ITEM) {
@@ -688,23 +783,237 @@ void HttpListeningConnection::_startReply(TcpAsyncDataBuffer& data) {
     if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
     t._chunkedState = HttpServerTransaction::CHUNKED_NONE;
     t._provider->getPreBody(&t);
+    if (t._wantsSeparateThread) {  // 21.
+        t._wantsSeparateThread = false;
+        _handToWorker(data, true);
+        return;
+    }
     // 20.
     t._state = HttpServerTransaction::SENDING_REPLY_HEADERS;
     t._checkHttpPreconditions();
     const bool head = t._internal_prepareReplyHeaders();
     t._alreadyBuiltHeaders = true;
+    _sendHead(data, head);
+}
+
+void HttpListeningConnection::_sendHead(TcpAsyncDataBuffer& data, bool head) {
+    HttpServerTransaction& t = _conn->transaction();
     if (!head) {
         t.updateStateAfterHeadersSent();
-    } else {
-        data.writeBuffer().addReference(t._headerBlock);
+        _run(data);
+        return;
     }
+    data.writeBuffer().addReference(t._headerBlock);
     // 22. A body due and ready goes out with the head.
     if (t._toSendIsSet() && t._needToSendBody && !t._toSend.empty()) {
-        if (head) t.updateStateAfterHeadersSent();
+        t.updateStateAfterHeadersSent();
         _queueBody(data);
         return;
     }
-    if (head) data.startAsyncWrite();
+    data.startAsyncWrite();
+}
+
+void HttpListeningConnection::_handToWorker(TcpAsyncDataBuffer& data, bool bodyRead) {
+    HttpServerTransaction& t = _conn->transaction();
+    // A body still to read keeps its state: the worker reads it.
+    if (bodyRead) t._state = HttpServerTransaction::END_OF_TRANSACTION;
+    data.setHandler(new HttpThreadedCommunicationHandler(this));
+}
+
+bool HttpListeningConnection::spawnMoreThreads(TcpAsyncDataBuffer& data, unsigned threadCount) {
+    const unsigned max = _listener->maxThreads();
+    if (threadCount < max) return true;
+    HttpServerTransaction& t = _conn->transaction();
+    httplistener_log.warn(
+        "Can't handle request for %.*s, max thread limit for REST HTTP server "
+        "is %u, threads already in use is %u",
+        int(t.url().size()), t.url().data(), max, threadCount);
+    t._statusCode = 503;
+    t._statusText =
+        Str::fromFormat("Too many HTTP threads (%u) already running, try again later", threadCount);
+    t._prepareErrorFromAnyException();
+    _finishThreadSpawnError(data);
+    return false;
+}
+
+void HttpListeningConnection::errorSpawningThread(TcpAsyncDataBuffer& data, const char* what) {
+    httplistener_log.error("Error spawning thread: %s", what);
+    _conn->transaction()._prepareErrorFromOtherException(what);
+    _finishThreadSpawnError(data);
+}
+
+void HttpListeningConnection::_finishThreadSpawnError(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    if (t._alreadyBuiltHeaders) {
+        data.kill();
+        return;
+    }
+    if (t._state != HttpServerTransaction::END_OF_TRANSACTION) t._isLastTransaction = true;
+    t._state = HttpServerTransaction::SENDING_REPLY_HEADERS;
+    const bool head = t._internal_prepareReplyHeaders();
+    t._alreadyBuiltHeaders = true;
+    if (!head) {
+        asyncWriteComplete();
+        return;
+    }
+    _sendHead(data, true);
+}
+
+void HttpListeningConnection::workerReturned(TcpAsyncDataBuffer& data) {
+    HttpServerTransaction& t = _conn->transaction();
+    if (t._state == HttpServerTransaction::SENDING_REPLY_HEADERS) {
+        // The worker built the head; the loop sends it, with a final body.
+        try {
+            _sendHead(data, true);
+        } catch (const std::exception& e) {
+            httplistener_log.error("Exception while processing request from %s for %.*s: %s",
+                                   _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+                                   e.what());
+            data.kill();
+        }
+        return;
+    }
+    _proceed(data);
+}
+
+// ---------------------------------------------------------------- on a worker
+
+TcpChannelThreadedHandler::atr
+HttpListeningConnection::HttpThreadedCommunicationHandler::communicate(TcpSyncDataBuffer& buf) {
+    HttpServerTransaction& t = _c->connection().transaction();
+    ASSERT(t._threadedIo == nullptr);
+    struct ThreadedIoScope {
+        HttpServerTransaction& t;
+        ThreadedIoScope(HttpServerTransaction& tr, TcpSyncDataBuffer& b) : t(tr) {
+            t._threadedIo = &b;
+        }
+        ~ThreadedIoScope() { t._threadedIo = nullptr; }
+    } scope(t, buf);
+    return _communicate(buf) ? TCPSYNCDONE_CLOSE : TCPSYNCDONE_CONTINUE;
+}
+
+// True when the connection can't be saved; false hands it back to the loop,
+// which sends what is queued.
+bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
+    TcpSyncDataBuffer& buf) {
+    HttpServerTransaction& t = _c->connection().transaction();
+    using T = HttpServerTransaction;
+    try {
+        // 1. The body, if still unread.
+        if (t._state == T::EATING_REQUEST_DATA ||
+            t._state >= T::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET) {
+            try {
+                t._owedConsume = 0;
+                t._acceptor->threadedAcceptData(&t);
+                if (t._state != T::END_OF_TRANSACTION) {
+                    PortableIovecCursor rest;
+                    while (t.read(&rest)) {}
+                }
+                ASSERT(t._state == T::END_OF_TRANSACTION);
+                if (t._owedConsume != 0) {
+                    buf.consume(t._owedConsume);
+                    t._owedConsume = 0;
+                }
+                t._acceptor->dataFinished();
+                t._work.clear();
+            } catch (const HttpException& e) {
+                buf.consume(t._owedConsume);
+                t._owedConsume = 0;
+                if (e.status() > 499) {
+                    t._bytesLeftInRequestDataChunk = 0;
+                    t._isLastTransaction = true;
+                }
+                throw;
+            } catch (...) {
+                buf.consume(t._owedConsume);
+                t._owedConsume = 0;
+                t._bytesLeftInRequestDataChunk = 0;
+                t._isLastTransaction = true;
+                throw;
+            }
+        }
+        // 3.
+        if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
+        if (t._toSendState != T::TOSEND_HAS_FINAL_ITEM) {
+            // 4.
+            ASSERT(t._toSendState <= T::TOSEND_UNSET);
+            if (!t._alreadyBuiltHeaders) {
+                t._provider->getPreBody(&t);
+                if (t._receivingRequestDataForever) {
+                    ASSERT(t._isLastTransaction);
+                    t._totalScheduledLength = 0;
+                    return false;
+                }
+            }
+            if (t._toSendState != T::TOSEND_HAS_FINAL_ITEM) {
+                if (!t._alreadyBuiltHeaders) {
+                    if (!t._checkHttpPreconditions()) throw HttpPreconditionFailedException();
+                    const bool head = t._internal_prepareReplyHeaders();
+                    t._alreadyBuiltHeaders = true;
+                    if (!t._needToSendBody) {
+                        if (head) {
+                            t._state = T::SENDING_REPLY_HEADERS;
+                        } else {
+                            t.updateStateAfterHeadersSent();
+                        }
+                        return false;
+                    }
+                    if (head) buf.write(t._headerBlock);
+                }
+                // 5. Typically writes straight to the socket.
+                t._provider->getBody(&t);
+                if (t._toSendState == T::TOSEND_HAS_FINAL_ITEM) {
+                    t._state = T::SENDING_REPLY_DATA;
+                } else {
+                    t._state = T::SEND_EOF_MARKER;
+                }
+                return false;
+            }
+        }
+        // 6. A final item: the loop sends it.
+        if (t._alreadyBuiltHeaders) {
+            t._state = t._needToSendBody ? T::SENDING_REPLY_DATA : T::END_OF_TRANSACTION;
+        } else {
+            t._checkHttpPreconditions();
+            const bool head = t._internal_prepareReplyHeaders();
+            t._alreadyBuiltHeaders = true;
+            if (head) {
+                t._state = T::SENDING_REPLY_HEADERS;
+            } else {
+                t.updateStateAfterHeadersSent();
+            }
+        }
+        return false;
+    } catch (const HttpException& e) {
+        if (!t._alreadyBuiltHeaders) {
+            t._prepareErrorFromHttpException(e);
+            return false;
+        }
+        httplistener_log.error(
+            "Handler for %.*s threw an HTTP exception after reply headers had "
+            "already been sent!  %u %s",
+            int(t.url().size()), t.url().data(), e.status(), e.what());
+        return true;
+    } catch (const TcpChannel::Error& e) {
+        t._isLastTransaction = true;
+        if (!(isPeerHangUp(e.socketError()) &&
+              (t._expectDisconnect || t._provider->expectDisconnect()))) {
+            httplistener_log.warn("Exception while processing request from %s for %.*s: %s",
+                                  _c->connection().peerText().c_str(), int(t.url().size()),
+                                  t.url().data(), e.what());
+        }
+        return true;  // the socket failed: nothing can be sent
+    } catch (const std::exception& e) {
+        t._isLastTransaction = true;
+        httplistener_log.error("Exception while processing request from %s for %.*s: %s",
+                               _c->connection().peerText().c_str(), int(t.url().size()),
+                               t.url().data(), e.what());
+        if (!t._alreadyBuiltHeaders) {
+            t._prepareErrorFromOtherException(e.what());
+            return false;
+        }
+        return true;
+    }
 }
 
 void HttpListeningConnection::_queueBody(TcpAsyncDataBuffer& data) {
@@ -771,6 +1080,11 @@ bool HttpListeningConnection::asyncWriteComplete() {
                        : t._receivingRequestDataForever
                            ? HttpServerTransaction::EATING_REQUEST_DATA_FOREVER
                            : HttpServerTransaction::EATING_REQUEST_DATA;
+            if (t._wantsSeparateThread) {  // honoured here too
+                t._wantsSeparateThread = false;
+                _handToWorker(_data, false);
+                return true;
+            }
             break;
         case HttpServerTransaction::END_OF_TRANSACTION:
             break;

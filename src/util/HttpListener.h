@@ -69,11 +69,23 @@ public:
 };
 extern NullHttpReplyDataProvider nullHttpReplyDataProvider;
 
+// A reply made on a worker thread, for work that blocks or takes long: the
+// exchange moves to a thread of the loop's pool, fill() makes the body there.
+class ThreadedStringHttpDataProvider : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* trans) override;
+    // On the worker: the body into `out`; status and type may be set too.
+    virtual void fill(HttpServerTransaction* trans, AppendStr* out) = 0;
+};
+
 // Takes a request's body. The defaults do nothing.
 class HttpRequestDataAcceptor {
 public:
     virtual ~HttpRequestDataAcceptor();
     virtual void dataAvailable(const StrSegment& data);
+    // On a worker: reads the body through the transaction, handing each
+    // piece to dataAvailable.
+    virtual void threadedAcceptData(HttpServerTransaction* trans);
     virtual void dataFinished();
     virtual void onAttach(HttpServerTransaction* trans);
     virtual bool errorHappened(const SocketError& error);
@@ -318,6 +330,23 @@ public:
     // of host characters (HttpBadRequestException otherwise).
     StrSegment requestHost() const;
 
+    // --- writing on a worker: straight to the socket, the head first
+    void write(const char* data, size_t size);
+    void write(const AppendStr& data);
+    void write(const SerializedResult& data);
+    void write(const PortableIovec& data);
+    void write(PortableIovecCursor* data);
+    void postFinalResult(const SerializedResult& data);
+    // On a worker: the next piece of the body through `cursor`; false at
+    // its end. A piece stays valid until the next call.
+    bool read(PortableIovecCursor* cursor);
+    // Provider side: the exchange is to go on on a worker thread.
+    void _askForThread() { _wantsSeparateThread = true; }
+    void _writeHeadersSync();
+    void _threaded_write_chunk(const struct iovec* v, unsigned count, uint64_t size);
+    void _writeGathered(const PortableIovec& v, uint64_t size);
+    TcpSyncDataBuffer* threadedIo() const { return _threadedIo; }
+
     // --- writing, on the loop thread. The data is referenced, not copied,
     // and must stay until it is sent.
     void writeAsync(const char* data, size_t size, bool last);
@@ -374,6 +403,8 @@ public:
     bool _shouldLog = true;
     HttpTcpConnection* _connection = nullptr;
     HttpChunkedEncodingHexLength _chunkLine;  // the size line of the chunk being sent
+    size_t _owedConsume = 0;                  // peeked by a threaded read, to consume
+    PortableIovec _readIov;                   // what a threaded read hands out
 
     // Reply flow
     http_status_code_t _statusCode = 200;
@@ -425,6 +456,9 @@ private:
     void _freeProviders();
     void _freeAcceptors();
     void _checkIfchunkedClientSentTooLittle();
+    enum chunk_walk_t { CHUNK_WALK_MORE, CHUNK_WALK_DATA, CHUNK_WALK_DONE };
+    // Walks chunk sizes and extensions up to a chunk's data or the body's end.
+    chunk_walk_t _walkChunkHeader(const char*& p, const char* end);
     [[noreturn]] void _chunkedClientSentTooMuch();
 
     HttpDateLine* _dateLine = &_ownDateLine;
@@ -524,8 +558,23 @@ public:
     Interval initialWriteTimeout() override;
     Interval sslHandshakeTimeout() const override;
     bool wantGracefulShutdown() override;
+    bool spawnMoreThreads(TcpAsyncDataBuffer& data, unsigned threadCount) override;
+    void errorSpawningThread(TcpAsyncDataBuffer& data, const char* what) override;
+    void workerReturned(TcpAsyncDataBuffer& data) override;
 
     HttpTcpConnection& connection() { return *_conn; }
+    HttpListener* listener() const { return _listener; }
+
+    // The exchange on a worker thread.
+    class HttpThreadedCommunicationHandler : public TcpChannelThreadedHandler {
+    public:
+        explicit HttpThreadedCommunicationHandler(HttpListeningConnection* c) : _c(c) {}
+        atr communicate(TcpSyncDataBuffer& buf) override;
+
+    private:
+        bool _communicate(TcpSyncDataBuffer& buf);
+        HttpListeningConnection* _c;
+    };
 
 private:
     // One pass of the exchange's state machine; returns when it needs input
@@ -538,6 +587,9 @@ private:
     void _startReply(TcpAsyncDataBuffer& data);
     void _queueBody(TcpAsyncDataBuffer& data);
     void _endTransaction(TcpAsyncDataBuffer& data);
+    void _sendHead(TcpAsyncDataBuffer& data, bool head);
+    void _handToWorker(TcpAsyncDataBuffer& data, bool bodyRead);
+    void _finishThreadSpawnError(TcpAsyncDataBuffer& data);
     bool _notifyProviders(const SocketError& err);
 
     HttpListener* _listener;

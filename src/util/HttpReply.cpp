@@ -223,9 +223,27 @@ void NullHttpReplyDataProvider::getPreBody(HttpServerTransaction*) {}
 void NullHttpReplyDataProvider::getBody(HttpServerTransaction*) {}
 NullHttpReplyDataProvider nullHttpReplyDataProvider;
 
+void ThreadedStringHttpDataProvider::getPreBody(HttpServerTransaction* trans) {
+    if (!trans->isInOwnThread()) {
+        trans->_askForThread();
+        return;
+    }
+    fill(trans, &trans->_astr);
+    trans->postFinalResult(trans->_astr);
+}
+
 HttpRequestDataAcceptor::~HttpRequestDataAcceptor() = default;
 void HttpRequestDataAcceptor::dataAvailable(const StrSegment&) {}
 void HttpRequestDataAcceptor::dataFinished() {}
+
+void HttpRequestDataAcceptor::threadedAcceptData(HttpServerTransaction* trans) {
+    ASSERT(trans->isInOwnThread());
+    PortableIovecCursor cursor;
+    while (trans->read(&cursor)) {
+        StrSegment piece;
+        while (cursor.getSeg(&piece)) dataAvailable(piece);
+    }
+}
 void HttpRequestDataAcceptor::onAttach(HttpServerTransaction*) {}
 bool HttpRequestDataAcceptor::errorHappened(const SocketError&) { return false; }
 void HttpRequestDataAcceptor::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
@@ -617,6 +635,114 @@ void HttpServerTransaction::postFinalResult(const AppendStr& data) {
     if (data.size() != 0) _toSend.addReference(data);
     _toSendState = TOSEND_HAS_FINAL_ITEM;
     _toSendSafe = &data == &_astr;
+}
+
+// ---------------------------------------------------------------- writing on a worker
+
+void HttpServerTransaction::_writeHeadersSync() {
+    if (!_checkHttpPreconditions()) throw HttpPreconditionFailedException();
+    const bool head = _internal_prepareReplyHeaders();
+    _alreadyBuiltHeaders = true;
+    if (head) _threadedIo->write(_headerBlock);
+}
+
+void HttpServerTransaction::_threaded_write_chunk(const struct iovec* v, unsigned count,
+                                                  uint64_t size) {
+    if (_chunkedState == CHUNKED_NONE) {
+        _threadedIo->writev(v, count);
+        return;
+    }
+    // The size line and the data in one gathered write.
+    _chunkLine.fill(size, _chunkedState == CHUNKED_MIDDLE);
+    _chunkedState = CHUNKED_MIDDLE;
+    PortableIovec all;
+    all.push_back(_chunkLine.seg().data(), _chunkLine.seg().size());
+    for (unsigned i = 0; i < count; ++i) all.push_back(v[i].iov_base, v[i].iov_len);
+    _threadedIo->writev(&all[0], unsigned(all.size()));
+}
+
+namespace {
+// The pieces of any body form as one gather list.
+template <class F>
+PortableIovec gather(F forEach, uint64_t* size) {
+    PortableIovec v;
+    *size = 0;
+    forEach([&](const char* p, size_t n) {
+        if (n == 0) return;
+        v.push_back(p, n);
+        *size += n;
+    });
+    return v;
+}
+}  // namespace
+
+void HttpServerTransaction::_writeGathered(const PortableIovec& v, uint64_t size) {
+    ASSERT(isInOwnThread());
+    ASSERT(_toSendState < TOSEND_HAS_FINAL_ITEM);
+    if (_receivingRequestDataForever || size == 0) return;
+    if (!_alreadyBuiltHeaders) {
+        _bodyBytesWritten += file_offset_t(size);
+        ScopedTcpSyncDataCork cork(*_threadedIo);
+        _writeHeadersSync();
+        if (_needToSendBody) {
+            _threaded_write_chunk(&v[0], unsigned(v.size()), size);
+        } else {
+            _bodyBytesWritten -= file_offset_t(size);
+        }
+        return;
+    }
+    if (!_needToSendBody) return;
+    _bodyBytesWritten += file_offset_t(size);
+    _threaded_write_chunk(&v[0], unsigned(v.size()), size);
+}
+
+void HttpServerTransaction::write(const char* data, size_t size) {
+    PortableIovec v;
+    if (size != 0) v.push_back(data, size);
+    _writeGathered(v, size);
+}
+
+void HttpServerTransaction::write(const AppendStr& data) {
+    uint64_t size;
+    const PortableIovec v = gather(
+        [&](auto f) {
+            PortableIovecCursor c;
+            c.start(data);
+            for (StrSegment seg; c.getSeg(&seg);) f(seg.data(), seg.size());
+        },
+        &size);
+    _writeGathered(v, size);
+}
+
+void HttpServerTransaction::write(const SerializedResult& data) {
+    uint64_t size;
+    const PortableIovec v = gather([&](auto f) { data.forEachPiece(f); }, &size);
+    _writeGathered(v, size);
+}
+
+void HttpServerTransaction::write(const PortableIovec& data) {
+    uint64_t size = 0;
+    for (size_t i = 0; i < data.size(); ++i) size += data[i].iov_len;
+    if (size == 0) return;
+    _writeGathered(data, size);
+}
+
+void HttpServerTransaction::write(PortableIovecCursor* data) {
+    uint64_t size;
+    const PortableIovec v = gather(
+        [&](auto f) {
+            for (StrSegment seg; data->getSeg(&seg);) f(seg.data(), seg.size());
+        },
+        &size);
+    _writeGathered(v, size);
+}
+
+void HttpServerTransaction::postFinalResult(const SerializedResult& data) {
+    ASSERT(_toSendState < TOSEND_HAS_FINAL_ITEM);
+    if (_bodyBytesWritten == 0) onlyWriteSizeIs(file_offset_t(data.size()));
+    if (data.size() != 0) _toSend.addReference(data);
+    _toSendState = TOSEND_HAS_FINAL_ITEM;
+    _toSendSafe = false;
 }
 
 // ---------------------------------------------------------------- errors into replies

@@ -150,6 +150,7 @@ void TcpChannel::unlinkFromActiveList() {
 
 void TcpChannel::connectionEstablished(TcpAsyncDataBuffer&) {}
 bool TcpChannel::asyncWriteComplete() { return false; }
+void TcpChannel::workerReturned(TcpAsyncDataBuffer&) {}
 
 void TcpChannel::errorHappened(const SocketError& err) {
     Str text("TcpChannel error: ");
@@ -225,6 +226,7 @@ bool TcpChannel::when_events(PollableDescriptor fd) {
             return true;
         }
         lock.unlock();
+        workerReturned(_data);
         // Input the worker left (a pipelined request, say) is news to
         // the asynchronous side.
         dataDue = !_data._rbuf.empty();

@@ -359,6 +359,10 @@ public:
     virtual bool spawnMoreThreads(TcpAsyncDataBuffer& data, unsigned threadCount);
     virtual void errorSpawningThread(TcpAsyncDataBuffer& data, const char* what);
     virtual bool wantGracefulShutdown();
+    // On the loop thread, once a worker handed the connection back to
+    // asynchronous mode: a channel with output of its own to finish (a reply
+    // the worker prepared) queues it here.
+    virtual void workerReturned(TcpAsyncDataBuffer& data);
 
     bool when_events(PollableDescriptor fd) override;
     void after_eof(PollableDescriptor fd) override;

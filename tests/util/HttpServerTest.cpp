@@ -45,6 +45,31 @@ private:
     int _next = 0;
 };
 
+// Made on a worker thread: what the worker saw.
+class WorkerEcho : public ThreadedStringHttpDataProvider {
+public:
+    void fill(HttpServerTransaction* t, AppendStr* out) override {
+        t->setContentType(&HttpContentType::TYPE_PLAINTEXT);
+        out->appendFormat("worker=%d received=%lld", int(t->isInOwnThread()),
+                          (long long)t->_bytesReceived);
+        for (const auto& arg : t->postArguments().arguments()) {
+            out->appendFormat(" %s=%s", arg.key.c_str(), arg.value.c_str());
+        }
+    }
+};
+
+// Writes its body straight to the socket from a worker, in pieces.
+class WorkerStream : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* t) override {
+        if (!t->isInOwnThread()) t->_askForThread();
+    }
+    void getBody(HttpServerTransaction* t) override {
+        for (const char* piece : {"alpha,", "beta,", "gamma"}) t->write(piece, strlen(piece));
+        HttpReplyDataProvider::getBody(t);  // no more
+    }
+};
+
 class TestListener : public HttpListener {
 public:
     void dispatch(HttpServerTransaction* t) override {
@@ -56,6 +81,10 @@ public:
             if (url == "/echo/discard") t->stopParsingRequestData();
         } else if (url == "/pieces") {
             t->setReplyDataProviderAndClaim(new ThreePiecesProvider);
+        } else if (url == "/threaded") {
+            t->setReplyDataProviderAndClaim(new WorkerEcho);
+        } else if (url == "/stream") {
+            t->setReplyDataProviderAndClaim(new WorkerStream);
         } else if (url == "/refuse") {
             t->setStatusFormat(403, "Not for you");
         }  // else: the default 404
@@ -83,6 +112,7 @@ public:
         _loop.terminate();
         _runner->join();
     }
+    TestListener& listener() { return *_listener; }
     std::string url(const std::string& path) const {
         return "http://127.0.0.1:" + std::to_string(port) + path;
     }
@@ -265,6 +295,44 @@ TEST(HttpServer, BadRequestsAreAnsweredAndTheConnectionClosed) {
     }
     // A good request after all that is still served.
     EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+}
+
+TEST(HttpServer, RepliesMadeOnWorkerThreads) {
+    HttpTestServer server;
+    testsupport::ScratchDir dir;
+    testsupport::writeFile(dir / "form", "a=1&b=" + std::string(200000, 'x'));
+    const auto r = runProcess(
+        {"/usr/bin/env", "python3", "-c",
+         "import http.client, sys\n"
+         "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=20)\n"
+         "form = open(sys.argv[2], 'rb').read()\n"
+         "def chunks():\n"
+         "    yield form[:3]; yield form[3:100]; yield form[100:]\n"
+         "for method, url, body, enc in [('GET', '/threaded', None, False),\n"
+         "        ('POST', '/threaded', form, False), ('POST', '/threaded', chunks(), True),\n"
+         "        ('GET', '/stream', None, False), ('HEAD', '/stream', None, False),\n"
+         "        ('GET', '/hello', None, False)]:\n"
+         "    c.request(method, url, body=body, encode_chunked=enc,\n"
+         "              headers={'Transfer-Encoding': 'chunked'} if enc else {})\n"
+         "    r = c.getresponse()\n"
+         "    print(method, url, r.status, r.getheader('Transfer-Encoding'), r.read()[:40])\n",
+         std::to_string(server.port), dir / "form"});
+    EXPECT_EQ(r.out,
+              "GET /threaded 200 None b'worker=1 received=0'\n"
+              "POST /threaded 200 None b'worker=1 received=200006 a=1 b=xxxxxxxxx'\n"
+              "POST /threaded 200 None b'worker=1 received=200006 a=1 b=xxxxxxxxx'\n"
+              "GET /stream 200 chunked b'alpha,beta,gamma'\n"
+              "HEAD /stream 200 None b''\n"
+              "GET /hello 200 None b'hello'\n")
+        << r.err;
+}
+
+TEST(HttpServer, TheThreadLimitAnswers503) {
+    HttpTestServer server;
+    server.listener().setMaxThreads(0);
+    const auto r = runProcess({"/usr/bin/curl", "-sS", "-i", server.url("/threaded")});
+    EXPECT_EQ(r.out.substr(0, r.out.find("\r\n")),
+              "HTTP/1.1 503 Too many HTTP threads (0) already running, try again later");
 }
 
 }  // namespace
