@@ -3,6 +3,8 @@
 // exchange through its states on the event loop.
 #include "util/HttpListener.h"
 
+#include "util/HttpCompression.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -133,10 +135,10 @@ bool HttpServerTransaction::eatRequestData(const StrSegment& data, size_t* used)
     *used = n;
     if (_needToSetupRequestGunzip) {
         ASSERT(_bytesReceived == 0);
-        // A gzip body is refused before its first byte until the gunzip
-        // stage of request bodies is in place.
+        auto* gunzip = new GunzipHttpRequestData(this, _acceptor, _claimedAcceptor == _acceptor);
+        _claimedAcceptor = gunzip;  // it owns the real one now, when that was claimed
+        _acceptor = gunzip;
         _needToSetupRequestGunzip = false;
-        throw HttpClientException(415, "gzip request bodies are not accepted yet");
     }
     const StrSegment piece(data.data(), n);
     if (_wantSavedRequestData) _savedRequestData.append(piece);
@@ -229,28 +231,47 @@ bool HttpServerTransaction::read(PortableIovecCursor* cursor) {
         io.consume(_owedConsume);
         _owedConsume = 0;
     }
+    // A piece goes out as it lies, or inflated into the work buffer; false
+    // when inflating it gave nothing yet (the caller reads on).
     auto handOut = [&](const char* data, size_t n, size_t owed) {
-        if (_wantSavedRequestData) _savedRequestData.append(data, n);
         _bytesReceived += file_offset_t(n);
-        _owedConsume = owed;
-        _readIov.clear();
-        _readIov.push_back(data, n);
-        cursor->start(_readIov);
+        if (_threadedGunzip == nullptr) {
+            if (_wantSavedRequestData) _savedRequestData.append(data, n);
+            _owedConsume = owed;
+            _readIov.clear();
+            _readIov.push_back(data, n);
+            cursor->start(_readIov);
+            return true;
+        }
+        _work.clear();
+        try {
+            _threadedGunzip->provideCompressedData(data, n);
+        } catch (...) {
+            io.consume(owed);
+            throw;
+        }
+        io.consume(owed);
+        if (_work.empty()) return false;
+        if (_wantSavedRequestData) _savedRequestData.append(_work);
+        cursor->start(_work);
         return true;
+    };
+    auto atEnd = [&] {
+        if (_threadedGunzip != nullptr) _threadedGunzip->verifyInGroundState();
+        _state = END_OF_TRANSACTION;
+        return false;
     };
     StrSegment seg;
     for (;;) {
         switch (_state) {
             case EATING_REQUEST_DATA: {
-                if (_bytesLeftInRequestDataChunk == 0) {
-                    _state = END_OF_TRANSACTION;
-                    return false;
-                }
+                if (_bytesLeftInRequestDataChunk == 0) return atEnd();
                 if (io.peek(&seg) == 0) throw TcpChannel::Error(SocketError::eof());
                 const size_t n = size_t(std::min<file_offset_t>(_bytesLeftInRequestDataChunk,
                                                                 file_offset_t(seg.size())));
                 _bytesLeftInRequestDataChunk -= file_offset_t(n);
-                return handOut(seg.data(), n, n);
+                if (handOut(seg.data(), n, n)) return true;
+                continue;
             }
             case EATING_REQUEST_DATA_FOREVER: {
                 const ssize_t got = io.peek_nothrow(&seg);
@@ -260,13 +281,13 @@ bool HttpServerTransaction::read(PortableIovecCursor* cursor) {
                                                                        err.data() == ECONNABORTED ||
                                                                        err.data() == EPIPE));
                     if (!hangUp) throw TcpChannel::Error(err);
-                    _state = END_OF_TRANSACTION;  // the client's close ends the body
-                    return false;
+                    return atEnd();  // the client's close ends the body
                 }
                 if (file_offset_t(seg.size()) > _maximumRequestDataSize - _bytesReceived) {
                     _requestDataTooLarge(_bytesReceived + file_offset_t(seg.size()));
                 }
-                return handOut(seg.data(), seg.size(), seg.size());
+                if (handOut(seg.data(), seg.size(), seg.size())) return true;
+                continue;
             }
             case EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
             case EATING_REQUEST_DATA_CHUNKED_LENGTH:
@@ -284,8 +305,7 @@ bool HttpServerTransaction::read(PortableIovecCursor* cursor) {
                 const size_t walked = size_t(p - seg.begin());
                 if (w == CHUNK_WALK_DONE) {
                     io.consume(walked);
-                    _state = END_OF_TRANSACTION;
-                    return false;
+                    return atEnd();
                 }
                 if (w == CHUNK_WALK_MORE || p == seg.end()) {
                     io.consume(walked);
@@ -297,7 +317,8 @@ bool HttpServerTransaction::read(PortableIovecCursor* cursor) {
                 if (_bytesLeftInRequestDataChunk == 0) {
                     _state = EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
                 }
-                return handOut(p, n, walked + n);
+                if (handOut(p, n, walked + n)) return true;
+                continue;
             }
             default:
                 return false;
@@ -902,6 +923,16 @@ bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
         // 1. The body, if still unread.
         if (t._state == T::EATING_REQUEST_DATA ||
             t._state >= T::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET) {
+            std::unique_ptr<HttpServerTransaction::threaded_gunzip> gunzip;
+            if (t._needToSetupRequestGunzip) {
+                gunzip = std::make_unique<HttpServerTransaction::threaded_gunzip>(&t);
+                t._needToSetupRequestGunzip = false;
+            }
+            struct GunzipScope {
+                HttpServerTransaction& t;
+                ~GunzipScope() { t._threadedGunzip = nullptr; }
+            } gunzipScope{t};
+            t._threadedGunzip = gunzip.get();
             try {
                 t._owedConsume = 0;
                 t._acceptor->threadedAcceptData(&t);

@@ -211,6 +211,9 @@ public:
     static constexpr uint32_t MAX_CACHE_UNSET = ~uint32_t(0);
     static constexpr uint32_t ALL_METHODS = 127;
 
+    // Inflates a gzip body that a worker reads.
+    class threaded_gunzip;
+
     // The default provider: a 200 with nothing written becomes 404 (400 for
     // a URL that doesn't start with "/").
     class HttpReplyDataProviderDefault : public HttpReplyDataProvider {
@@ -402,9 +405,10 @@ public:
     bool _expectDisconnect = false;
     bool _shouldLog = true;
     HttpTcpConnection* _connection = nullptr;
-    HttpChunkedEncodingHexLength _chunkLine;  // the size line of the chunk being sent
-    size_t _owedConsume = 0;                  // peeked by a threaded read, to consume
-    PortableIovec _readIov;                   // what a threaded read hands out
+    HttpChunkedEncodingHexLength _chunkLine;     // the size line of the chunk being sent
+    size_t _owedConsume = 0;                     // peeked by a threaded read, to consume
+    threaded_gunzip* _threadedGunzip = nullptr;  // set while a worker reads a gzip body
+    PortableIovec _readIov;                      // what a threaded read hands out
 
     // Reply flow
     http_status_code_t _statusCode = 200;

@@ -327,6 +327,45 @@ TEST(HttpServer, RepliesMadeOnWorkerThreads) {
         << r.err;
 }
 
+// Gzip request bodies are inflated for the acceptor, on the loop and on a
+// worker; the size limit holds for the inflated body.
+TEST(HttpServer, GzipRequestBodies) {
+    HttpTestServer server;
+    testsupport::ScratchDir dir;
+    testsupport::writeFile(dir / "form", "a=1&b=" + std::string(100000, 'z'));
+    ASSERT_EQ(
+        runProcess({"/bin/sh", "-c",
+                    "cd \"$0\" && gzip -c form > form.gz && cat form.gz form.gz > twice.gz && "
+                    "head -c 100 form.gz > cut.gz && printf 'not gzip' > bad.gz && "
+                    "head -c 60000000 /dev/zero | gzip -c > bomb.gz",
+                    dir.path()})
+            .exitStatus,
+        0);
+    struct Case {
+        const char* file;
+        const char* path;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"form.gz", "/echo", " a=1 b=" + std::string(100000, 'z')},
+        {"form.gz", "/threaded", " a=1 b=" + std::string(100000, 'z')},
+        // Two members, one after the other: "b" continues into the second "a".
+        {"twice.gz", "/echo", " a=1 b=" + std::string(100000, 'z') + "a=1"},
+        {"cut.gz", "/echo", "<title>400 Truncated gzip data in request</title>"},
+        {"cut.gz", "/threaded", "<title>400 Truncated gzip data in request</title>"},
+        {"bad.gz", "/echo", "<title>400 Unparsable gzip header in request data</title>"},
+        {"bomb.gz", "/echo", "<title>413 Content-Length of "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.file) + " " + c.path);
+        const auto r =
+            runProcess({"/usr/bin/curl", "-sS", "--max-time", "30", "-H", "Content-Encoding: gzip",
+                        "-H", "Content-Type: application/x-www-form-urlencoded", "--data-binary",
+                        "@" + (dir / c.file), server.url(c.path)});
+        EXPECT_NE(r.out.find(c.expected), std::string::npos) << r.out.substr(0, 300) << r.err;
+    }
+}
+
 TEST(HttpServer, TheThreadLimitAnswers503) {
     HttpTestServer server;
     server.listener().setMaxThreads(0);
