@@ -1005,7 +1005,7 @@ bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
         if (t._alreadyBuiltHeaders) {
             t._state = t._needToSendBody ? T::SENDING_REPLY_DATA : T::END_OF_TRANSACTION;
         } else {
-            t._checkHttpPreconditions();
+            if (t._checkHttpPreconditions()) t._compressToSendBuffer();
             const bool head = t._internal_prepareReplyHeaders();
             t._alreadyBuiltHeaders = true;
             if (head) {

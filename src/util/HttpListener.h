@@ -348,6 +348,9 @@ public:
     void _writeHeadersSync();
     void _threaded_write_chunk(const struct iovec* v, unsigned count, uint64_t size);
     void _writeGathered(const PortableIovec& v, uint64_t size);
+    // On a worker, before the head: gzips a final reply of known length (500
+    // bytes or more) when compression was asked for and the client takes gzip.
+    void _compressToSendBuffer();
     TcpSyncDataBuffer* threadedIo() const { return _threadedIo; }
 
     // --- writing, on the loop thread. The data is referenced, not copied,

@@ -745,6 +745,31 @@ void HttpServerTransaction::postFinalResult(const SerializedResult& data) {
     _toSendSafe = false;
 }
 
+// ---------------------------------------------------------------- gzip of a final reply
+
+void HttpServerTransaction::_compressToSendBuffer() {
+    ASSERT(isInOwnThread());
+    if (_desiredCompressionLevel < 1 || !_knowCompleteLength || _totalScheduledLength < 500 ||
+        _replyContentEncoding.flags() != 0 || _toSendState != TOSEND_HAS_FINAL_ITEM ||
+        !_request.headers.acceptEncoding().has(HttpCompressionAlgorithm::FLAG_GZIP)) {
+        return;
+    }
+    _toSend.finalize();
+    AppendStr gz;
+    AppendStrGzipState state(_desiredCompressionLevel, 15, 9, Z_DEFAULT_STRATEGY);
+    state.startFile(&gz, _lastModified.valid() ? _lastModified.time() : _startTime);
+    state.gzip(_toSend, &gz);
+    state.endFile(&gz);
+    // Worth it only when it saves more than a little.
+    if (gz.size() + 24 >= uint64_t(_totalScheduledLength)) return;
+    _totalScheduledLength = file_offset_t(gz.size());
+    _astr.assignDestructive(&gz);
+    _toSend.resize(0);
+    _toSend.addReference(_astr);
+    _toSendSafe = true;
+    _replyContentEncoding = HttpCompressionAlgorithm::FLAG_GZIP;
+}
+
 // ---------------------------------------------------------------- errors into replies
 
 void HttpServerTransaction::_prepareErrorFromHttpException(const HttpException& e) {

@@ -58,6 +58,15 @@ public:
     }
 };
 
+// A body worth compressing, made on a worker.
+class WorkerRepeat : public ThreadedStringHttpDataProvider {
+public:
+    void fill(HttpServerTransaction* t, AppendStr* out) override {
+        t->setContentType(&HttpContentType::TYPE_PLAINTEXT);
+        for (int i = 0; i < 1000; ++i) out->appendFormat("line %d\n", i);
+    }
+};
+
 // Writes its body straight to the socket from a worker, in pieces.
 class WorkerStream : public HttpReplyDataProvider {
 public:
@@ -83,6 +92,9 @@ public:
             t->setReplyDataProviderAndClaim(new ThreePiecesProvider);
         } else if (url == "/threaded") {
             t->setReplyDataProviderAndClaim(new WorkerEcho);
+        } else if (url == "/threaded/big") {
+            t->requestCompression(6);
+            t->setReplyDataProviderAndClaim(new WorkerRepeat);
         } else if (url == "/stream") {
             t->setReplyDataProviderAndClaim(new WorkerStream);
         } else if (url == "/refuse") {
@@ -364,6 +376,21 @@ TEST(HttpServer, GzipRequestBodies) {
                         "@" + (dir / c.file), server.url(c.path)});
         EXPECT_NE(r.out.find(c.expected), std::string::npos) << r.out.substr(0, 300) << r.err;
     }
+}
+
+TEST(HttpServer, AFinalReplyIsGzippedForAClientThatTakesIt) {
+    HttpTestServer server;
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) expected += "line " + std::to_string(i) + "\n";
+    const auto gz = runProcess(
+        {"/usr/bin/curl", "-sS", "-D", "/dev/stderr", "--compressed", server.url("/threaded/big")});
+    EXPECT_EQ(gz.out, expected);
+    EXPECT_NE(gz.err.find("Content-Encoding: gzip\r\n"), std::string::npos) << gz.err;
+    EXPECT_NE(gz.err.find("Vary: Accept-Encoding\r\n"), std::string::npos) << gz.err;
+    const auto plain =
+        runProcess({"/usr/bin/curl", "-sS", "-D", "/dev/stderr", server.url("/threaded/big")});
+    EXPECT_EQ(plain.out, expected);
+    EXPECT_EQ(plain.err.find("Content-Encoding"), std::string::npos) << plain.err;
 }
 
 TEST(HttpServer, TheThreadLimitAnswers503) {
