@@ -460,7 +460,7 @@ std::unique_ptr<TcpChannel> HttpListener::factory(PollableDescriptor fd,
 }
 
 bool HttpListener::limitActiveConnections(unsigned count, bool) {
-    const unsigned max = _maxActiveConnections;
+    const unsigned max = _maxActiveConnections.load(std::memory_order_relaxed);
     if (count >= max) {
         if (!_throttling) httplistener_log.warn("%u HTTP connections active, throttling", count);
         _throttling = true;
@@ -495,7 +495,7 @@ void HttpListener::setServerName(const Str& name, const std::map<Str, Str>& head
 }
 
 void HttpListener::setMaxConnections(unsigned max) {
-    _maxActiveConnections = max;
+    _maxActiveConnections.store(max, std::memory_order_relaxed);
     if (max < 60) _wellBelowConnectionLimit.store(false);
 }
 

@@ -533,21 +533,22 @@ public:
                        bool hsts, bool includeSubDomains, bool preload);
     // Below 60 the server counts as never well below its limit.
     void setMaxConnections(unsigned max);
-    void setMaxThreads(unsigned max) { _maxThreads = max; }
+    // May change while the server runs.
+    void setMaxThreads(unsigned max) { _maxThreads.store(max, std::memory_order_relaxed); }
     void setCrossSitePolicy(const HttpServerCrossSitePolicy* policy) { _crossSitePolicy = policy; }
 
     const HttpReplyTail& replyTail() const { return _tail; }
     const HttpServerCrossSitePolicy* crossSitePolicy() const { return _crossSitePolicy; }
     bool wellBelowConnectionLimit() const { return _wellBelowConnectionLimit.load(); }
-    unsigned maxThreads() const { return _maxThreads; }
+    unsigned maxThreads() const { return _maxThreads.load(std::memory_order_relaxed); }
 
 private:
     SslServerContext* _ssl;
     HttpReplyTail _tail;
-    unsigned _maxActiveConnections = ~0u;
+    std::atomic<unsigned> _maxActiveConnections{~0u};
     std::atomic<bool> _wellBelowConnectionLimit{true};
     bool _throttling = false;
-    unsigned _maxThreads = ~0u;
+    std::atomic<unsigned> _maxThreads{~0u};
     const HttpServerCrossSitePolicy* _crossSitePolicy = &httpServerCrossSitePolicyDenyAll;
 };
 

@@ -393,6 +393,28 @@ TEST(HttpServer, AFinalReplyIsGzippedForAClientThatTakesIt) {
     EXPECT_EQ(plain.err.find("Content-Encoding"), std::string::npos) << plain.err;
 }
 
+// Many clients at once, half of them served by workers: every reply right.
+TEST(HttpServer, ConcurrentClientsWithWorkerHandlers) {
+    HttpTestServer server;
+    const auto r = runProcess(
+        {"/usr/bin/env", "python3", "-c",
+         "import http.client, sys, threading\n"
+         "bad = []\n"
+         "def client(n):\n"
+         "    c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=30)\n"
+         "    for i in range(20):\n"
+         "        url = '/threaded' if (n + i) % 2 else '/echo'\n"
+         "        c.request('POST', url, body='k=%d' % i,\n"
+         "                  headers={'Content-Type': 'application/x-www-form-urlencoded'})\n"
+         "        body = c.getresponse().read().decode()\n"
+         "        if not body.endswith('k=%d' % i): bad.append(body)\n"
+         "ts = [threading.Thread(target=client, args=(n,)) for n in range(12)]\n"
+         "[t.start() for t in ts]; [t.join() for t in ts]\n"
+         "print(len(bad), bad[:3])\n",
+         std::to_string(server.port)});
+    EXPECT_EQ(r.out, "0 []\n") << r.err;
+}
+
 TEST(HttpServer, TheThreadLimitAnswers503) {
     HttpTestServer server;
     server.listener().setMaxThreads(0);
