@@ -672,6 +672,17 @@ void HttpHeaders::setDestructive(const HttpHeader::queryable_key& key, Str& valu
 
 void HttpHeaders::add(const HttpHeader& h) { _h.push_back(h); }
 
+void HttpHeaders::_addRawLine(Str& line, uint32_t valueOffset) {
+    ASSERT(valueOffset > 0 && valueOffset <= line.size());
+    _h.emplace_back();
+    _h.back()._s.swap(line);
+    _h.back()._valueOffset = valueOffset;
+}
+
+void HttpHeaders::_forgetKey(const HttpHeader::queryable_key& key) {
+    _slots[key.slot].first = _slots[key.slot].last = NONE;
+}
+
 void HttpHeaders::addFormat(const HttpHeader::predefined_key& key, const char* format, ...) {
     Str value;
     va_list args;

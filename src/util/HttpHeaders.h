@@ -353,6 +353,11 @@ public:
     void addBasicAuthentication(const Str& user, const Str& password);
     // Checks the cookie (HttpInternalErrorException) and adds its Set-Cookie.
     void addCookie(const HttpCookie& cookie);
+    // A whole "Key: value" line taken over from elsewhere, the value at
+    // `valueOffset`; found by no lookup. The string is swapped in.
+    void _addRawLine(Str& line, uint32_t valueOffset);
+    // Lookups of the key find nothing from here on; the headers stay.
+    void _forgetKey(const HttpHeader::queryable_key& key);
     // One received line. The bytes taken, 0 at the end of the head; a
     // malformed line throws HttpBadRequestException.
     size_t addParsedHeaderLine(Str* line, StrVector* freeList);

@@ -4,6 +4,7 @@
 #include "util/HttpListener.h"
 
 #include "util/HttpCompression.h"
+#include "util/UriPiece.h"
 
 #include <cerrno>
 #include <cstring>
@@ -331,10 +332,161 @@ constexpr CharacterClass kHostChars(
     "[]:_-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
 }
 
-StrSegment HttpServerTransaction::requestHost() const {
+namespace {
+bool isIpLiteral(StrSegment text) {
+    ParsedIpv4Address v4;
+    ParsedIpv6Address v6;
+    return mem_parse_into(text.data(), text.size(), &v4) ||
+           mem_parse_into(text.data(), text.size(), &v6);
+}
+
+StrSegment trimmed(StrSegment s) {
+    while (!s.empty() && (s[0] == ' ' || s[0] == '\t')) s = s.substr(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.pop_back();
+    return s;
+}
+
+bool equalsNoCase(StrSegment s, const char* z) {
+    const size_t n = strlen(z);
+    if (s.size() != n) return false;
+    for (size_t i = 0; i < n; ++i) {
+        if ((s[i] | 0x20) != (z[i] | 0x20)) return false;
+    }
+    return true;
+}
+
+void checkHostChars(StrSegment host, const char* what) {
+    for (char c : host) {
+        if (!kHostChars.contains(c)) {
+            httplistener_log.error("%s contains invalid char, host = %.*s", what, int(host.size()),
+                                   host.data());
+            throw HttpBadRequestException("Host header contains invalid characters");
+        }
+    }
+}
+}  // namespace
+
+Str HttpServerTransaction::ip() {
+    if (_overrideSourceState & OVERRIDESOURCE_ALLOW) {
+        if (!(_overrideSourceState & OVERRIDESOURCE_DID_IP)) {
+            _overrideSourceState |= OVERRIDESOURCE_DID_IP;
+            _overrideSource.clear();
+            if (const HttpHeader* h = _request.headers.get(HttpHeader::__qkey_x_forwarded_for)) {
+                StrSegment v = h->value();
+                v = trimmed(v.substr(0, v.find(',')));
+                if (v.size() >= 2 && v[0] == '[' && v.back() == ']') v = v.substr(1, v.size() - 2);
+                if (isIpLiteral(v)) _overrideSource.assign(v.data(), v.size());
+            }
+        }
+        if (!_overrideSource.empty()) return _overrideSource;
+    }
+    return _connection != nullptr ? _connection->peer().ip() : Str();
+}
+
+Str HttpServerTransaction::reverseDns() {
+    const Str address = ip();
+    if ((_overrideSourceState & OVERRIDESOURCE_ALLOW) && !_overrideSource.empty()) {
+        if (!(_overrideSourceState & OVERRIDESOURCE_DID_REVDNS)) {
+            _overrideSourceState |= OVERRIDESOURCE_DID_REVDNS;
+            IPv46SocketAddress a;
+            _overrideRevdns = a.setHostname(_overrideSource.c_str()) ? a.reverseDns() : address;
+        }
+        return _overrideRevdns;
+    }
+    return _connection != nullptr ? _connection->peer().reverseDns() : address;
+}
+
+bool HttpServerTransaction::isHttps() {
+    // No TLS channel exists in this build: the real connection is plain.
+    const bool real = false;
+    if (!(_overrideSourceState & OVERRIDESOURCE_ALLOW)) return real;
+    if (_overrideSourceState & OVERRIDESOURCE_DID_PROTO) {
+        return (_overrideSourceState & OVERRIDESOURCE_PROTO_IS_HTTPS) != 0;
+    }
+    struct Rule {
+        const HttpHeader::queryable_key* key;
+        const char* yes;
+        const char* no;
+    };
+    const Rule rules[] = {
+        {&HttpHeader::__qkey_x_forwarded_proto, "https", "http"},
+        {&HttpHeader::__qkey_x_forwarded_ssl, "on", "off"},
+        {&HttpHeader::__qkey_front_end_https, "on", "off"},
+        {&HttpHeader::__qkey_x_forwarded_protocol, "https", "http"},
+        {&HttpHeader::__qkey_x_url_scheme, "https", "http"},
+    };
+    int decided = -1;
+    for (const Rule& r : rules) {
+        for (auto it = _request.headers.find(*r.key); decided < 0 && it != _request.headers.end();
+             _request.headers.getNextWithKey(&it)) {
+            const StrSegment v = trimmed(it->value());
+            if (equalsNoCase(v, r.yes)) decided = 1;
+            if (equalsNoCase(v, r.no)) decided = 0;
+        }
+        if (decided >= 0) break;
+    }
+    const bool https = decided < 0 ? real : decided == 1;
+    _overrideSourceState |= OVERRIDESOURCE_DID_PROTO | (https ? OVERRIDESOURCE_PROTO_IS_HTTPS : 0);
+    return https;
+}
+
+Str HttpServerTransaction::requestHost() {
+    if ((_overrideSourceState & OVERRIDESOURCE_ALLOW) &&
+        !(_overrideSourceState & OVERRIDESOURCE_DID_HOSTHDR)) {
+        _overrideSourceState |= OVERRIDESOURCE_DID_HOSTHDR;
+        _overrideHostHdr.clear();
+        if (const HttpHeader* h = _request.headers.get(HttpHeader::__qkey_x_forwarded_host)) {
+            StrSegment host = trimmed(h->value());
+            bool withPort = false;
+            if (!host.empty() && host[0] == '[') {
+                if (host.find(StrSegment("]:")) != StrSegment::npos) {
+                    withPort = true;  // used as it stands
+                } else {
+                    if (host.back() == ']') host.pop_back();
+                    host = host.substr(1);
+                }
+            } else if (host.find(':') != StrSegment::npos) {
+                ParsedIpv6Address v6;
+                withPort = !mem_parse_into(host.data(), host.size(), &v6);
+            }
+            if (withPort) {
+                _overrideHostHdr.assign(host.data(), host.size());
+            } else {
+                Str bare(host.data(), host.size());
+                if (const HttpHeader* p =
+                        _request.headers.get(HttpHeader::__qkey_x_forwarded_port)) {
+                    _overrideHostHdr = bare.find(':') != Str::npos ? "[" + bare + "]" : bare;
+                    _overrideHostHdr.push_back(':');
+                    _overrideHostHdr.append(trimmed(p->value()));
+                    withPort = true;
+                } else {
+                    _overrideHostHdr = bare;
+                }
+            }
+            if (withPort) {
+                HostAndPort hp;
+                if (!mem_parse_into(_overrideHostHdr.data(), _overrideHostHdr.size(), &hp)) {
+                    _overrideHostHdr.clear();
+                } else {
+                    const unsigned port = hp.port().value();
+                    const bool https = isHttps();
+                    if ((port == 80 && !https) || (port == 443 && https)) {
+                        _overrideHostHdr.assign(hp.host());
+                        if (_overrideHostHdr.find(':') != Str::npos) {
+                            _overrideHostHdr = "[" + _overrideHostHdr + "]";
+                        }
+                    }
+                }
+            }
+        }
+    }
+    if (!_overrideHostHdr.empty()) {
+        checkHostChars(_overrideHostHdr.seg(), "HTTP Override Host Header");
+        return _overrideHostHdr;
+    }
     auto it = _request.headers.find(HttpHeader::__qkey_host);
     if (_request.firstLine._version < HTTPVERSION_1_1) {
-        return it == _request.headers.end() ? StrSegment() : it->value();
+        return it == _request.headers.end() ? Str() : Str(it->value());
     }
     if (it == _request.headers.end()) {
         httplistener_log.info("HTTP Host Header is missing");
@@ -347,14 +499,114 @@ StrSegment HttpServerTransaction::requestHost() const {
         httplistener_log.info("HTTP request message contains more than one Host header");
         throw HttpBadRequestException("Request message contains more than one Host header");
     }
-    for (char c : host) {
-        if (!kHostChars.contains(c)) {
-            httplistener_log.info("HTTP Host Header contains invalid char, host = %.*s",
-                                  int(host.size()), host.data());
-            throw HttpBadRequestException("Host header contains invalid characters");
+    checkHostChars(host, "HTTP Host Header");
+    return Str(host);
+}
+
+// ---------------------------------------------------------------- taking over a proxied reply
+
+HttpHeaderCopyPolicy::~HttpHeaderCopyPolicy() = default;
+
+void HttpUpdateServerTransactionFromProxiedHeader::add(HttpServerTransaction* t,
+                                                       const StrSegment& key,
+                                                       const StrSegment& value) {
+    auto appendRaw = [&] {
+        Str line(key);
+        line.append(": ", 2);
+        const uint32_t offset = uint32_t(line.size());
+        line.append(value);
+        t->extraHeaders()._addRawLine(line, offset);
+    };
+    if (equalsNoCase(key, "ETag")) {
+        StrSegment v = trimmed(value);
+        bool weak = false;
+        if (v.size() >= 2 && (v[0] == 'W' || v[0] == 'w') && v[1] == '/') {
+            v = v.substr(2);
+            weak = true;
         }
+        if (v.size() >= 2 && v[0] == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
+        if (!v.empty()) t->setEtag(v, weak);
+    } else if (equalsNoCase(key, "Last-Modified")) {
+        HttpHeaders h;
+        Str line("X: ");
+        line.append(value);
+        h.addParsedHeaderLine(&line, nullptr);
+        Timeval when;
+        if (h.begin()->parseTimeInto(&when)) t->setLastModified(when);
+    } else if (equalsNoCase(key, "Expires")) {
+        _expires.assign(value.data(), value.size());
+    } else if (equalsNoCase(key, "Cache-Control")) {
+        StrSegment rest = value, token;
+        while (get_next_token(rest, &token, ',')) {
+            using T = HttpServerTransaction;
+            if (equalsNoCase(token, "no-store")) {
+                t->_cacheControl |= T::CACHE_NO_STORE;
+            } else if (equalsNoCase(token, "no-cache")) {
+                t->_cacheControl |= T::CACHE_NO_CACHE;
+            } else if (equalsNoCase(token, "must-revalidate")) {
+                t->_cacheControl |= T::CACHE_MUST_REVALIDATE;
+            } else if (equalsNoCase(token, "public")) {
+                t->_cacheControl =
+                    (t->_cacheControl & ~(T::CACHE_PUBLIC | T::CACHE_PRIVATE)) | T::CACHE_PUBLIC;
+            } else if (equalsNoCase(token, "private")) {
+                t->_cacheControl =
+                    (t->_cacheControl & ~(T::CACHE_PUBLIC | T::CACHE_PRIVATE)) | T::CACHE_PRIVATE;
+            } else if (token.size() > 8 && equalsNoCase(token.substr(0, 8), "max-age=")) {
+                const StrSegment v = trimmed(token.substr(8));
+                unsigned long seconds;
+                if (!v.empty() && v[0] == '-') {
+                    t->_maxCacheSeconds = 0;
+                } else if (!mem_tryToUnsignedLong(v.data(), v.size(), &seconds)) {
+                    t->_maxCacheSeconds = 0;
+                } else {
+                    t->_maxCacheSeconds = seconds >= 30000001 ? 31536000 : uint32_t(seconds);
+                }
+                _sawMaxAge = true;
+            }
+        }
+    } else if (equalsNoCase(key, "Allow")) {
+        StrSegment rest = value, token;
+        while (get_next_token(rest, &token, ',')) {
+            HttpMethod m;
+            if (mem_parse_into(token.data(), token.size(), &m)) {
+                t->_allowedMethods = HttpMethod(t->_allowedMethods | m);
+            }
+        }
+    } else if (equalsNoCase(key, "Content-Type")) {
+        _contentType.set(value.data(), value.size());
+        t->setContentType(&_contentType);
+    } else if (equalsNoCase(key, "Vary")) {
+        t->_varyBy._add(value.data(), value.size());
+    } else if (equalsNoCase(key, "X-Frame-Options")) {
+        if (t->_dontIncludeFrameOptions) appendRaw();  // else the listener's own line stands
+    } else if (equalsNoCase(key, "Access-Control-Allow-Origin") ||
+               equalsNoCase(key, "Access-Control-Allow-Credentials") ||
+               equalsNoCase(key, "Access-Control-Allow-Methods")) {
+        // The proxied server decided: this one adds no cross-origin lines.
+        t->_request.headers._forgetKey(HttpHeader::__qkey_origin);
+        appendRaw();
+    } else {
+        appendRaw();
     }
-    return host;
+}
+
+void HttpUpdateServerTransactionFromProxiedHeader::add(HttpServerTransaction* t,
+                                                       const HttpHeaders& headers,
+                                                       HttpHeaderCopyPolicy& policy) {
+    for (const HttpHeader& h : headers) {
+        if (policy.shouldCopy(h)) add(t, h.key(), h.value());
+    }
+}
+
+void HttpUpdateServerTransactionFromProxiedHeader::finish(HttpServerTransaction* t) {
+    if (_sawMaxAge || _expires.empty()) return;
+    HttpHeaders h;
+    Str line("X: " + _expires);
+    h.addParsedHeaderLine(&line, nullptr);
+    Timeval when;
+    if (!h.begin()->parseTimeInto(&when)) return;
+    const int64_t ahead = when.sec() - Timeval::now().sec();
+    t->_maxCacheSeconds = ahead <= 0 ? 0 : ahead <= 30000000 ? uint32_t(ahead) : 31536000;
 }
 
 bool HttpServerTransaction::_checkHttpPreconditions() {

@@ -329,9 +329,27 @@ public:
                _state >= EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET;
     }
     HttpTcpConnection* connection() const { return _connection; }
-    // The request's host, checked: from HTTP/1.1 on exactly one Host header
-    // of host characters (HttpBadRequestException otherwise).
-    StrSegment requestHost() const;
+    // --- the true client, behind a trusted proxy
+    enum override_source_t : uint8_t {
+        OVERRIDESOURCE_ALLOW = 1,  // the peer is a trusted proxy: headers may name the client
+        OVERRIDESOURCE_DID_IP = 2,
+        OVERRIDESOURCE_DID_REVDNS = 4,
+        OVERRIDESOURCE_DID_PROTO = 8,
+        OVERRIDESOURCE_PROTO_IS_HTTPS = 16,
+        OVERRIDESOURCE_DID_HOSTHDR = 32,
+    };
+    // Trust this request's forwarding headers (from dispatch, for a peer
+    // known to be a proxy). Each fact is then worked out once.
+    void allowOverrideSource() { _overrideSourceState |= OVERRIDESOURCE_ALLOW; }
+    // The client's address: the first X-Forwarded-For entry when trusted and
+    // valid, else the peer's.
+    Str ip();
+    Str reverseDns();
+    bool isHttps();
+    // The request's host: with the override, X-Forwarded-Host (and -Port);
+    // else, from HTTP/1.1 on, exactly one Host header of host characters.
+    // HttpBadRequestException for a missing, doubled or bad one.
+    Str requestHost();
 
     // --- writing on a worker: straight to the socket, the head first
     void write(const char* data, size_t size);
@@ -411,7 +429,9 @@ public:
     HttpChunkedEncodingHexLength _chunkLine;     // the size line of the chunk being sent
     size_t _owedConsume = 0;                     // peeked by a threaded read, to consume
     threaded_gunzip* _threadedGunzip = nullptr;  // set while a worker reads a gzip body
-    PortableIovec _readIov;                      // what a threaded read hands out
+    uint8_t _overrideSourceState = 0;
+    Str _overrideSource, _overrideRevdns, _overrideHostHdr;
+    PortableIovec _readIov;  // what a threaded read hands out
 
     // Reply flow
     http_status_code_t _statusCode = 200;
@@ -606,4 +626,27 @@ private:
     bool _haveHadTransaction = false;
     bool _alreadyLoggedTimeout = false;
     bool _failed = false;  // the socket failed: nothing more is sent
+};
+
+// Which headers of a proxied reply to take over.
+class HttpHeaderCopyPolicy {
+public:
+    virtual ~HttpHeaderCopyPolicy();
+    virtual bool shouldCopy(const HttpHeader& header) = 0;
+};
+
+// Takes over the headers of a reply that came from another server: its
+// validators, cache settings, type and the rest become this reply's.
+class HttpUpdateServerTransactionFromProxiedHeader {
+public:
+    void add(HttpServerTransaction* trans, const StrSegment& key, const StrSegment& value);
+    void add(HttpServerTransaction* trans, const HttpHeaders& headers,
+             HttpHeaderCopyPolicy& policy);
+    // An Expires without a max-age becomes the cache time.
+    void finish(HttpServerTransaction* trans);
+
+private:
+    HttpContentType _contentType;
+    Str _expires;
+    bool _sawMaxAge = false;
 };
