@@ -558,6 +558,8 @@ public:
     void setCrossSitePolicy(const HttpServerCrossSitePolicy* policy) { _crossSitePolicy = policy; }
 
     const HttpReplyTail& replyTail() const { return _tail; }
+    // The TLS context connections are made over; none for plain HTTP.
+    SslServerContext* sslContext() const { return _ssl; }
     const HttpServerCrossSitePolicy* crossSitePolicy() const { return _crossSitePolicy; }
     bool wellBelowConnectionLimit() const { return _wellBelowConnectionLimit.load(); }
     unsigned maxThreads() const { return _maxThreads.load(std::memory_order_relaxed); }
