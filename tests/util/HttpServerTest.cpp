@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "support/TcpServer.h"
@@ -67,6 +68,13 @@ public:
     }
 };
 
+// Fails after its first piece has gone.
+class FailingProvider : public HttpReplyDataProvider {
+public:
+    void getPreBody(HttpServerTransaction* t) override { t->writeAsync("first,", 6, false); }
+    void getBody(HttpServerTransaction*) override { throw std::runtime_error("disk gone"); }
+};
+
 // Writes its body straight to the socket from a worker, in pieces.
 class WorkerStream : public HttpReplyDataProvider {
 public:
@@ -97,6 +105,8 @@ public:
             t->setReplyDataProviderAndClaim(new WorkerRepeat);
         } else if (url == "/stream") {
             t->setReplyDataProviderAndClaim(new WorkerStream);
+        } else if (url == "/fails") {
+            t->setReplyDataProviderAndClaim(new FailingProvider);
         } else if (url == "/refuse") {
             t->setStatusFormat(403, "Not for you");
         }  // else: the default 404
@@ -413,6 +423,20 @@ TEST(HttpServer, ConcurrentClientsWithWorkerHandlers) {
          "print(len(bad), bad[:3])\n",
          std::to_string(server.port)});
     EXPECT_EQ(r.out, "0 []\n") << r.err;
+}
+
+// A provider that fails once the head is out: the connection ends, and the
+// client sees a cut chunked body, never a second head.
+TEST(HttpServer, AProviderFailingMidwayEndsTheConnection) {
+    HttpTestServer server;
+    const std::string reply =
+        rawExchange(server.port, {"GET /fails HTTP/1.1\r\nHost: h\r\n\r\n"}, false);
+    EXPECT_EQ(reply.substr(0, 17), "HTTP/1.1 200 OK\r\n");
+    EXPECT_NE(reply.find("\r\n\r\n6\r\nfirst,"), std::string::npos) << reply;
+    EXPECT_EQ(reply.find("0\r\n\r\n"), std::string::npos) << reply;  // no end marker
+    EXPECT_EQ(count(reply, "HTTP/1.1"), 1u);
+    // The server goes on.
+    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
 }
 
 TEST(HttpServer, TheThreadLimitAnswers503) {
