@@ -2,6 +2,8 @@
 // Python's http.client and raw Python sockets.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -436,6 +438,39 @@ TEST(HttpServer, AProviderFailingMidwayEndsTheConnection) {
     EXPECT_EQ(reply.find("0\r\n\r\n"), std::string::npos) << reply;  // no end marker
     EXPECT_EQ(count(reply, "HTTP/1.1"), 1u);
     // The server goes on.
+    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+}
+
+long residentKiB() {
+    const std::string statm = testsupport::readFile("/proc/self/statm");
+    return std::stol(statm.substr(statm.find(' ') + 1)) * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Malformed heads (the fuzzer's corpus and random mutations), slow clients
+// and resets: every head gets an answer or a close, a normal request is
+// served meanwhile, and descriptors come back to where they were.
+TEST(HttpServer, MisbehavingClientsLeaveNoTrace) {
+    HttpTestServer server;
+    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+    const unsigned fdsBefore = testsupport::openDescriptors();
+    const long rssBefore = residentKiB();
+    const auto r = runProcess(
+        {"/usr/bin/env", "python3", TARVEX_SOURCE_DIR "/tests/data/http_abuse.py",
+         std::to_string(server.port), TARVEX_SOURCE_DIR "/fuzz/corpus/http_request_head"});
+    ASSERT_EQ(r.exitStatus, 0) << r.err;
+    EXPECT_NE(r.out.find("served_while_slow=yes"), std::string::npos) << r.out;
+    unsigned heads = 0, replies = 0;
+    ASSERT_EQ(sscanf(r.out.c_str(), "heads=%u replies=%u", &heads, &replies), 2) << r.out;
+    EXPECT_GT(replies, heads / 2) << r.out;  // most get an answer; the rest were cut short
+    // The server lets go of every connection once its clients are gone.
+    EXPECT_TRUE(
+        testsupport::waitUntil([&] { return testsupport::openDescriptors() <= fdsBefore; }, 20.0))
+        << testsupport::openDescriptors() << " descriptors, " << fdsBefore << " before";
+    const long rssAfter = residentKiB();
+    printf("robustness: %s; descriptors %u before, %u after; RSS %ld KiB before, %ld after\n",
+           r.out.substr(0, r.out.find('\n')).c_str(), fdsBefore, testsupport::openDescriptors(),
+           rssBefore, rssAfter);
+    EXPECT_LT(rssAfter - rssBefore, 64 * 1024);
     EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
 }
 
