@@ -107,6 +107,9 @@ public:
             t->setReplyDataProviderAndClaim(new WorkerRepeat);
         } else if (url == "/stream") {
             t->setReplyDataProviderAndClaim(new WorkerStream);
+        } else if (url == "/small") {
+            t->setMaximumRequestDataSize(10);
+            t->setReplyDataProviderAndClaim(new EchoBodyProvider);
         } else if (url == "/fails") {
             t->setReplyDataProviderAndClaim(new FailingProvider);
         } else if (url == "/refuse") {
@@ -115,9 +118,17 @@ public:
     }
 };
 
+// Short time-outs, for the tests of slow and idle clients.
+class QuickListener : public TestListener {
+public:
+    Interval initialRequestTimeout() override { return Interval(300); }
+    Interval ioTimeout() override { return Interval(300); }
+    Interval keepaliveIdleTimeout(bool) override { return Interval(300); }
+};
+
 class HttpTestServer {
 public:
-    HttpTestServer() : _listener(new TestListener) {
+    explicit HttpTestServer(TestListener* listener = new TestListener) : _listener(listener) {
         _listener->setServerName("tarvex-test");
         IPv46SocketAddress where;
         where.setIpv4Localhost();
@@ -284,6 +295,10 @@ TEST(HttpServer, BadRequestsAreAnsweredAndTheConnectionClosed) {
         {"BREW /pot HTTP/1.1\r\nHost: h\r\n\r\n", "HTTP/1.1 501 Method not implemented"},
         {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: -1\r\n\r\n",
          "HTTP/1.1 413 Invalid Content-Length"},
+        {"POST /small HTTP/1.1\r\nHost: h\r\nContent-Length: 11\r\n\r\n12345678901",
+         "HTTP/1.1 413 Content-Length of 11 too large (maximum is 10)"},
+        {"POST /small HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nb\r\n",
+         "HTTP/1.1 413 Content-Length of 11 too large (maximum is 10)"},
         {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: gzip\r\n\r\n",
          "HTTP/1.1 501 Unknown Transfer-Encoding"},
         {"POST /echo HTTP/1.1\r\nHost: h\r\nExpect: 200-ok\r\n\r\n",
@@ -472,6 +487,41 @@ TEST(HttpServer, MisbehavingClientsLeaveNoTrace) {
            rssBefore, rssAfter);
     EXPECT_LT(rssAfter - rssBefore, 64 * 1024);
     EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+}
+
+// A client that stops in the middle of a head, one that never sends, and an
+// idle keep-alive connection are all let go when their time runs out.
+TEST(HttpServer, SlowAndIdleClientsTimeOut) {
+    HttpTestServer server(new QuickListener);
+    const auto r = runProcess(
+        {"/usr/bin/env", "python3", "-c",
+         "import socket, sys, time\n"
+         "def closed_after(first):\n"
+         "    s = socket.create_connection(('127.0.0.1', int(sys.argv[1])), timeout=10)\n"
+         "    if first: s.sendall(first)\n"
+         "    t = time.time(); out = b''\n"
+         "    while True:\n"
+         "        d = s.recv(4096)\n"
+         "        if not d: break\n"
+         "        out += d\n"
+         "        if out.endswith(b'hello'): t = time.time()\n"
+         "    return out, time.time() - t\n"
+         "for first in [b'GET /hello HTTP/1.1\\r\\nHo', b'',\n"
+         "              b'GET /hello HTTP/1.1\\r\\nHost: h\\r\\n\\r\\n']:\n"
+         "    out, waited = closed_after(first)\n"
+         "    print(out.count(b'HTTP/1.1 200'), 0.2 < waited < 5)\n",
+         std::to_string(server.port)});
+    EXPECT_EQ(r.out, "0 True\n0 True\n1 True\n") << r.err;
+}
+
+// wrk's load: no errors, every reply a 200.
+TEST(HttpServer, WrkLoad) {
+    HttpTestServer server;
+    const auto r = runProcess({"/usr/bin/wrk", "-t1", "-c20", "-d1s", server.url("/hello")});
+    ASSERT_EQ(r.exitStatus, 0) << r.err;
+    EXPECT_NE(r.out.find("requests in"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("Socket errors"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("Non-2xx"), std::string::npos) << r.out;
 }
 
 TEST(HttpServer, TheThreadLimitAnswers503) {
