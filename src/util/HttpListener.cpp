@@ -3,6 +3,7 @@
 // exchange through its states on the event loop.
 #include "util/HttpListener.h"
 
+#include "util/CrashLog.h"
 #include "util/HttpCompression.h"
 #include "util/UriPiece.h"
 
@@ -656,7 +657,16 @@ HttpTcpConnection::HttpTcpConnection(HttpListener* listener, const IPv46SocketAd
 HttpTcpConnection::~HttpTcpConnection() = default;
 bool HttpTcpConnection::trustHttp11(const HttpServerRequest&) const { return true; }
 void HttpTcpConnection::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
-    crashlog_write(h, "HttpTcpConnection");
+    h.format("HttpTcpConnection %p peer=", static_cast<const void*>(this));
+    crashlog_write(h, _peerText.seg());  // made on first use; never here, in a crash
+    h.format(" keepalive=%d; ", int(_keepalive));
+    _transaction->renderCrashLogInfoTo(h);
+}
+
+void HttpListeningConnection::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    TcpChannel::renderCrashLogInfoTo(h);
+    h.format("; HTTP active=%d served=%d; ", int(_transactionActive), int(_haveHadTransaction));
+    _conn->renderCrashLogInfoTo(h);
 }
 
 const Str& HttpTcpConnection::peerText() {

@@ -589,6 +589,7 @@ public:
     Interval sslHandshakeTimeout() const override;
     bool wantGracefulShutdown() override;
     bool spawnMoreThreads(TcpAsyncDataBuffer& data, unsigned threadCount) override;
+    void renderCrashLogInfoTo(CrashLogWriteHandler& h) const override;
     void errorSpawningThread(TcpAsyncDataBuffer& data, const char* what) override;
     void workerReturned(TcpAsyncDataBuffer& data) override;
 

@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "libzero/assertion.h"
+#include "util/CrashLog.h"
 #include "util/DateTime.h"
 #include "util/Logger.h"
 
@@ -217,7 +218,9 @@ void HttpReplyDataProvider::getErrorDocument(HttpServerTransaction* trans, Appen
 void HttpReplyDataProvider::onAttach(HttpServerTransaction*) {}
 bool HttpReplyDataProvider::errorHappened(const SocketError&) { return false; }
 bool HttpReplyDataProvider::expectDisconnect() { return false; }
-void HttpReplyDataProvider::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
+void HttpReplyDataProvider::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    h.format("%p", static_cast<const void*>(this));
+}
 
 void NullHttpReplyDataProvider::getPreBody(HttpServerTransaction*) {}
 void NullHttpReplyDataProvider::getBody(HttpServerTransaction*) {}
@@ -246,7 +249,9 @@ void HttpRequestDataAcceptor::threadedAcceptData(HttpServerTransaction* trans) {
 }
 void HttpRequestDataAcceptor::onAttach(HttpServerTransaction*) {}
 bool HttpRequestDataAcceptor::errorHappened(const SocketError&) { return false; }
-void HttpRequestDataAcceptor::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
+void HttpRequestDataAcceptor::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    h.format("%p", static_cast<const void*>(this));
+}
 HttpRequestDataAcceptor doNothingHttpRequestDataAcceptor;
 
 HttpServerCrossSitePolicy::~HttpServerCrossSitePolicy() = default;
@@ -346,7 +351,26 @@ HttpServerTransaction::~HttpServerTransaction() {
 }
 
 void HttpServerTransaction::clear_extra() {}
-void HttpServerTransaction::renderCrashLogInfoTo(CrashLogWriteHandler&) const {}
+void HttpServerTransaction::renderCrashLogInfoTo(CrashLogWriteHandler& h) const {
+    // What one needs at 3 a.m.: which request, how far it got, who answers.
+    h.format("HttpServerTransaction %p state=%u ", static_cast<const void*>(this),
+             unsigned(_state));
+    h.write(method().c_str());
+    h.write(" ");
+    crashlog_write(h, url());
+    h.write(http_version_suffix(_request.firstLine._version));
+    h.format(
+        " status=%u headersBuilt=%d needBody=%d last=%d chunked=%u toSend=%u/%llu "
+        "received=%lld left=%lld written=%lld threaded=%d",
+        _statusCode, int(_alreadyBuiltHeaders), int(_needToSendBody), int(_isLastTransaction),
+        unsigned(_chunkedState), unsigned(_toSendState), (unsigned long long)_toSend.size(),
+        (long long)_bytesReceived, (long long)_bytesLeftInRequestDataChunk,
+        (long long)_bodyBytesWritten, int(_threadedIo != nullptr));
+    h.write(" provider=");
+    _provider->renderCrashLogInfoTo(h);
+    h.write(" acceptor=");
+    _acceptor->renderCrashLogInfoTo(h);
+}
 
 void HttpServerTransaction::_freeProviders() {
     delete _claimedProvider;

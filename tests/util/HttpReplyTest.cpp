@@ -388,6 +388,16 @@ TEST(HttpReply, AFailingErrorDocumentStillGivesAValidReply) {
     EXPECT_EQ(pythonReads(reply, "GET"), "500 Oops 11 201 False\n");
 }
 
+TEST(HttpReply, ACrashReportNamesTheRequestAndItsProgress) {
+    Exchange x("POST /orders/7 HTTP/1.1\r\nHost: h\r\n\r\n");
+    x.t.setStatus(409);
+    x.build();
+    const std::string text = testsupport::crashText(x.t);
+    EXPECT_NE(text.find("state=0 POST /orders/7 HTTP/1.1 status=409 headersBuilt=1"),
+              std::string::npos)
+        << text;
+}
+
 TEST(HttpReply, HttpZeroNineGetsTheBodyAlone) {
     Exchange x("GET /x\r\n");
     x.t.contents(&HttpContentType::TYPE_PLAINTEXT).append("raw");
