@@ -16,7 +16,6 @@
 #include <cstring>
 #include <memory>
 
-#include "util/FileDescriptor.h"
 #include "util/HttpListener.h"
 #include "util/Pathname.h"
 
@@ -84,11 +83,11 @@ private:
             t->setStatusFormat(400, "Give a file name of this directory: /file?name=...");
             return;
         }
-        const Pathname path(*name);
-        ScopedFileDescriptor fd(path);
-        if (!fd.valid()) throw HttpExceptionFromErrno(name->c_str());  // 404, 403... by errno
-        const HttpContentType* type = path.httpContentType();
-        t->contents(type != nullptr ? type : &HttpContentType::TYPE_BINARY) << fd;
+        // Length, Last-Modified and ETag from the file's stat; the body in
+        // pieces as the connection takes them; 404 or 403 by errno.
+        t->setReplyDataProviderAndClaim(new StaticFileHttpDataProvider(Pathname(*name)));
+        const HttpContentType* type = Pathname(*name).httpContentType();
+        t->setContentType(type != nullptr ? type : &HttpContentType::TYPE_BINARY);
     }
 };
 

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "util/AppendStr.h"
+#include "util/FileDescriptor.h"
 #include "util/HttpArguments.h"
 #include "util/HttpContentType.h"
 #include "util/HttpException.h"
@@ -68,6 +69,28 @@ public:
     void getBody(HttpServerTransaction* trans) override;
 };
 extern NullHttpReplyDataProvider nullHttpReplyDataProvider;
+
+// A file as the reply: length, Last-Modified and a strong ETag from its stat,
+// the body read in 32 KiB pieces. A file that can't be opened answers by
+// errno (404, 403...); one that isn't a regular file is 404.
+class StaticFileHttpDataProvider : public HttpReplyDataProvider {
+public:
+    explicit StaticFileHttpDataProvider(const Pathname& path);
+    ~StaticFileHttpDataProvider() override;
+    void getPreBody(HttpServerTransaction* trans) override;
+    void getBody(HttpServerTransaction* trans) override;
+    // Once the file is accepted, before the head: a subclass may set more.
+    virtual void prepare(HttpServerTransaction* trans);
+
+private:
+    ScopedFileDescriptor _fd;
+    FileDescriptorStat _stat;
+    int _errno = 0;
+    bool _regular = false;
+    file_offset_t _left = 0;
+    std::unique_ptr<char[]> _buffer;
+    size_t _bufferSize = 0;
+};
 
 // A reply made on a worker thread, for work that blocks or takes long: the
 // exchange moves to a thread of the loop's pool, fill() makes the body there.
@@ -478,6 +501,12 @@ public:
 
 private:
     bool _finishSetLastModified();
+
+public:
+    // After a validator was set from outside (a file's stat, a proxied reply).
+    bool _finishSetEtag() { return _finishSetLastModified(); }
+
+private:
     void _appendCacheHeaders(bool forceNoCache, time_t now);
     void _appendDownloadFilename();
     void _freeProviders();

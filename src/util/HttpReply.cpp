@@ -1,5 +1,6 @@
 #include "util/HttpListener.h"
 
+#include <sys/stat.h>
 #include <cstdarg>
 #include <cstring>
 #include <exception>
@@ -225,6 +226,68 @@ void HttpReplyDataProvider::renderCrashLogInfoTo(CrashLogWriteHandler& h) const 
 void NullHttpReplyDataProvider::getPreBody(HttpServerTransaction*) {}
 void NullHttpReplyDataProvider::getBody(HttpServerTransaction*) {}
 NullHttpReplyDataProvider nullHttpReplyDataProvider;
+
+StaticFileHttpDataProvider::StaticFileHttpDataProvider(const Pathname& path) : _fd(path) {
+    if (!_fd.valid()) {
+        _errno = errno;
+        return;
+    }
+    if (!_fd.stat(&_stat)) {
+        _errno = errno;
+        httplistener_log.warn("Couldn't fstat(\"%s\"): %m", path.c_str());
+        _fd.close();
+        return;
+    }
+    if (!S_ISREG(_stat.st_mode)) {
+        httplistener_log.warn("File \"%s\" not a regular file", path.c_str());
+        _fd.close();
+        return;
+    }
+    _regular = true;
+    _left = file_offset_t(_stat.st_size);
+}
+
+StaticFileHttpDataProvider::~StaticFileHttpDataProvider() = default;
+
+void StaticFileHttpDataProvider::prepare(HttpServerTransaction*) {}
+
+void StaticFileHttpDataProvider::getPreBody(HttpServerTransaction* t) {
+    if (!_regular) {
+        if (_errno != 0) {
+            t->setStatus(http_status_code_from_portable_errno(_errno));
+            t->_statusText = strerror(_errno);
+        } else {
+            t->setStatusFormat(404, "Not a regular file");
+        }
+        return;
+    }
+    t->setContentLength(file_offset_t(_stat.st_size));
+    Timeval mtime;
+    _stat.getMtime(&mtime);
+    t->setLastModified(mtime);
+    t->_etag.set(_stat, false);
+    t->_etagp = &t->_etag;
+    t->_finishSetEtag();
+    prepare(t);
+}
+
+void StaticFileHttpDataProvider::getBody(HttpServerTransaction* t) {
+    if (_buffer == nullptr) {
+        _bufferSize = size_t(std::min<file_offset_t>(std::max<file_offset_t>(_left, 1), 32768));
+        _buffer = std::make_unique<char[]>(_bufferSize);
+    }
+    const size_t want = size_t(std::min<file_offset_t>(_left, file_offset_t(_bufferSize)));
+    if (want == 0) {
+        t->writeAsync(nullptr, 0, true);
+        return;
+    }
+    ssize_t got = _fd.read(_buffer.get(), want);
+    if (got < 0) got = 0;
+    // A file that shrank since its stat: the promised length still holds.
+    if (size_t(got) < want) memset(_buffer.get() + got, 0, want - size_t(got));
+    _left -= file_offset_t(want);
+    t->writeAsync(_buffer.get(), want, _left == 0);
+}
 
 void ThreadedStringHttpDataProvider::getPreBody(HttpServerTransaction* trans) {
     if (!trans->isInOwnThread()) {

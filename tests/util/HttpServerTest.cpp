@@ -2,6 +2,7 @@
 // Python's http.client and raw Python sockets.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cstdio>
 #include <functional>
@@ -91,6 +92,8 @@ public:
 
 class TestListener : public HttpListener {
 public:
+    std::string staticRoot;  // "/static/NAME" serves staticRoot + NAME
+
     void dispatch(HttpServerTransaction* t) override {
         const std::string url(t->url());
         if (url == "/hello") {
@@ -110,6 +113,9 @@ public:
         } else if (url == "/small") {
             t->setMaximumRequestDataSize(10);
             t->setReplyDataProviderAndClaim(new EchoBodyProvider);
+        } else if (url.rfind("/static/", 0) == 0) {
+            t->setReplyDataProviderAndClaim(
+                new StaticFileHttpDataProvider(Pathname(staticRoot + url.substr(8))));
         } else if (url == "/fails") {
             t->setReplyDataProviderAndClaim(new FailingProvider);
         } else if (url == "/refuse") {
@@ -522,6 +528,45 @@ TEST(HttpServer, WrkLoad) {
     EXPECT_NE(r.out.find("requests in"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("Socket errors"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("Non-2xx"), std::string::npos) << r.out;
+}
+
+TEST(HttpServer, FilesWithTheirValidators) {
+    HttpTestServer server;
+    testsupport::ScratchDir dir;
+    std::string bytes;
+    for (int i = 0; i < 100000; ++i) bytes.push_back(char(i * 7 + i / 251));
+    testsupport::writeFile(dir / "blob.bin", bytes);
+    ASSERT_EQ(mkdir((dir / "sub").c_str(), 0755), 0);
+    server.listener().staticRoot = dir.path() + "/";
+
+    const auto got =
+        runProcess({"/usr/bin/curl", "-sS", "-D", "/dev/stderr", server.url("/static/blob.bin")});
+    EXPECT_EQ(got.out, bytes);
+    EXPECT_NE(got.err.find("Content-Length: 100000\r\n"), std::string::npos) << got.err;
+    const size_t at = got.err.find("ETag: ");
+    ASSERT_NE(at, std::string::npos) << got.err;
+    const std::string etag = got.err.substr(at + 6, got.err.find("\r\n", at) - at - 6);
+
+    struct Case {
+        std::vector<std::string> args;
+        const char* status;
+    };
+    const Case cases[] = {
+        {{"-H", "If-None-Match: " + etag, server.url("/static/blob.bin")}, "304 Not Modified"},
+        {{"-H", "If-Modified-Since: Thu, 31 Dec 2099 23:59:59 GMT", server.url("/static/blob.bin")},
+         "304 Not Modified"},
+        {{"-H", "If-Match: \"other\"", server.url("/static/blob.bin")}, "412 Precondition Failed"},
+        {{server.url("/static/missing")}, "404 No such file or directory"},
+        {{server.url("/static/sub")}, "404 Not a regular file"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = {"/usr/bin/curl", "-sS", "-o", "/dev/null", "-D", "-"};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        const auto r = runProcess(argv);
+        EXPECT_EQ(r.out.substr(0, r.out.find("\r\n")), std::string("HTTP/1.1 ") + c.status)
+            << c.args.back() << "\n"
+            << r.out;
+    }
 }
 
 TEST(HttpServer, TheThreadLimitAnswers503) {
