@@ -295,6 +295,16 @@ void AppendStr::_trimFinalSegment(size_t length) noexcept {
 // ---------------------------------------------------------------- appending
 
 AppendStr& AppendStr::_append_slow(const char* data, size_t length) {
+    // A cleared buffer taking its first bytes again: its chunk comes back
+    // from the free list, and the element vector has room already. This is
+    // every reply on a reused connection.
+    if (_v.empty() && length <= CHUNK_SIZE && !_freeChunks.empty() && _v.capacity() != 0) {
+        char* chunk = _freeChunks.back();
+        _freeChunks.pop_back();
+        if (length) memcpy(chunk, data, length);
+        _v._v.push_back({chunk, length});  // within capacity: can't throw
+        return *this;
+    }
     _fillAppended(length, [&data](char* out, size_t n) {
         memcpy(out, data, n);
         data += n;
