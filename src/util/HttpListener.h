@@ -511,6 +511,8 @@ private:
     void _appendDownloadFilename();
     void _freeProviders();
     void _freeAcceptors();
+    template <class Add>
+    void _writeAsync(uint64_t size, bool last, bool owned, Add add);
     void _checkIfchunkedClientSentTooLittle();
     enum chunk_walk_t { CHUNK_WALK_MORE, CHUNK_WALK_DATA, CHUNK_WALK_DONE };
     // Walks chunk sizes and extensions up to a chunk's data or the body's end.

@@ -675,37 +675,29 @@ void HttpServerTransaction::onlyWriteSizeIs(file_offset_t size) {
     _knowCompleteLength = true;
 }
 
-void HttpServerTransaction::writeAsync(const char* data, size_t size, bool last) {
+// The three forms differ only in how the data is referenced.
+template <class Add>
+void HttpServerTransaction::_writeAsync(uint64_t size, bool last, bool owned, Add add) {
     ASSERT(!isInOwnThread());
     ASSERT(size != 0 || last);
     if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
         onlyWriteSizeIs(file_offset_t(size));
     }
-    if (size != 0) _toSend.addReference(data, size);
+    if (size != 0) add();
     _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    _toSendSafe = false;
+    if (!owned) _toSendSafe = false;
+}
+
+void HttpServerTransaction::writeAsync(const char* data, size_t size, bool last) {
+    _writeAsync(size, last, false, [&] { _toSend.addReference(data, size); });
 }
 
 void HttpServerTransaction::writeAsync(const AppendStr& data, bool last) {
-    ASSERT(!isInOwnThread());
-    ASSERT(data.size() != 0 || last);
-    if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
-        onlyWriteSizeIs(file_offset_t(data.size()));
-    }
-    if (data.size() != 0) _toSend.addReference(data);
-    _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    if (&data != &_astr) _toSendSafe = false;
+    _writeAsync(data.size(), last, &data == &_astr, [&] { _toSend.addReference(data); });
 }
 
 void HttpServerTransaction::writeAsync(const SerializedResult& data, bool last) {
-    ASSERT(!isInOwnThread());
-    ASSERT(data.size() != 0 || last);
-    if (last && _bodyBytesWritten == 0 && !_toSendIsSet() && _toSend.empty()) {
-        onlyWriteSizeIs(file_offset_t(data.size()));
-    }
-    if (data.size() != 0) _toSend.addReference(data);
-    _toSendState = last ? TOSEND_HAS_FINAL_ITEM : TOSEND_HAS_PARTIAL_ITEM;
-    _toSendSafe = false;
+    _writeAsync(data.size(), last, false, [&] { _toSend.addReference(data); });
 }
 
 void HttpServerTransaction::postFinalResult(const char* data, size_t size) {
