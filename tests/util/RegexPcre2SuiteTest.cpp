@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Pcre2test.h"
 #include "support/TestSupport.h"
 #include "util/Regex.h"
 
@@ -165,22 +166,6 @@ std::vector<Case> readSuite(const std::string& text, unsigned* skippedPatterns,
     return cases;
 }
 
-// Text as pcre2test prints it in UTF mode: code points past '~' as \x{hex}.
-std::string printed(StrSegment s) {
-    std::string out;
-    for (size_t k = 0; k < s.size();) {
-        const unsigned char b = static_cast<unsigned char>(s[k]);
-        const size_t n = b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
-        uint32_t cp = n == 1 ? b : b & (0x7F >> n);
-        for (size_t j = 1; j < n; ++j) cp = cp << 6 | (static_cast<unsigned char>(s[k + j]) & 0x3F);
-        char buf[16];
-        snprintf(buf, sizeof buf, cp < 0x20 || cp > 0x7E ? "\\x{%02x}" : "%c", cp);
-        out += buf;
-        k += n;
-    }
-    return out;
-}
-
 // Every byte as \xhh (in UTF mode a raw byte) but letters and digits.
 std::string escapedForPcre2test(const std::string& s) {
     std::string out = "    ";
@@ -263,7 +248,7 @@ TEST(RegexPcre2Suite, PerlCompatibleCasesAgreeWithPcre2test) {
                     if (m.isGroupSet(g)) last = g;
                 }
                 for (unsigned g = 0; g <= last; ++g) {
-                    ours.push_back(m.isGroupSet(g) ? printed(m.getGroup(g)) : "<unset>");
+                    ours.push_back(m.isGroupSet(g) ? pcre2test::printed(m.getGroup(g)) : "<unset>");
                 }
             }
         } catch (const RegexException&) {

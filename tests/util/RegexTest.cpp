@@ -11,27 +11,12 @@
 #include <vector>
 
 #include "support/AllocCounter.h"
+#include "support/Pcre2test.h"
 #include "support/TestSupport.h"
 
 namespace {
 
 using testsupport::ScratchDir;
-
-// Text as pcre2test prints it: characters past '~' as \x{hex}.
-std::string pcre2testText(StrSegment s) {
-    std::string out;
-    for (size_t k = 0; k < s.size();) {
-        const unsigned char b = static_cast<unsigned char>(s[k]);
-        const size_t n = b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
-        uint32_t cp = n == 1 ? b : b & (0x7F >> n);
-        for (size_t j = 1; j < n; ++j) cp = cp << 6 | (static_cast<unsigned char>(s[k + j]) & 0x3F);
-        char buf[16];
-        snprintf(buf, sizeof buf, "\\x{%x}", cp);
-        out += cp > 0x7E ? std::string(buf) : std::string(1, char(cp));
-        k += n;
-    }
-    return out;
-}
 
 // Groups as pcre2test prints them: "N: text", "<unset>" in the middle,
 // nothing after the last set group; "No match" alone.
@@ -45,7 +30,7 @@ std::vector<std::string> ourGroups(const char* pattern, const std::string& subje
     }
     std::vector<std::string> out;
     for (unsigned g = 0; g <= last; ++g) {
-        out.push_back(m.isGroupSet(g) ? pcre2testText(m.getGroup(g)) : "<unset>");
+        out.push_back(m.isGroupSet(g) ? pcre2test::printed(m.getGroup(g)) : "<unset>");
     }
     return out;
 }
