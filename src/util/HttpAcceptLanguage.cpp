@@ -85,10 +85,12 @@ void append_stringified(Str* dest, const HttpAcceptLanguage& v) {
 }
 
 bool HttpAcceptLanguages::isForbidden(const HttpAcceptLanguage& name) const {
-    for (const HttpAcceptLanguage& f : _forbidden) {
-        if (f.sameName(name)) return true;
-    }
-    return false;
+    // The list is sorted by name: a client can send thousands of entries.
+    const auto it = std::lower_bound(_forbidden.begin(), _forbidden.end(), name,
+                                     [](const HttpAcceptLanguage& a, const HttpAcceptLanguage& b) {
+                                         return a.compareName(b) < 0;
+                                     });
+    return it != _forbidden.end() && it->sameName(name);
 }
 
 bool mem_parse_into(const char* data, size_t length, HttpAcceptLanguages* dest) {

@@ -774,9 +774,14 @@ void HttpHeaders::addCookie(const HttpCookie& c) {
         if (c.lifetimeSeconds < 0) {
             s.append("; Expires=Thu, 01 Jan 1970 00:00:00 GMT");
         } else if (c.lifetimeSeconds > 0) {
-            s.appendFormat("; Max-Age=%ld; Expires=", c.lifetimeSeconds);
+            s.appendFormat("; Max-Age=%ld", c.lifetimeSeconds);
+            const int64_t now = Timeval::now().sec();
+            const int64_t expires =
+                c.lifetimeSeconds > INT64_MAX - now ? INT64_MAX : now + c.lifetimeSeconds;
             GmtStructTm tm;
-            if (Timeval(Timeval::now().sec() + c.lifetimeSeconds, 0).gmtime(&tm)) {
+            // A date past what can be written leaves Max-Age to speak alone.
+            if (Timeval(expires, 0).gmtime(&tm)) {
+                s.append("; Expires=");
                 tm.appendFtime(s, TimeFormat_RFC1123);
             }
         }
@@ -892,7 +897,11 @@ size_t HttpHeaders::_addParsedHeaderBytes(const char* data, size_t length, StrVe
 void HttpHeaders::clear(StrVector* freeList) {
     if (freeList != nullptr && freeList->size() < _h.size()) {
         freeList->reserve(freeList->size() + _h.size());
-        for (HttpHeader& h : _h) freeList->push_back(std::move(h._s));
+        for (HttpHeader& h : _h) {
+            // A huge line's capacity is not worth keeping: a client could
+            // otherwise pile up one more per request for the connection's life.
+            if (h._s.capacity() <= MAX_RECYCLED_CAPACITY) freeList->push_back(std::move(h._s));
+        }
     }
     _h.clear();
     if (_slotsInUse) _resetSlots();  // a reply's extra headers often used none
@@ -1373,6 +1382,7 @@ bool interpret_version_token(StrSegment t, http_version_t* out) {
 }
 
 void HttpServerRequestFirstLine::clear() {
+    if (_raw.capacity() > 8192) Str().swap(_raw);  // a 500 KB URL is not kept
     _raw.clear();
     _method = HttpMethod::UNKNOWN;
     _version = HTTPVERSION_0_9;
@@ -1442,6 +1452,7 @@ bool HttpServerRequestFirstLine::urlPieces(StrSegment* path, HttpArguments* para
                                            HttpArguments* query) const {
     StrSegment p, q;
     urlPieces(path, &p, &q);
+    if (query != nullptr) query->clear();  // no stale arguments when params fail
     if (params != nullptr && !mem_parse_into(p.data(), p.size(), params)) return false;
     if (query != nullptr && !mem_parse_into(q.data(), q.size(), query)) return false;
     return true;
@@ -1663,9 +1674,10 @@ bool HttpClientResponseParser::parse(StrSegment* in, HttpClientResponse* respons
     for (;;) {
         switch (_state) {
             case STATE_FIRST_LINE:
-                if (!in->accumulateLine(&_line)) {
+                if (!in->accumulateLine(&_line) || _line.size() > MAX_HEAD_SIZE) {
                     if (_line.size() <= MAX_HEAD_SIZE) return false;
                     clear();
+                    Str().swap(_line);
                     throw HttpRequestEntityTooLargeException("Response line too long");
                 }
                 if (_line.empty()) {

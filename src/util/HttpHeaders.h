@@ -431,6 +431,7 @@ public:
 
 private:
     static constexpr uint32_t NONE = ~uint32_t(0);
+    static constexpr size_t MAX_RECYCLED_CAPACITY = 8192;
     enum line_kind_t { LINE_END, LINE_CONTINUATION, LINE_HEADER };
     // Checks a line and starts its header (or extends the previous one).
     line_kind_t _takeParsedLine(const char* data, size_t length);

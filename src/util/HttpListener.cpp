@@ -131,17 +131,23 @@ void HttpServerTransaction::_chunkedClientSentTooMuch() {
         (unsigned long long)_totalBytesExpectedOfRequestData));
 }
 
+void HttpServerTransaction::_setupRequestGunzip() {
+    ASSERT(_bytesReceived == 0);
+    _needToSetupRequestGunzip = false;
+    if (_acceptor == &doNothingHttpRequestDataAcceptor) return;  // thrown away as it is
+    const bool owned = _claimedAcceptor == _acceptor;
+    HttpRequestDataAcceptor* const stale = owned ? nullptr : _claimedAcceptor;
+    auto* gunzip = new GunzipHttpRequestData(this, _acceptor, owned);
+    _claimedAcceptor = gunzip;  // it owns the real one now, when that was claimed
+    _acceptor = gunzip;
+    delete stale;  // claimed once, replaced since
+}
+
 bool HttpServerTransaction::eatRequestData(const StrSegment& data, size_t* used) {
     const size_t n =
         size_t(std::min<file_offset_t>(_bytesLeftInRequestDataChunk, file_offset_t(data.size())));
     *used = n;
-    if (_needToSetupRequestGunzip) {
-        ASSERT(_bytesReceived == 0);
-        auto* gunzip = new GunzipHttpRequestData(this, _acceptor, _claimedAcceptor == _acceptor);
-        _claimedAcceptor = gunzip;  // it owns the real one now, when that was claimed
-        _acceptor = gunzip;
-        _needToSetupRequestGunzip = false;
-    }
+    if (_needToSetupRequestGunzip) _setupRequestGunzip();
     const StrSegment piece(data.data(), n);
     if (_wantSavedRequestData) _savedRequestData.append(piece);
     if (n != 0) _acceptor->dataAvailable(piece);
@@ -893,16 +899,14 @@ void HttpListeningConnection::_run(TcpAsyncDataBuffer& data) {
                         return;
                     }
                 }
-                if (t._toSend.empty() &&
-                    t._toSendState == HttpServerTransaction::TOSEND_HAS_FINAL_ITEM) {
-                    t._state = HttpServerTransaction::SEND_EOF_MARKER;
-                } else {
-                    t._state = HttpServerTransaction::SENDING_REPLY_DATA;
-                }
+                // Nothing queued, final or not: a provider that gave nothing
+                // has nothing more to give (the null provider of OPTIONS).
+                t._state = t._toSend.empty() ? HttpServerTransaction::SEND_EOF_MARKER
+                                             : HttpServerTransaction::SENDING_REPLY_DATA;
                 break;
             case HttpServerTransaction::SENDING_REPLY_DATA:
-                _queueBody(data);
-                return;
+                if (_queueBody(data)) return;
+                break;
             case HttpServerTransaction::SEND_EOF_MARKER:
                 if (t._chunkedState == HttpServerTransaction::CHUNKED_NONE || !t._needToSendBody) {
                     t._state = HttpServerTransaction::END_OF_TRANSACTION;
@@ -938,6 +942,7 @@ void HttpListeningConnection::_startRequest(TcpAsyncDataBuffer& data) {
     if (expects == 1) {
         if (r.firstLine._version >= HTTPVERSION_1_1) t._100continue = 1;
     } else if (expects != 0) {
+        t._isLastTransaction = true;  // whether a body follows is unknown
         throw HttpClientException(417);
     }
     // 4.
@@ -952,6 +957,7 @@ void HttpListeningConnection::_startRequest(TcpAsyncDataBuffer& data) {
                 r.firstLine._version = HTTPVERSION_1_0;
                 t._isLastTransaction = true;
             }
+            t._isLastTransaction = true;  // where the body ends is unknown
             throw HttpRequestEntityTooLargeException("Invalid Content-Length");
         }
         t._totalBytesExpectedOfRequestData = t._bytesLeftInRequestDataChunk = length;
@@ -1030,6 +1036,7 @@ bool HttpListeningConnection::_readBody(TcpAsyncDataBuffer& data) {
             return true;
         case HttpServerTransaction::EATING_REQUEST_DATA_FOREVER:
             t._needToSendBody = false;
+            if (t._needToSetupRequestGunzip && t._bytesReceived == 0) t._setupRequestGunzip();
             while (data._rbuf.dataSegments(v) != 0) {
                 if (file_offset_t(v[0].iov_len) > t._maximumRequestDataSize - t._bytesReceived) {
                     t._requestDataTooLarge(t._bytesReceived + file_offset_t(v[0].iov_len));
@@ -1079,21 +1086,20 @@ void HttpListeningConnection::_startReply(TcpAsyncDataBuffer& data) {
     _sendHead(data, head);
 }
 
-void HttpListeningConnection::_sendHead(TcpAsyncDataBuffer& data, bool head) {
+bool HttpListeningConnection::_sendHead(TcpAsyncDataBuffer& data, bool head) {
     HttpServerTransaction& t = _conn->transaction();
-    if (!head) {
+    if (!head) {  // HTTP/0.9: the caller's loop goes on to the body
         t.updateStateAfterHeadersSent();
-        _run(data);
-        return;
+        return false;
     }
     data.writeBuffer().addReference(t._headerBlock);
     // 22. A body due and ready goes out with the head.
     if (t._toSendIsSet() && t._needToSendBody && !t._toSend.empty()) {
         t.updateStateAfterHeadersSent();
-        _queueBody(data);
-        return;
+        return _queueBody(data);
     }
     data.startAsyncWrite();
+    return true;
 }
 
 void HttpListeningConnection::_handToWorker(TcpAsyncDataBuffer& data, bool bodyRead) {
@@ -1135,11 +1141,8 @@ void HttpListeningConnection::_finishThreadSpawnError(TcpAsyncDataBuffer& data) 
     t._state = HttpServerTransaction::SENDING_REPLY_HEADERS;
     const bool head = t._internal_prepareReplyHeaders();
     t._alreadyBuiltHeaders = true;
-    if (!head) {
-        asyncWriteComplete();
-        return;
-    }
-    _sendHead(data, true);
+    // The handler was not taken: the loop goes on once the caller returns.
+    _sendHead(data, head);
 }
 
 void HttpListeningConnection::workerReturned(TcpAsyncDataBuffer& data) {
@@ -1147,7 +1150,7 @@ void HttpListeningConnection::workerReturned(TcpAsyncDataBuffer& data) {
     if (t._state == HttpServerTransaction::SENDING_REPLY_HEADERS) {
         // The worker built the head; the loop sends it, with a final body.
         try {
-            _sendHead(data, true);
+            if (!_sendHead(data, true)) _proceed(data);
         } catch (const std::exception& e) {
             httplistener_log.error("Exception while processing request from %s for %.*s: %s",
                                    _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
@@ -1212,7 +1215,9 @@ bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
             } catch (const HttpException& e) {
                 buf.consume(t._owedConsume);
                 t._owedConsume = 0;
-                if (e.status() > 499) {
+                // As on the loop: a chunked body whose framing failed can't
+                // be read to its end.
+                if (e.status() > 499 || t._requestTransferEncodingIsChunked) {
                     t._bytesLeftInRequestDataChunk = 0;
                     t._isLastTransaction = true;
                 }
@@ -1309,7 +1314,7 @@ bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
     }
 }
 
-void HttpListeningConnection::_queueBody(TcpAsyncDataBuffer& data) {
+bool HttpListeningConnection::_queueBody(TcpAsyncDataBuffer& data) {
     HttpServerTransaction& t = _conn->transaction();
     const bool final = t._toSendState == HttpServerTransaction::TOSEND_HAS_FINAL_ITEM;
     if (!t._toSend.empty() && t._needToSendBody) {
@@ -1334,17 +1339,17 @@ void HttpListeningConnection::_queueBody(TcpAsyncDataBuffer& data) {
         }
     }
     if (data.writeBuffer().empty()) {
-        // Nothing to write (an empty final item): carry on without a write.
+        // Nothing to write (an empty final item): the caller's loop goes on.
         if (t._state == HttpServerTransaction::SENDING_REPLY_DATA) {
             t._toSendState = HttpServerTransaction::TOSEND_UNSET;
             t._state = HttpServerTransaction::NEED_REPLY_DATA;
         } else {
             t._state = HttpServerTransaction::END_OF_TRANSACTION;
         }
-        _run(data);
-        return;
+        return false;
     }
     data.startAsyncWrite();
+    return true;
 }
 
 bool HttpListeningConnection::asyncWriteComplete() {
@@ -1436,12 +1441,18 @@ bool HttpListeningConnection::_notifyProviders(const SocketError& err) {
         case HttpServerTransaction::EATING_REQUEST_DATA_CHUNKED_NODIGIT_YET:
         case HttpServerTransaction::EATING_REQUEST_DATA_FOREVER:
             if (t._receivingRequestDataForever && isPeerHangUp(err)) {
-                // The normal end of an unbounded body.
-                t._acceptor->dataFinished();
-                if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
-                t._provider->getPreBody(&t);
-                t._bodyBytesWritten = 0;
-                if (t._shouldLog) _listener->log(&t);
+                // The normal end of an unbounded body. This runs inside the
+                // channel's error path: nothing may be thrown from here.
+                try {
+                    t._acceptor->dataFinished();
+                    if (!t._startTimeSet) t._startTime.setToNow(), t._startTimeSet = true;
+                    t._provider->getPreBody(&t);
+                    t._bodyBytesWritten = 0;
+                    if (t._shouldLog) _listener->log(&t);
+                } catch (const std::exception& e) {
+                    httplistener_log.warn("Exception at the end of the unbounded body from %s: %s",
+                                          _conn->peerText().c_str(), e.what());
+                }
                 return true;
             }
             [[fallthrough]];

@@ -344,6 +344,8 @@ public:
     bool eatChunkedRequestData(const StrSegment& data, size_t* used);
     void updateStateAfterHeadersSent();
     void _prepareToReceiveRequestData();
+    // Wraps the acceptor so that it gets the body inflated.
+    void _setupRequestGunzip();
     [[noreturn]] void _requestDataTooLarge(file_offset_t size);
     // False when the reply became 412.
     bool _checkHttpPreconditions();
@@ -647,9 +649,10 @@ private:
     void _startRequest(TcpAsyncDataBuffer& data);
     bool _readBody(TcpAsyncDataBuffer& data);
     void _startReply(TcpAsyncDataBuffer& data);
-    void _queueBody(TcpAsyncDataBuffer& data);
+    // Both: whether a write was started; if not, the state says what's next.
+    bool _queueBody(TcpAsyncDataBuffer& data);
     void _endTransaction(TcpAsyncDataBuffer& data);
-    void _sendHead(TcpAsyncDataBuffer& data, bool head);
+    bool _sendHead(TcpAsyncDataBuffer& data, bool head);
     void _handToWorker(TcpAsyncDataBuffer& data, bool bodyRead);
     void _finishThreadSpawnError(TcpAsyncDataBuffer& data);
     bool _notifyProviders(const SocketError& err);

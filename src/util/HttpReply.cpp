@@ -459,6 +459,12 @@ void HttpServerTransaction::clear() {
     _savedRequestData.clear();
     _expectDisconnect = false;
     _shouldLog = true;
+    // Trust in forwarding headers is per request: a proxy's connection
+    // carries many clients.
+    _overrideSourceState = 0;
+    _overrideSource.clear();
+    _overrideRevdns.clear();
+    _overrideHostHdr.clear();
     clearReply();
     if (_connection != nullptr) {
         _desiredCompressionLevel = _connection->_desiredCompressionLevel;
@@ -654,6 +660,9 @@ void HttpServerTransaction::ignoreRequestData() {
         _100continue = 0;
         if (_requestTransferEncodingIsChunked) _state = EATING_REQUEST_DATA;
         _bytesReceived = _totalBytesExpectedOfRequestData = _bytesLeftInRequestDataChunk = 0;
+        // A client that sends its body anyway must not have it read as the
+        // next request.
+        _isLastTransaction = true;
         return;
     }
     _acceptor = &doNothingHttpRequestDataAcceptor;
@@ -762,7 +771,12 @@ void HttpServerTransaction::_writeGathered(const PortableIovec& v, uint64_t size
     if (!_alreadyBuiltHeaders) {
         _bodyBytesWritten += file_offset_t(size);
         ScopedTcpSyncDataCork cork(*_threadedIo);
-        _writeHeadersSync();
+        try {
+            _writeHeadersSync();
+        } catch (...) {
+            _bodyBytesWritten -= file_offset_t(size);  // none of it went
+            throw;
+        }
         if (_needToSendBody) {
             _threaded_write_chunk(&v[0], unsigned(v.size()), size);
         } else {

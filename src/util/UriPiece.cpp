@@ -64,9 +64,11 @@ void Hostname::normalize() {
     if (empty()) return;
     Str rendered;
     if (find_first_not_of("0123456789.") == npos) {
-        struct in_addr a;
-        if (inet_aton(c_str(), &a) == 0) return;
-        append_stringified(&rendered, IPv4HostAddress(a));
+        // Strictly a dotted quad: the lenient forms ("0177.0.0.1", "2130706433")
+        // are the classic way round a host allow-list, and stay as text.
+        IPv4HostAddress a;
+        if (!a.set(data(), size())) return;
+        append_stringified(&rendered, a);
     } else if (find(':') != npos && find_first_not_of("0123456789abcdef:.") == npos) {
         IPv6HostAddress a;
         if (!a.set(data(), size())) return;

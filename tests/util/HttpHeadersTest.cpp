@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -233,9 +234,19 @@ TEST(HttpServerRequestParser, AWarmConnectionParsesWithoutAllocating) {
     };
     once();
     once();
-    alloccounter::Scope scope;
-    for (int i = 0; i < 10; ++i) once();
-    EXPECT_EQ(scope.allocations(), 0);
+    {
+        alloccounter::Scope scope;
+        for (int i = 0; i < 10; ++i) once();
+        EXPECT_EQ(scope.allocations(), 0);
+    }
+    // A huge line's string is let go, not kept for the next request.
+    const std::string big = "GET / HTTP/1.1\r\nX: " + std::string(400000, 'x') + "\r\n\r\n";
+    for (size_t at = 0; at < big.size();) {
+        at += buffer->_rbuf.write(big.data() + at, big.size() - at);
+        if (parser.parse(*buffer, &request)) break;
+    }
+    request.clear(&parser.freeList());
+    for (const Str& s : parser.freeList()) EXPECT_LE(s.capacity(), 8192u);
 }
 
 // ---------------------------------------------------------------- the client parser
@@ -273,6 +284,13 @@ TEST(HttpClientResponseParser, StatusLines) {
             EXPECT_EQ(response.firstLine._description, StrSegment(c.description));
         }
     }
+    // An overlong status line is refused even when it comes whole.
+    HttpClientResponseParser parser;
+    HttpClientResponse response;
+    const std::string longLine = "HTTP/1.1 200 " + std::string(512000, 'x') + "\r\n\r\n";
+    StrSegment in(longLine.data(), longLine.size());
+    EXPECT_THROW(parser.parse(&in, &response), HttpRequestEntityTooLargeException);
+
     HttpClientResponseFirstLine empty;
     EXPECT_EQ(Str::from(empty), "Uninitialized HttpClientResponse structure");
 }
@@ -484,6 +502,9 @@ TEST(HttpHeaders, AddCookieChecksThenRenders) {
               std::string(common) + "; Expires=Thu, 01 Jan 1970 00:00:00 GMT; SameSite=Lax\r\n");
     EXPECT_EQ(rendered(0, 3), std::string(common) + "; SameSite=None\r\n");
     EXPECT_EQ(rendered(0, 2), std::string(common) + "; SameSite\r\n");
+    // A lifetime past any writable date: Max-Age alone, no overflow.
+    EXPECT_EQ(rendered(LONG_MAX, 0),
+              std::string(common) + "; Max-Age=" + std::to_string(LONG_MAX) + "\r\n");
 
     // The expiry is now plus the lifetime, read back through the date parser.
     const int64_t before = Timeval::now().sec();

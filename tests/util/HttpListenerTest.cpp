@@ -105,6 +105,13 @@ TEST(HttpListener, TheClientBehindATrustedProxy) {
             EXPECT_THROW(r.t().requestHost(), HttpBadRequestException);
         }
     }
+    // Trust is per request: the next one on the connection starts without it.
+    Request proxied("GET / HTTP/1.1\r\nX-Forwarded-For: 192.0.2.1\r\nHost: h\r\n\r\n");
+    proxied.t().allowOverrideSource();
+    EXPECT_EQ(proxied.t().ip(), "192.0.2.1");
+    proxied.t().clear();
+    EXPECT_EQ(proxied.t().ip(), "10.1.2.3");
+
     Request old("GET / HTTP/1.0\r\n\r\n");  // HTTP/1.0 needs no Host
     EXPECT_EQ(old.t().requestHost(), "");
 }

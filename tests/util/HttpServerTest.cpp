@@ -256,7 +256,8 @@ TEST(HttpServer, PythonClientReadsPiecesHeadAndErrors) {
          "import http.client, sys\n"
          "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=20)\n"
          "for method, url in [('GET', '/pieces'), ('HEAD', '/hello'), ('GET', '/hello'),\n"
-         "                    ('DELETE', '/nowhere')]:\n"
+         "                    ('DELETE', '/nowhere'), ('OPTIONS', '/hello'), ('OPTIONS', '*'),\n"
+         "                    ('GET', '/hello')]:\n"
          "    c.request(method, url)\n"
          "    r = c.getresponse()\n"
          "    print(method, url, r.status, r.getheader('Transfer-Encoding'),\n"
@@ -266,7 +267,10 @@ TEST(HttpServer, PythonClientReadsPiecesHeadAndErrors) {
               "GET /pieces 200 chunked None b'one,two,three'\n"
               "HEAD /hello 200 None 5 b''\n"
               "GET /hello 200 None 5 b'hello'\n"
-              "DELETE /nowhere 404 None 223 b'<!doctype html><html'\n")
+              "DELETE /nowhere 404 None 223 b'<!doctype html><html'\n"
+              "OPTIONS /hello 200 None 0 b''\n"
+              "OPTIONS * 200 None 0 b''\n"
+              "GET /hello 200 None 5 b'hello'\n")
         << r.err;
 }
 

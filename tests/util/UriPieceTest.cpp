@@ -143,8 +143,12 @@ TEST(Hostname, NormalFormsAndLocalhost) {
         {"WWW.Example.COM.", "www.example.com", false},
         {"a...", "a", false},
         {"LocalHost", "localhost", true},
-        {"127.1", "127.0.0.1", true},  // as the resolver reads it
-        {"010.0.0.1.", "8.0.0.1", false},
+        // Only a strict dotted quad is re-rendered: the resolver's lenient
+        // forms would slip past a host allow-list.
+        {"127.1", "127.1", false},
+        {"0177.0.0.1", "0177.0.0.1", false},
+        {"2130706433", "2130706433", false},
+        {"127.000.000.001.", "127.000.000.001", false},
         {"127.0.0.2", "127.0.0.2", false},
         {"999.1.1.1", "999.1.1.1", false},
         {"0:0:0:0:0:0:0:1", "::1", true},
