@@ -535,13 +535,14 @@ TEST(HttpServer, WrkLoad) {
 }
 
 TEST(HttpServer, FilesWithTheirValidators) {
-    HttpTestServer server;
     testsupport::ScratchDir dir;
     std::string bytes;
     for (int i = 0; i < 100000; ++i) bytes.push_back(char(i * 7 + i / 251));
     testsupport::writeFile(dir / "blob.bin", bytes);
     ASSERT_EQ(mkdir((dir / "sub").c_str(), 0755), 0);
-    server.listener().staticRoot = dir.path() + "/";
+    auto* listener = new TestListener;
+    listener->staticRoot = dir.path() + "/";  // before the loop runs
+    HttpTestServer server(listener);
 
     const auto got =
         runProcess({"/usr/bin/curl", "-sS", "-D", "/dev/stderr", server.url("/static/blob.bin")});
