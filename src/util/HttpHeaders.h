@@ -463,6 +463,12 @@ etag_entry_t parse_next_matching_etag_value(StrSegment& rest, StrSegment* value)
 // For logs: printable ASCII stays ("\\" and "\"" escaped), CR, LF and tab as
 // "\r", "\n", "\t", other bytes as "\xhh".
 void print_http_header_value_with_escaping(Str* out, const char* data, size_t length);
+// The same as a new string: request text a log line quotes.
+inline Str http_text_for_log(StrSegment s) {
+    Str out;
+    print_http_header_value_with_escaping(&out, s.data(), s.size());
+    return out;
+}
 
 // ---------------------------------------------------------------- first lines
 

@@ -365,8 +365,8 @@ bool equalsNoCase(StrSegment s, const char* z) {
 void checkHostChars(StrSegment host, const char* what) {
     for (char c : host) {
         if (!kHostChars.contains(c)) {
-            httplistener_log.error("%s contains invalid char, host = %.*s", what, int(host.size()),
-                                   host.data());
+            httplistener_log.error("%s contains invalid char, host = %s", what,
+                                   http_text_for_log(host).c_str());
             throw HttpBadRequestException("Host header contains invalid characters");
         }
     }
@@ -803,9 +803,9 @@ void HttpListeningConnection::_proceed(TcpAsyncDataBuffer& data) {
     } catch (const HttpException& e) {
         if (t._alreadyBuiltHeaders) {
             httplistener_log.error(
-                "Handler for %.*s threw an HTTP exception after reply headers "
+                "Handler for %s threw an HTTP exception after reply headers "
                 "had already been sent!  %u %s",
-                int(t.url().size()), t.url().data(), e.status(), e.what());
+                http_text_for_log(t.url()).c_str(), e.status(), e.what());
             data.kill();
             return;
         }
@@ -820,19 +820,19 @@ void HttpListeningConnection::_proceed(TcpAsyncDataBuffer& data) {
         try {
             _run(data);
         } catch (const HttpException& again) {
-            httplistener_log.error("Handler for %.*s threw an HTTP exception recursively!  %u %s",
-                                   int(t.url().size()), t.url().data(), again.status(),
+            httplistener_log.error("Handler for %s threw an HTTP exception recursively!  %u %s",
+                                   http_text_for_log(t.url()).c_str(), again.status(),
                                    again.what());
             data.kill();
         } catch (const std::exception& other) {
-            httplistener_log.error("Exception while processing request from %s for %.*s: %s",
-                                   _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+            httplistener_log.error("Exception while processing request from %s for %s: %s",
+                                   _conn->peerText().c_str(), http_text_for_log(t.url()).c_str(),
                                    other.what());
             data.kill();
         }
     } catch (const std::exception& e) {
-        httplistener_log.error("Exception while processing request from %s for %.*s: %s",
-                               _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+        httplistener_log.error("Exception while processing request from %s for %s: %s",
+                               _conn->peerText().c_str(), http_text_for_log(t.url()).c_str(),
                                e.what());
         t._isLastTransaction = true;
         if (t._alreadyBuiltHeaders) {
@@ -1114,9 +1114,9 @@ bool HttpListeningConnection::spawnMoreThreads(TcpAsyncDataBuffer& data, unsigne
     if (threadCount < max) return true;
     HttpServerTransaction& t = _conn->transaction();
     httplistener_log.warn(
-        "Can't handle request for %.*s, max thread limit for REST HTTP server "
+        "Can't handle request for %s, max thread limit for REST HTTP server "
         "is %u, threads already in use is %u",
-        int(t.url().size()), t.url().data(), max, threadCount);
+        http_text_for_log(t.url()).c_str(), max, threadCount);
     t._statusCode = 503;
     t._statusText =
         Str::fromFormat("Too many HTTP threads (%u) already running, try again later", threadCount);
@@ -1152,8 +1152,8 @@ void HttpListeningConnection::workerReturned(TcpAsyncDataBuffer& data) {
         try {
             if (!_sendHead(data, true)) _proceed(data);
         } catch (const std::exception& e) {
-            httplistener_log.error("Exception while processing request from %s for %.*s: %s",
-                                   _conn->peerText().c_str(), int(t.url().size()), t.url().data(),
+            httplistener_log.error("Exception while processing request from %s for %s: %s",
+                                   _conn->peerText().c_str(), http_text_for_log(t.url()).c_str(),
                                    e.what());
             data.kill();
         }
@@ -1288,24 +1288,24 @@ bool HttpListeningConnection::HttpThreadedCommunicationHandler::_communicate(
             return false;
         }
         httplistener_log.error(
-            "Handler for %.*s threw an HTTP exception after reply headers had "
+            "Handler for %s threw an HTTP exception after reply headers had "
             "already been sent!  %u %s",
-            int(t.url().size()), t.url().data(), e.status(), e.what());
+            http_text_for_log(t.url()).c_str(), e.status(), e.what());
         return true;
     } catch (const TcpChannel::Error& e) {
         t._isLastTransaction = true;
         if (!(isPeerHangUp(e.socketError()) &&
               (t._expectDisconnect || t._provider->expectDisconnect()))) {
-            httplistener_log.warn("Exception while processing request from %s for %.*s: %s",
-                                  _c->connection().peerText().c_str(), int(t.url().size()),
-                                  t.url().data(), e.what());
+            httplistener_log.warn("Exception while processing request from %s for %s: %s",
+                                  _c->connection().peerText().c_str(),
+                                  http_text_for_log(t.url()).c_str(), e.what());
         }
         return true;  // the socket failed: nothing can be sent
     } catch (const std::exception& e) {
         t._isLastTransaction = true;
-        httplistener_log.error("Exception while processing request from %s for %.*s: %s",
-                               _c->connection().peerText().c_str(), int(t.url().size()),
-                               t.url().data(), e.what());
+        httplistener_log.error("Exception while processing request from %s for %s: %s",
+                               _c->connection().peerText().c_str(),
+                               http_text_for_log(t.url()).c_str(), e.what());
         if (!t._alreadyBuiltHeaders) {
             t._prepareErrorFromOtherException(e.what());
             return false;
@@ -1406,17 +1406,17 @@ void HttpListeningConnection::_endTransaction(TcpAsyncDataBuffer& data) {
     if (t._knowCompleteLength && t._needToSendBody &&
         t._bodyBytesWritten != t._totalScheduledLength) {
         httplistener_log.error(
-            "Handler for %.*s sent a %lld byte response after earlier claiming "
+            "Handler for %s sent a %lld byte response after earlier claiming "
             "a Content-Length of %lld!",
-            int(url.size()), url.data(), (long long)t._bodyBytesWritten,
+            http_text_for_log(url).c_str(), (long long)t._bodyBytesWritten,
             (long long)t._totalScheduledLength);
         t._isLastTransaction = true;
     }
     if (t._bodyBytesWritten != 0 && (t._statusCode == 204 || t._statusCode == 304)) {
         httplistener_log.error(
-            "Handler for %.*s erroneously replied with a %lld byte response "
+            "Handler for %s erroneously replied with a %lld byte response "
             "with a %u status code (which implies an empty response)",
-            int(url.size()), url.data(), (long long)t._bodyBytesWritten, t._statusCode);
+            http_text_for_log(url).c_str(), (long long)t._bodyBytesWritten, t._statusCode);
         t._isLastTransaction = true;
     }
     _transactionActive = false;
@@ -1481,8 +1481,8 @@ void HttpListeningConnection::errorHappened(const SocketError& err) {
             httplistener_log.warn("Socket error from %s: %s", _conn->peerText().c_str(),
                                   text.c_str());
         } else {
-            httplistener_log.warn("Socket error from %s while accessing %.*s: %s",
-                                  _conn->peerText().c_str(), int(url.size()), url.data(),
+            httplistener_log.warn("Socket error from %s while accessing %s: %s",
+                                  _conn->peerText().c_str(), http_text_for_log(url).c_str(),
                                   text.c_str());
         }
     } else if (hangUp) {

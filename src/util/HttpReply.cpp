@@ -673,9 +673,9 @@ void HttpServerTransaction::ignoreRequestData() {
 void HttpServerTransaction::onlyWriteSizeIs(file_offset_t size) {
     if (_knowCompleteLength && _totalScheduledLength != size) {
         httplistener_log.warn(
-            "Handler for %.*s originally reported a content length of %lld but now has "
+            "Handler for %s originally reported a content length of %lld but now has "
             "changed it to %lld",
-            int(url().size()), url().data(), (long long)_totalScheduledLength, (long long)size);
+            http_text_for_log(url()).c_str(), (long long)_totalScheduledLength, (long long)size);
         if (_alreadyBuiltHeaders) {
             throw HttpInternalErrorException("Content length changed after the headers were sent");
         }
@@ -1116,9 +1116,9 @@ bool HttpServerTransaction::_internal_prepareReplyHeaders() {
             if (_statusCode == 405) {
                 if ((_allowedMethods & m) != 0) {
                     httplistener_log.warn(
-                        "Returning a 405 error from URL \"%.*s\" but was not given the "
+                        "Returning a 405 error from URL \"%s\" but was not given the "
                         "list of valid methods, so cannot send Allow: header",
-                        int(url().size()), url().data());
+                        http_text_for_log(url()).c_str());
                 } else {
                     _headerBlock.append("Allow: ", 7);
                     _allowedMethods.appendSetTo(&_headerBlock);
