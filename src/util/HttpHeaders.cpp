@@ -299,6 +299,10 @@ bool isAnyKey(StrSegment k, const char* const* names, size_t n) {
 
 bool HttpHeader::parseTimeInto(Timeval* out) const { return parseHttpDate(value(), out); }
 
+bool http_parse_date(StrSegment text, Timeval* out) { return parseHttpDate(text, out); }
+
+bool http_equals_caseless(StrSegment s, const char* z) { return equalsCaseless(s, z); }
+
 bool HttpHeader::keepHeaderFor304NotModified() const {
     static const char* const keep[] = {"Date",          "Server", "ETag",      "Expires",
                                        "Cache-Control", "Vary",   "Connection"};

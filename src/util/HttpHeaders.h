@@ -463,6 +463,12 @@ etag_entry_t parse_next_matching_etag_value(StrSegment& rest, StrSegment* value)
 // For logs: printable ASCII stays ("\\" and "\"" escaped), CR, LF and tab as
 // "\r", "\n", "\t", other bytes as "\xhh".
 void print_http_header_value_with_escaping(Str* out, const char* data, size_t length);
+// HTTP's caseless comparison of a token: ASCII letters only.
+bool http_equals_caseless(StrSegment s, const char* z);
+// An HTTP date in any of its three forms (RFC 1123, RFC 1036, asctime) in
+// GMT; the longest valid start counts, so trailing rubbish is allowed.
+bool http_parse_date(StrSegment text, Timeval* out);
+
 // The same as a new string: request text a log line quotes.
 inline Str http_text_for_log(StrSegment s) {
     Str out;

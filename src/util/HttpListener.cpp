@@ -347,20 +347,11 @@ bool isIpLiteral(StrSegment text) {
            mem_parse_into(text.data(), text.size(), &v6);
 }
 
-StrSegment trimmed(StrSegment s) {
-    while (!s.empty() && (s[0] == ' ' || s[0] == '\t')) s = s.substr(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.pop_back();
-    return s;
-}
+constexpr CharacterClass kBlanks(" \t");
 
-bool equalsNoCase(StrSegment s, const char* z) {
-    const size_t n = strlen(z);
-    if (s.size() != n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        if ((s[i] | 0x20) != (z[i] | 0x20)) return false;
-    }
-    return true;
-}
+StrSegment trimmed(StrSegment s) { return s.trim(kBlanks); }
+
+bool equalsNoCase(StrSegment s, const char* z) { return http_equals_caseless(s, z); }
 
 void checkHostChars(StrSegment host, const char* what) {
     for (char c : host) {
@@ -534,12 +525,8 @@ void HttpUpdateServerTransactionFromProxiedHeader::add(HttpServerTransaction* t,
         if (v.size() >= 2 && v[0] == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
         if (!v.empty()) t->setEtag(v, weak);
     } else if (equalsNoCase(key, "Last-Modified")) {
-        HttpHeaders h;
-        Str line("X: ");
-        line.append(value);
-        h.addParsedHeaderLine(&line, nullptr);
         Timeval when;
-        if (h.begin()->parseTimeInto(&when)) t->setLastModified(when);
+        if (http_parse_date(value, &when)) t->setLastModified(when);
     } else if (equalsNoCase(key, "Expires")) {
         _expires.assign(value.data(), value.size());
     } else if (equalsNoCase(key, "Cache-Control")) {
@@ -607,11 +594,8 @@ void HttpUpdateServerTransactionFromProxiedHeader::add(HttpServerTransaction* t,
 
 void HttpUpdateServerTransactionFromProxiedHeader::finish(HttpServerTransaction* t) {
     if (_sawMaxAge || _expires.empty()) return;
-    HttpHeaders h;
-    Str line("X: " + _expires);
-    h.addParsedHeaderLine(&line, nullptr);
     Timeval when;
-    if (!h.begin()->parseTimeInto(&when)) return;
+    if (!http_parse_date(_expires.seg(), &when)) return;
     const int64_t ahead = when.sec() - Timeval::now().sec();
     t->_maxCacheSeconds = ahead <= 0 ? 0 : ahead <= 30000000 ? uint32_t(ahead) : 31536000;
 }

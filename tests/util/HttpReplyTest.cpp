@@ -64,10 +64,7 @@ std::string withoutDates(const std::string& reply) {
             if (line.rfind(key, 0) != 0) continue;
             const std::string date = line.substr(key.size());
             Timeval parsed;
-            HttpHeaders h;
-            Str l("X: " + date);
-            h.addParsedHeaderLine(&l, nullptr);
-            if (date.size() == 29 && h.begin()->parseTimeInto(&parsed) &&
+            if (date.size() == 29 && http_parse_date(date, &parsed) &&
                 date.find("1978") == std::string::npos) {
                 line = key + "*";
             }
