@@ -390,6 +390,13 @@ void AppendStr::append_uint64(uint64_t v) {
 #undef TARVEX_APPEND_INTEGER
 
 void AppendStr::append_double(double v) {
+    // Integers, common in real data, are their own shortest digits; -0 is not.
+    constexpr double kTwoTo53 = 9007199254740992.0;
+    if (v > -kTwoTo53 && v < kTwoTo53 && v == static_cast<double>(static_cast<int64_t>(v)) &&
+        !(v == 0 && std::signbit(v))) {
+        append_int64(static_cast<int64_t>(v));
+        return;
+    }
     if (std::isfinite(v)) {
         const ConvertDoubleToStringShortest c(v);
         const size_t n = c.sizeFixedPoint();

@@ -1,6 +1,7 @@
 #include "util/JsonParser.h"
 
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -1226,50 +1227,12 @@ void JsonDocumentBuilder::_endArrayOrObject() {
 
 namespace {
 
-constexpr double kPow10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
-                             1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-
-// Most numbers in real documents have at most 15 significant digits and a
-// small exponent: then the digits and the power of ten are both exact
-// doubles, and one multiplication or division rounds correctly. The text has
-// passed the JSON number grammar already.
-bool fastNumber(const char* p, size_t n, double* out) {
-    const char* const end = p + n;
-    const bool negative = *p == '-';
-    if (negative) ++p;
-    uint64_t mantissa = 0;
-    int digits = 0;
-    int exp10 = 0;
-    for (; p < end && static_cast<unsigned char>(*p - '0') < 10; ++p, ++digits) {
-        mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
-    }
-    if (p < end && *p == '.') {
-        for (++p; p < end && static_cast<unsigned char>(*p - '0') < 10; ++p, ++digits, --exp10) {
-            mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
-        }
-    }
-    if (digits > 15) return false;
-    if (p < end) {  // 'e' or 'E'
-        ++p;
-        const bool negativeExponent = *p == '-';
-        if (*p == '-' || *p == '+') ++p;
-        int e = 0;
-        for (; p < end; ++p) {
-            if (e > 1000) return false;
-            e = e * 10 + (*p - '0');
-        }
-        exp10 += negativeExponent ? -e : e;
-    }
-    double v = static_cast<double>(mantissa);
-    if (exp10 < 0) {
-        if (exp10 < -22) return false;
-        v /= kPow10[-exp10];
-    } else {
-        if (exp10 > 22) return false;
-        v *= kPow10[exp10];
-    }
-    *out = negative ? -v : v;
-    return true;
+// libstdc++'s from_chars rounds correctly and takes the fast paths (the
+// Eisel-Lemire algorithm) that real documents need; the text has passed the
+// JSON number grammar already, which from_chars' own grammar includes.
+bool parseNumber(const char* p, size_t n, double* out) {
+    const std::from_chars_result r = std::from_chars(p, p + n, *out);
+    return r.ec == std::errc() && r.ptr == p + n && isFiniteNumber(*out);
 }
 
 }  // namespace
@@ -1292,10 +1255,7 @@ void JsonDocumentFillingParser::gotBool(bool v) {
 
 void JsonDocumentFillingParser::gotNumber(Str& text) {
     double v;
-    if (!fastNumber(text.data(), text.size(), &v) &&
-        !mem_parse_into(text.data(), text.size(), &v)) {
-        v = 0.0;  // out of the double range
-    }
+    if (!parseNumber(text.data(), text.size(), &v)) v = 0.0;  // out of the double range
     if (!_builder.addNumber(v)) _expected_eof_exception();
 }
 

@@ -70,7 +70,19 @@ inline bool isDigit(char c) { return static_cast<unsigned char>(c - '0') < 10; }
 // A string's run stops at '"', '\' or any byte below 0x20.
 inline bool endsStringRun(char c) { return ctype(c) <= JSON_CTYPE_CTRL_WHITESPACE; }
 
+// Usually there is none, or one blank; indented documents have long runs.
 inline const char* skipWhitespace(const char* p, const char* end) {
+    if (p<end&& static_cast<unsigned char>(*p)> ' ') return p;
+    while (end - p >= 16) {
+        const __m128i v = bytescan::load16(p);
+        const __m128i ws = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8(' ')),
+                                                     _mm_cmpeq_epi8(v, _mm_set1_epi8('\n'))),
+                                        _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('\r')),
+                                                     _mm_cmpeq_epi8(v, _mm_set1_epi8('\t'))));
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(ws));
+        if (mask != 0xFFFF) return p + __builtin_ctz(~mask);
+        p += 16;
+    }
     while (p < end && isWhitespace(*p)) ++p;
     return p;
 }
@@ -89,6 +101,19 @@ inline const char* scanStringRun(const char* p, const char* end) {
         p += 16;
     }
     while (p < end && !endsStringRun(*p)) ++p;
+    return p;
+}
+
+inline const char* skipDigits(const char* p, const char* end) {
+    while (end - p >= 16) {
+        const __m128i v = bytescan::load16(p);
+        const __m128i digits = _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8('0' - 1)),
+                                             _mm_cmplt_epi8(v, _mm_set1_epi8('9' + 1)));
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(digits));
+        if (mask != 0xFFFF) return p + __builtin_ctz(~mask);
+        p += 16;
+    }
+    while (p < end && isDigit(*p)) ++p;
     return p;
 }
 
@@ -406,7 +431,34 @@ start_value:
 number_start:
     _buffer.clear();
     _tokenStart = POS(p);
-    numStart = p++;
+    numStart = p;
+    {
+        // Most numbers lie whole in the chunk: read them in one go. Anything
+        // else (a bad byte, the chunk's end) goes through the states below.
+        const char* q = p;
+        if (*q == '-') ++q;
+        if (q < end && *q == '0') {
+            ++q;
+        } else if (q < end && isDigit(*q)) {
+            q = skipDigits(q + 1, end);
+        } else {
+            goto number_by_state;
+        }
+        if (q < end && *q == '.') {
+            if (++q == end || !isDigit(*q)) goto number_by_state;
+            q = skipDigits(q + 1, end);
+        }
+        if (q < end && (*q == 'e' || *q == 'E')) {
+            if (++q < end && (*q == '+' || *q == '-')) ++q;
+            if (q == end || !isDigit(*q)) goto number_by_state;
+            q = skipDigits(q + 1, end);
+        }
+        if (q == end) goto number_by_state;  // it may go on in the next chunk
+        p = q;
+        goto number_end;
+    }
+number_by_state:
+    p = numStart + 1;  // _state already tells what the first byte was
 number:
     for (;;) {
         if (p == end) {

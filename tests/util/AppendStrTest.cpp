@@ -164,8 +164,10 @@ TEST(AppendStrNumbers, DoublesAreShortestFixedPointThatReadBack) {
         ASSERT_EQ(strtod(t.c_str(), nullptr), v) << t;
     }
     AppendStr s;
-    for (double v : {0.5, -1e21, 5e-7}) s.append_double(v), s.push_back(' ');
-    EXPECT_EQ(text(s), "0.5 -1000000000000000000000 0.0000005 ");
+    for (double v : {0.5, -1e21, 5e-7, -0.0, 0.0, -3.0, 9007199254740991.0, 9007199254740992.0})
+        s.append_double(v), s.push_back(' ');
+    EXPECT_EQ(text(s),
+              "0.5 -1000000000000000000000 0.0000005 -0 0 -3 9007199254740991 9007199254740992 ");
 }
 
 // ---------------------------------------------------------------- views and moves
