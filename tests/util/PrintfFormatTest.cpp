@@ -4,6 +4,7 @@
 
 #include "util/PrintfFormat.h"
 
+#include <double-conversion/double-conversion.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -427,6 +428,38 @@ TEST(PrintfRendered, SizeIsKnownBeforeWriting) {
             }
         }();
         ASSERT_EQ(size, text.size()) << directive << " [" << text << "]";
+    }
+}
+
+// The shortest digits come from to_chars; double-conversion is the oracle
+// for digits and point over doubles of every magnitude and shape.
+TEST(ConvertDoubleToStringShortest, SameDigitsAsDoubleConversion) {
+    std::mt19937_64 rng(11);
+    for (int i = 0; i < 300000; ++i) {
+        const uint64_t bits = rng();
+        double v;
+        switch (i % 3) {
+            case 0:
+                memcpy(&v, &bits, sizeof v);
+                break;
+            case 1:  // short decimals, as people write them
+                v = static_cast<double>(bits % 2000000000000) / std::pow(10.0, double(rng() % 20));
+                break;
+            default:  // subnormals up to the largest doubles
+                v = std::ldexp(static_cast<double>(bits >> 11),
+                               static_cast<int>(rng() % 2100) - 1074);
+        }
+        if (!std::isfinite(v) || v == 0) continue;
+        char digits[32];
+        bool sign;
+        int length, point;
+        double_conversion::DoubleToStringConverter::DoubleToAscii(
+            v, double_conversion::DoubleToStringConverter::SHORTEST, 0, digits, sizeof digits,
+            &sign, &length, &point);
+        const ConvertDoubleToStringShortest c(v);
+        ASSERT_EQ(std::string(c._digits, c._length), std::string(digits, length)) << v;
+        ASSERT_EQ(c._point, point) << v;
+        ASSERT_EQ(c._negative, v < 0) << v;
     }
 }
 
