@@ -538,7 +538,7 @@ struct JsonNode::impl_Object final : impl_Array_or_Object {
         linkLast(&_linkage, node);
     }
     void add_to_object_destroyKey(Str* key, impl* node) override {
-        node->_key.swap(*key);
+        node->_key = std::move(*key);
         linkLast(&_linkage, node);
     }
     void sort_object_keys() override {
@@ -1177,15 +1177,17 @@ void JsonDocumentBuilder::setObjectKey(const Str& key) {
     _haveKey = true;
 }
 
+// Moves rather than swaps: a move of a short text is a small inline copy,
+// where std::string's swap is an out-of-line call; the key is taken either way.
 void JsonDocumentBuilder::setObjectKeyDestructive(Str* key) {
-    _key.swap(*key);
+    _key = std::move(*key);
     _haveKey = true;
 }
 
 bool JsonDocumentBuilder::_add(impl* node) {
     parent_linkage* parent = _lstack.back();
     if (_haveKey) {
-        node->_key.swap(_key);
+        node->_key = std::move(_key);
         _haveKey = false;
     }
     if (parent->last_child != nullptr && _lstack.size() == 1) {
@@ -1203,7 +1205,7 @@ bool JsonDocumentBuilder::addStringLiteral(const Str& v) { return _add(newString
 
 bool JsonDocumentBuilder::addStringLiteralDestructive(Str* v) {
     auto* node = new JsonNode::impl_String;
-    node->value.swap(*v);
+    node->value = std::move(*v);
     return _add(node);
 }
 
