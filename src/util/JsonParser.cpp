@@ -1288,13 +1288,45 @@ bool JsonDocumentFillingParser::gotObjectKey(Str& key) {
 
 JsonStreamingDocumentParser::JsonStreamingDocumentParser() : JsonDocumentFillingParser(&_doc) {}
 
-void JsonStreamingDocumentParser::gotStartOfBlock() { _blockStart = tokenStart(); }
+void JsonStreamingDocumentParser::gotStartOfBlock() {
+    // What an earlier, failed document left (half a tree, a pending key)
+    // must not leak into this one.
+    clear(&_doc);
+    _blockStart = tokenStart();
+}
 
 int JsonStreamingDocumentParser::gotEndOfBlock() {
     _setTokenStart(_blockStart);
+    struct ClearAfter {
+        JsonStreamingDocumentParser* p;
+        ~ClearAfter() { p->clear(&p->_doc); }
+    } clearAfter{this};
     gotDocument(_doc);
-    clear(&_doc);
     return 1;
+}
+
+void JsonStreamingDocumentParser::refuseTopLevelScalar() {
+    if (depth() == 0) throw error(tokenStart(), "expected object or array");
+}
+
+void JsonStreamingDocumentParser::gotNull() {
+    refuseTopLevelScalar();
+    JsonDocumentFillingParser::gotNull();
+}
+
+void JsonStreamingDocumentParser::gotBool(bool v) {
+    refuseTopLevelScalar();
+    JsonDocumentFillingParser::gotBool(v);
+}
+
+void JsonStreamingDocumentParser::gotNumber(Str& text) {
+    refuseTopLevelScalar();
+    JsonDocumentFillingParser::gotNumber(text);
+}
+
+void JsonStreamingDocumentParser::gotStringLiteral(Str& value) {
+    refuseTopLevelScalar();
+    JsonDocumentFillingParser::gotStringLiteral(value);
 }
 
 // ---------------------------------------------------------------- UnexpectedJSON

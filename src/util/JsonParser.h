@@ -189,8 +189,9 @@ public:
     void sortChildrenByKey();
     // `child` takes this node's place, its siblings being destroyed.
     void replaceWithChild(const JsonNode& child);
-    // The two nodes change places (and keys), each keeping its subtree; they
-    // must not be parent and child.
+    // The two nodes change places (and keys), each keeping its subtree.
+    // Neither may lie inside the other's subtree: only a parent and its own
+    // child are caught (by assertion); a deeper pair would make a cycle.
     void swapPositionWithNonDirectDescendant(JsonNode& other);
 
     void renderTo(AppendStr* out) const;
@@ -305,9 +306,19 @@ private:
     JsonDocumentBuilder _builder;
 };
 
-// A stream of documents: each one, once complete, goes to gotDocument and
-// is then destroyed.
-class JsonStreamingDocumentParser : public JsonDocumentFillingParser {
+// Holds the document of JsonStreamingDocumentParser in a base class, so that
+// it exists before the filling parser is handed its address.
+struct JsonStreamingDocumentParserStorage {
+    JsonDocument _doc;
+};
+
+// A stream of documents, each an object or an array: each one, once
+// complete, goes to gotDocument and is then destroyed, even when
+// gotDocument throws. A document starts afresh, whatever an earlier error
+// left; a value outside any block is an error ("expected object or array").
+// Nothing bounds a document's size: a server caps the bytes it feeds.
+class JsonStreamingDocumentParser : private JsonStreamingDocumentParserStorage,
+                                    public JsonDocumentFillingParser {
 public:
     JsonStreamingDocumentParser();
 
@@ -315,9 +326,13 @@ protected:
     virtual void gotDocument(JsonDocument& doc) = 0;
     void gotStartOfBlock() override;
     int gotEndOfBlock() override;
+    void gotNull() override;
+    void gotBool(bool v) override;
+    void gotNumber(Str& text) override;
+    void gotStringLiteral(Str& value) override;
 
 private:
-    JsonDocument _doc;
+    void refuseTopLevelScalar();
     long _blockStart = 0;
 };
 

@@ -805,15 +805,21 @@ void JsonStreamingParser::forceEndOfBlock() {
     _tokenEnd = _position;
     const bool wasEmpty = _stack.empty();
     while (!_stack.empty()) {
-        if (_ignoringLevel != 0) {
+        // Blocks inside a skipped value close silently; under a refused key
+        // (the top bit alone) the key's own object closes as usual.
+        if ((_ignoringLevel & ~IGNORE_NEXT_VALUE) != 0) {
             --_ignoringLevel;
-        } else if (_stack.back() == STACK_LEVEL_ARRAY) {
-            gotCloseArray();
         } else {
-            gotCloseObject();
+            _ignoringLevel = 0;
+            if (_stack.back() == STACK_LEVEL_ARRAY) {
+                gotCloseArray();
+            } else {
+                gotCloseObject();
+            }
         }
         _stack.pop_back();
     }
+    _ignoringLevel = 0;  // nothing is open that could still be skipped
     if (wasEmpty &&
         (_state == START_VALUE || _state == AFTER_VALUE || _state == EXPECTING_END_OF_STREAM)) {
         return;

@@ -343,6 +343,23 @@ TEST(JsonStreamingDocumentParser, HandsOverEachDocument) {
     c.finish();
     const std::vector<std::string> expected = {"1:{\"a\":1}", "9:[2]", "13:{}"};
     EXPECT_EQ(c.seen, expected);
+
+    // A document that failed halfway leaves nothing behind for the next one,
+    // and neither does a gotDocument that throws.
+    struct Picky : Collect {
+        void gotDocument(JsonDocument& doc) override {
+            if (doc.root().isArray()) throw UnexpectedJSON(JsonNode::array, JsonNode::object);
+            Collect::gotDocument(doc);
+        }
+    };
+    Picky p;
+    EXPECT_FALSE(mem_parse_into("{\"a\":[1,}", 9, static_cast<JsonStreamingParser*>(&p)));
+    p.resetParserState();
+    EXPECT_THROW(p.parse("[1]", 3), UnexpectedJSON);
+    p.resetParserState();
+    p.parse("{\"b\":2}", 7);
+    EXPECT_EQ(p.seen.back(), "11:{\"b\":2}");  // positions go on from the bad byte
+    EXPECT_THROW(p.parse(" 7 ", 3), JsonStreamingParser::error);  // a value outside a block
 }
 
 std::vector<std::string> filesIn(const std::string& dir, const char* prefix) {

@@ -247,6 +247,15 @@ TEST(JsonStreamingParser, ForceEndOfBlockClosesWhatIsOpen) {
     idle.parse("1 ", 2);
     idle.forceEndOfBlock();
     EXPECT_EQ(idle.events, "#1");
+    // Under a refused key the skipped value closes silently, the key's own
+    // object with its hook, and nothing stays skipped afterwards.
+    Options refuseA;
+    refuseA.refusedKeys = {"a"};
+    jsontest::Recorder refused(refuseA);
+    refused.parse("{\"a\":[1,{", 9);
+    refused.forceEndOfBlock();
+    refused.parse("[2]", 3);
+    EXPECT_EQ(refused.events, "< { ka } > < [ #2 ] >");
 }
 
 TEST(JsonStreamingParser, DecodesOneBareString) {
