@@ -1,6 +1,7 @@
 // Calendar arithmetic, broken-down times and the TimeFormat engine.
 #include "util/DateTime.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "util/ByteScan.h"
 #include "util/Pathname.h"
 #include "util/Timeval.h"
+#include "util/Timezone.h"
 
 namespace {
 
@@ -136,7 +138,8 @@ static constexpr long LAST_SAFE_UNIX_TIME = 32535244799;  // 3001-01-01 23:59:59
 bool StructTm::GMT_fromUnixTime(long t) {
     if (t > LAST_SAFE_UNIX_TIME) return false;
     const int64_t days = floorDiv(t, 86400);
-    const int64_t secs = t - days * 86400;
+    // Not t - days * 86400: near the smallest long that product overflows.
+    const int64_t secs = t % 86400 < 0 ? t % 86400 + 86400 : t % 86400;
     int64_t year;
     unsigned month1, mday;
     civilFromDays(days, &year, &month1, &mday);
@@ -277,6 +280,207 @@ long localOffset(const TimeFormat::render_tm_ops*, const struct tm* t) { return 
 
 const TimeFormat::render_tm_ops TimeFormat::gmt_ops = {gmtToEpoch, gmtName, gmtOffset};
 const TimeFormat::render_tm_ops TimeFormat::local_ops = {localToEpoch, localName, localOffset};
+
+// ---------------------------------------------------------------- StructTmInTimezone
+
+namespace {
+
+// gmtime_r and timegm by arithmetic for the years 1 to 3000 with fields in
+// range: zone conversions run once a log line, and libc's take 45 and 100 ns.
+// Anything else goes to libc.
+constexpr int64_t FIRST_FAST_SECOND = -62135596800;  // 0001-01-01
+constexpr int64_t LAST_CALENDAR_SECOND = 32535244799;
+
+bool breakDownFast(int64_t t, struct tm* out) {
+    if (t < FIRST_FAST_SECOND || t > LAST_CALENDAR_SECOND) return false;
+    // The civil-from-days walk on unsigned numbers counted from 0000-03-01,
+    // all positive here, with the day of the year from the same pass.
+    const uint64_t shifted = uint64_t(t + int64_t(719468) * 86400);
+    const uint64_t z = shifted / 86400;
+    const unsigned secs = unsigned(shifted - z * 86400);
+    const uint64_t era = z / 146097;
+    const unsigned doe = unsigned(z - era * 146097);
+    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);  // from 1 March
+    const unsigned mp = (5 * doy + 2) / 153;
+    const unsigned month1 = mp < 10 ? mp + 3 : mp - 9;
+    const int64_t marchYear = int64_t(yoe + era * 400);
+    const bool leap = (marchYear % 4 == 0 && marchYear % 100 != 0) || marchYear % 400 == 0;
+    out->tm_year = int(marchYear + (month1 <= 2) - 1900);
+    out->tm_mon = int(month1 - 1);
+    out->tm_mday = int(doy - (153 * mp + 2) / 5 + 1);
+    out->tm_hour = int(secs / 3600);
+    out->tm_min = int(secs / 60 % 60);
+    out->tm_sec = int(secs % 60);
+    out->tm_wday = int((z + 3) % 7);
+    out->tm_yday = int(month1 >= 3 ? doy + 59 + leap : doy - 306);
+    return true;
+}
+
+// timegm: false when libc can't represent the fields either.
+bool fieldsToSeconds(struct tm* t, int64_t* out) {
+    const int64_t year = int64_t(t->tm_year) + 1900;
+    if (year >= 1 && year <= 3000 && t->tm_mon >= 0 && t->tm_mon <= 11 && t->tm_mday >= 1 &&
+        (t->tm_mday <= 28 || t->tm_mday <= daysInMonth(int(year), t->tm_mon)) &&
+        unsigned(t->tm_hour) < 24 && unsigned(t->tm_min) < 60 && unsigned(t->tm_sec) < 60) {
+        static const int daysBefore[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+        const int64_t days = daysFromCivil(year, unsigned(t->tm_mon + 1), unsigned(t->tm_mday));
+        *out = days * 86400 + t->tm_hour * 3600 + t->tm_min * 60 + t->tm_sec;
+        t->tm_wday = int(floorMod(days + 4, 7));
+        t->tm_yday =
+            daysBefore[t->tm_mon] + t->tm_mday - 1 + (t->tm_mon >= 2 && isLeapYear(int(year)));
+        t->tm_isdst = 0;
+        return true;
+    }
+    errno = 0;
+    const time_t r = timegm(t);
+    if (r == time_t(-1) && errno != 0) return false;
+    *out = r;
+    return true;
+}
+
+}  // namespace
+
+bool StructTmInTimezone::fromUnixTime(long t) {
+    if (_tz == nullptr) return Local_fromUnixTime(t);
+    const TimezoneOffset& o = _tz->typeAt(_tz->searchAt(time_t(t)));
+    long sum;
+    if (__builtin_add_overflow(t, long(o.utoff), &sum)) sum = o.utoff > 0 ? LONG_MAX : LONG_MIN;
+    if (sum >= -86399 && sum <= -1) {
+        // The last day before the epoch, without asking libc about it.
+        if (!breakDownFast(sum + 86400, this)) return false;
+        tm_mday = 31;
+        tm_mon = 11;
+        tm_year = 69;
+        tm_wday = 3;
+        tm_yday = 364;
+    } else if (!breakDownFast(sum, this) && !GMT_fromUnixTime(sum)) {
+        return false;
+    }
+    _tz->setStructTmMetadata(this, &o);
+    return true;
+}
+
+bool StructTmInTimezone::toUnixTimeChecked(long* out, bool nextValid) {
+    if (_tz == nullptr) {
+        errno = 0;
+        const time_t t = mktime(this);
+        if (t == time_t(-1) && errno != 0) return false;
+        *out = long(t);
+        return true;
+    }
+    const int isdst = tm_isdst;
+    int64_t local;
+    if (!fieldsToSeconds(this, &local)) {
+        tm_isdst = isdst;
+        return false;
+    }
+    const TimezoneOffset* o = _tz->offsetFromReverseSearch(local, isdst);
+    if (o == nullptr) {
+        tm_isdst = isdst;
+        if (!nextValid) return false;
+        Timezone::reverse_search_result_type_t r;
+        _tz->reverseSearchAt(local, &r);
+        if (r != Timezone::NO_INDEX_MATCHES) return false;
+        long later;
+        if (__builtin_add_overflow(long(local), 86400L, &later)) later = LONG_MAX;
+        *out = long(_tz->transitionTimeFromAt(time_t(later)));
+        return true;
+    }
+    _tz->setStructTmMetadata(this, o);
+    long r;
+    if (__builtin_sub_overflow(long(local), long(o->utoff), &r)) {
+        r = o->utoff > 0 ? LONG_MIN : LONG_MAX;
+    }
+    *out = r;
+    return true;
+}
+
+long StructTmInTimezone::toUnixTime() {
+    long t;
+    return toUnixTimeChecked(&t, false) ? t : -1;
+}
+
+long StructTmInTimezone::nextValidUnixTime() {
+    long t;
+    return toUnixTimeChecked(&t, true) ? t : -1;
+}
+
+bool StructTmInTimezone::isAtTransitionTime() {
+    if (_tz == nullptr) return false;
+    const long t = nextValidUnixTime();
+    return _tz->timecnt() != 0 && _tz->transitionTimeFromAt(time_t(t)) == time_t(t);
+}
+
+void StructTmInTimezone::appendFtime(Str& out, const TimeFormat& f, unsigned long usec) const {
+    if (_tz == nullptr) {
+        f.render(out, *this, usec, &TimeFormat::local_ops);
+        return;
+    }
+    const impl ops(_tz);
+    f.render(out, *this, usec, &ops.ops);
+}
+
+void StructTmInTimezoneHires::appendFtime(Str& out, const TimeFormat& f) const {
+    StructTmInTimezone::appendFtime(out, f, usec);
+}
+
+StructTmInTimezone::impl::impl(const Timezone* zone)
+    : ops{impl_to_epoch, impl_get_tzname, impl_tz_sec_offset}, tz(zone) {}
+
+namespace {
+
+const Timezone* zoneOf(const TimeFormat::render_tm_ops* ops) {
+    return reinterpret_cast<const StructTmInTimezone::impl*>(ops)->tz;
+}
+
+const TimezoneOffset* reverseSearch(const Timezone* tz, const struct tm* t) {
+    struct tm copy = *t;
+    int64_t local;
+    if (!fieldsToSeconds(&copy, &local)) return nullptr;
+    return tz->offsetFromReverseSearch(local, t->tm_isdst);
+}
+
+}  // namespace
+
+long StructTmInTimezone::impl::impl_to_epoch(const TimeFormat::render_tm_ops* ops,
+                                             const struct tm* t) {
+    struct tm copy = *t;
+    int64_t local;
+    if (!fieldsToSeconds(&copy, &local)) return -1;
+    const TimezoneOffset* o = zoneOf(ops)->offsetFromReverseSearch(local, t->tm_isdst);
+    return o == nullptr ? -1 : long(local) - long(o->utoff);
+}
+
+bool StructTmInTimezone::impl::impl_get_tzname(const TimeFormat::render_tm_ops* ops,
+                                               const struct tm* t, char* buf, size_t size) {
+    if (size == 0) return false;
+    if (t->tm_isdst >= 0 && t->tm_zone != nullptr) {
+        const size_t n = strlen(t->tm_zone);
+        if (n < size) {
+            memcpy(buf, t->tm_zone, n + 1);
+            return true;
+        }
+    }
+    if (t->tm_isdst < 0) return false;
+    const Timezone* tz = zoneOf(ops);
+    const TimezoneOffset* o = reverseSearch(tz, t);
+    if (o == nullptr) return false;
+    const char* name = tz->abbreviation(*o);
+    const size_t n = std::min(strlen(name), size - 1);
+    memcpy(buf, name, n);
+    buf[n] = 0;
+    return true;
+}
+
+long StructTmInTimezone::impl::impl_tz_sec_offset(const TimeFormat::render_tm_ops* ops,
+                                                  const struct tm* t) {
+    if (t->tm_isdst >= 0) return t->tm_gmtoff;
+    const Timezone* tz = zoneOf(ops);
+    if (tz->constantOffsetValue() != Timezone::NOT_CONSTANT) return tz->constantOffsetValue();
+    const TimezoneOffset* o = reverseSearch(tz, t);
+    return o == nullptr ? 0 : long(o->utoff);
+}
 
 // ---------------------------------------------------------------- compiling
 

@@ -16,6 +16,7 @@
 #include "util/Str.h"
 
 class TimeFormat;
+class Timezone;
 
 // ---------------------------------------------------------------- StructTm
 
@@ -322,6 +323,61 @@ private:
     Str _fixedTemplate;
     std::vector<FixedField> _fixedFields;
     fixed_tail_t _fixedTail = FIXED_TAIL_ANY;
+};
+
+// ---------------------------------------------------------------- StructTmInTimezone
+
+// Broken-down time in a given zone; a null zone is the process's local
+// zone through libc.
+class StructTmInTimezone : public StructTm {
+public:
+    StructTmInTimezone() = default;
+    explicit StructTmInTimezone(const Timezone* tz) : _tz(tz) {}
+
+    // Fields, offset and abbreviation of t in the zone; false past the
+    // calendar's range.
+    bool fromUnixTime(long t);
+    // The instant of the fields; -1 for a local time that doesn't exist or
+    // is ambiguous with tm_isdst negative. Sets the zone metadata.
+    long toUnixTime();
+    // As toUnixTime, but a local time in a gap gives the instant the gap ends.
+    long nextValidUnixTime();
+    bool isAtTransitionTime();
+    long timezoneOffsetSeconds() const { return tm_gmtoff; }
+
+    // The conversion as a success flag, for callers where -1 is a real time.
+    bool toUnixTimeChecked(long* out, bool nextValid);
+
+    void appendFtime(Str& out, const TimeFormat& f, unsigned long usec = 0) const;
+    using StructTm::appendFtime;
+
+    const Timezone* zone() const { return _tz; }
+    void setTimezone(const Timezone* tz) { _tz = tz; }
+
+    // The render_tm_ops of a zone: what TimeFormat asks of the fields.
+    struct impl {
+        TimeFormat::render_tm_ops ops;  // first: the ops pointer is the impl's
+        const Timezone* tz;
+
+        explicit impl(const Timezone* zone);
+        static long impl_to_epoch(const TimeFormat::render_tm_ops* ops, const struct tm* t);
+        static bool impl_get_tzname(const TimeFormat::render_tm_ops* ops, const struct tm* t,
+                                    char* buf, size_t size);
+        static long impl_tz_sec_offset(const TimeFormat::render_tm_ops* ops, const struct tm* t);
+    };
+
+protected:
+    const Timezone* _tz = nullptr;
+};
+
+class StructTmInTimezoneHires : public StructTmInTimezone {
+public:
+    StructTmInTimezoneHires() = default;
+    explicit StructTmInTimezoneHires(const Timezone* tz) : StructTmInTimezone(tz) {}
+    void appendFtime(Str& out, const TimeFormat& f) const;
+    using StructTm::appendFtime;
+
+    unsigned long usec = 0;
 };
 
 // The format as a java.text.SimpleDateFormat pattern; false (out cleared)

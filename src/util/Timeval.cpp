@@ -13,6 +13,7 @@
 #include "libzero/assertion.h"
 #include "libzero/int-to-ascii.h"
 #include "util/CrashLog.h"
+#include "util/DateTime.h"
 
 namespace {
 
@@ -725,4 +726,30 @@ void append_stringified(Str* dest, const describe_time_difference& v) {
 
 void crashlog_write(CrashLogWriteHandler& h, const describe_time_difference& v) {
     renderDifference([&h](const char* fmt, auto... args) { h.format(fmt, args...); }, v);
+}
+
+// ---------------------------------------------------------------- zone forms
+
+bool Timeval::gmtime(StructTmInTimezone* out) const { return out->fromUnixTime(long(_tv.tv_sec)); }
+
+bool Timeval::gmtime(StructTmInTimezoneHires* out) const {
+    if (!out->fromUnixTime(long(_tv.tv_sec))) return false;
+    out->usec = (unsigned long)_tv.tv_usec;
+    return true;
+}
+
+bool Timeval::set(const StructTmInTimezone& tm) {
+    StructTmInTimezone copy = tm;
+    long s;
+    if (!copy.toUnixTimeChecked(&s, false)) return false;
+    *this = Timeval(s, 0);
+    return true;
+}
+
+bool Timeval::set(const StructTmInTimezoneHires& tm) {
+    StructTmInTimezoneHires copy = tm;
+    long s;
+    if (!copy.toUnixTimeChecked(&s, false) || tm.usec >= 1000000) return false;
+    *this = Timeval(s, long(tm.usec));
+    return true;
 }

@@ -1,0 +1,95 @@
+// Digests against coreutils' sha1sum and kin over the same bytes, and the
+// text forms.
+
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+#include <string>
+
+#include "support/TestSupport.h"
+#include "util/AppendStr.h"
+#include "util/FileDescriptor.h"
+#include "util/SHA.h"
+
+namespace {
+
+// What coreutils' <name>sum prints for the bytes, hex only.
+std::string coreutilsHex(const std::string& name, const std::string& bytes) {
+    testsupport::ScratchDir dir;
+    testsupport::writeFile(dir / "in", bytes);
+    const testsupport::ProcessResult r =
+        testsupport::runProcess({"/usr/bin/" + name + "sum", dir / "in"});
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    return r.out.substr(0, r.out.find(' '));
+}
+
+std::string longInput() {
+    std::string s;
+    for (int i = 0; i < 10000; i++) s.push_back(char(i * 7 + i / 255));
+    return s;
+}
+
+TEST(SHATest, DigestsMatchOpenssl) {
+    const std::string inputs[] = {"", "abc", std::string("\0\xff\n", 3), longInput()};
+    for (const std::string& in : inputs) {
+        SCOPED_TRACE(in.size());
+        EXPECT_EQ(SHA1Hash::of(in.data(), in.size()).hex(), coreutilsHex("sha1", in));
+        EXPECT_EQ(SHA256Hash::of(in.data(), in.size()).hex(), coreutilsHex("sha256", in));
+        EXPECT_EQ(SHA384Hash::of(in.data(), in.size()).hex(), coreutilsHex("sha384", in));
+        EXPECT_EQ(SHA512Hash::of(in.data(), in.size()).hex(), coreutilsHex("sha512", in));
+        EXPECT_EQ(MD5Hash::of(in.data(), in.size()).hex(), coreutilsHex("md5", in));
+    }
+}
+
+TEST(SHATest, PiecewiseCopiesAndTextForms) {
+    const std::string in = longInput();
+    EvpMdContext c(EVP_sha256());
+    c.update(in.data(), 4000);
+    EvpMdContext fork(c);  // the state travels with the copy
+    c.update(in.data() + 4000, in.size() - 4000);
+    fork.update(in.data() + 4000, in.size() - 4000);
+    SHA256HashResult a, b;
+    c.evpFinalize(a.bytes);
+    fork.evpFinalize(b.bytes);
+    EXPECT_EQ(a, SHA256HashResult(in.data(), in.size()));
+    EXPECT_EQ(b, a);
+
+    AppendStr chunks;
+    chunks.append(in.data(), in.size());
+    EXPECT_EQ(SHA256HashResult(chunks), a);
+
+    c.evpClear(EVP_sha1());
+    c << StrSegment("abc", 3);
+    SHA1HashResult s;
+    c.evpFinalize(s.bytes);
+    Str text;
+    append_stringified(&text, s);
+    EXPECT_EQ(text, "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(s.base64(), "qZk+NkcGgWq6PiVxeFDCbJzQ2J0=");
+    EXPECT_EQ(testsupport::crashText(s), "a9993e364706816aba3e25717850c26c9cd0d89d");
+}
+
+TEST(SHATest, StreamHashHexReadsToTheEnd) {
+    testsupport::ScratchDir dir;
+    const std::string in = longInput();
+    testsupport::writeFile(dir / "f", in);
+    ScopedFileDescriptor fd(Pathname((dir / "f").c_str()));
+    ASSERT_TRUE(fd.valid());
+    Str out;
+    SHA1Hash::streamHashHex(fd, &out);
+    EXPECT_EQ(out, coreutilsHex("sha1", in));
+}
+
+TEST(SHATest, FailureMessageNamesTheStep) {
+    // A fresh context without a digest can't start.
+    try {
+        EvpMdContext c(nullptr);
+        FAIL() << "no exception";
+    } catch (const MessageDigestException& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("Error initializing message digest: ", 0), 0u)
+            << e.what();
+    }
+}
+
+}  // namespace
