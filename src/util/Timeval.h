@@ -29,6 +29,8 @@ class StructTmInTimezone;
 class StructTmInTimezoneHires;
 class TimeFormatRawParseResult;
 class TimeGuesser;
+class TimeFormat;
+class Timezone;
 class ExtraTimevalParseInfo;
 
 // ---------------------------------------------------------------- Interval
@@ -319,7 +321,24 @@ public:
     bool set(const LocalStructTmHires& tm);
     bool set(const StructTmInTimezone& tm);
     bool set(const StructTmInTimezoneHires& tm);
+    // The fields a time format read, completed by the guesser's rules (the
+    // plain ones when null); false when they don't make a time.
     bool set(TimeFormatRawParseResult* parsed, TimeGuesser* guesser, ExtraTimevalParseInfo* extra);
+    // rawParse, then set: the text (zero-terminated, or of that length)
+    // read by the format, what it lacks guessed, or read in `zone`.
+    // `consumed` gets the length the format matched.
+    bool parse(const TimeFormat& format, const char* text, TimeGuesser* guesser,
+               ExtraTimevalParseInfo* extra = nullptr, unsigned* consumed = nullptr);
+    bool parse(const TimeFormat& format, const char* text, size_t length, TimeGuesser* guesser,
+               ExtraTimevalParseInfo* extra = nullptr, unsigned* consumed = nullptr);
+    bool parse(const TimeFormat& format, const char* text, const Timezone* zone,
+               ExtraTimevalParseInfo* extra = nullptr, unsigned* consumed = nullptr);
+    bool parse(const TimeFormat& format, const char* text, size_t length, const Timezone* zone,
+               ExtraTimevalParseInfo* extra = nullptr, unsigned* consumed = nullptr);
+    bool parse(const TimeFormat& format, const char* text, ExtraTimevalParseInfo* extra = nullptr,
+               unsigned* consumed = nullptr);
+    bool parse(const TimeFormat& format, const char* text, size_t length,
+               ExtraTimevalParseInfo* extra = nullptr, unsigned* consumed = nullptr);
 
     void renderCrashLogInfoTo(CrashLogWriteHandler& h) const;
 

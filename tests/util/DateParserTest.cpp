@@ -1,0 +1,350 @@
+#include "util/DateParser.h"
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+#include "util/Timezone.h"
+
+namespace {
+
+const std::string kLogs = TARVEX_SOURCE_DIR "/tests/data/logs/";
+
+int64_t utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
+    struct tm t = {};
+    t.tm_year = y - 1900;
+    t.tm_mon = mo - 1;
+    t.tm_mday = d;
+    t.tm_hour = h;
+    t.tm_min = mi;
+    t.tm_sec = s;
+    return timegm(&t);
+}
+
+std::string show(const Timeval& t) {
+    const time_t s = static_cast<time_t>(t.sec());
+    struct tm tm;
+    gmtime_r(&s, &tm);
+    char buf[64];
+    snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d.%06ld", tm.tm_year + 1900,
+             tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, t.usec());
+    return buf;
+}
+
+// Catches the warnings instead of logging them.
+class RecordingParser : public DateParser {
+public:
+    RecordingParser() : DateParser(true) {}
+    std::vector<std::string> messages;
+
+protected:
+    bool isLoggingEnabled(message_type_t, int) override { return true; }
+    void doLogImpl(message_type_t type, int, const char* format, va_list args) override {
+        Str text(getMessageTypeAsStr(type));
+        text.append(": ");
+        text.appendVformat(format, args);
+        messages.push_back(text);
+    }
+};
+
+// The fields of one CSV record (quotes and doubled quotes understood).
+std::vector<std::string> csvFields(const std::string& line) {
+    std::vector<std::string> out(1);
+    bool quoted = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (quoted) {
+            if (c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
+                out.back() += '"';
+                ++i;
+            } else if (c == '"') {
+                quoted = false;
+            } else {
+                out.back() += c;
+            }
+        } else if (c == '"') {
+            quoted = true;
+        } else if (c == ',') {
+            out.emplace_back();
+        } else {
+            out.back() += c;
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> lines(const std::string& path) {
+    std::vector<std::string> out;
+    const std::string text = testsupport::readFile(path);
+    size_t at = 0;
+    for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
+        std::string l = text.substr(at, nl - at);
+        if (!l.empty() && l.back() == '\r') l.pop_back();
+        out.push_back(l);
+    }
+    if (at < text.size()) out.push_back(text.substr(at));
+    return out;
+}
+
+int monthNumber(const std::string& name) {
+    static const char* names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    for (int i = 0; i < 12; ++i) {
+        if (name.compare(0, 3, names[i]) == 0) return i + 1;
+    }
+    return 0;
+}
+
+// The true time of a record, as "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
+std::string truth(int y, int mo, int d, const std::string& clock) {
+    int h = 0, mi = 0, s = 0;
+    char frac[16] = "";
+    sscanf(clock.c_str(), "%d:%d:%d%*[.,]%9[0-9]", &h, &mi, &s, frac);
+    std::string f = frac;
+    f.resize(6, '0');
+    char buf[64];
+    snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d.%s", y, mo, d, h, mi, s, f.c_str());
+    return buf;
+}
+
+// Real logs of eight systems, each line's time against the record's own
+// date and time columns. Times are read as UTC (the zone the guesser is
+// told); where a log has no year, `now` makes the guesser choose the one
+// stated here.
+TEST(DateParser, RealLogsAgreeWithTheirTruth) {
+    struct System {
+        const char* name;
+        int64_t now;
+        std::function<std::string(const std::vector<std::string>&)> expected;
+    };
+    const std::vector<System> systems = {
+        {"Android", utc(2017, 6, 1),  // year stated: 2017
+         [](const std::vector<std::string>& f) {
+             return truth(2017, std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(3, 2)), f[2]);
+         }},
+        {"Apache", utc(2006, 1, 1),
+         [](const std::vector<std::string>& f) {
+             char wd[8], mon[8], clock[16];
+             int d, y;
+             sscanf(f[1].c_str(), "%7s %7s %d %15s %d", wd, mon, &d, clock, &y);
+             return truth(y, monthNumber(mon), d, clock);
+         }},
+        {"BGL", utc(2006, 2, 1),
+         [](const std::vector<std::string>& f) {
+             int y, mo, d, h, mi, s;
+             char frac[16];
+             sscanf(f[5].c_str(), "%d-%d-%d-%d.%d.%d.%15s", &y, &mo, &d, &h, &mi, &s, frac);
+             char clock[32];
+             snprintf(clock, sizeof clock, "%d:%d:%d.%s", h, mi, s, frac);
+             return truth(y, mo, d, clock);
+         }},
+        {"HDFS", utc(2008, 12, 1),
+         [](const std::vector<std::string>& f) {
+             std::string t = std::string(6 - f[2].size(), '0') + f[2];
+             return truth(2000 + std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(2, 2)),
+                          std::stoi(f[1].substr(4, 2)),
+                          t.substr(0, 2) + ":" + t.substr(2, 2) + ":" + t.substr(4, 2));
+         }},
+        {"Linux", utc(2005, 12, 31),  // year stated: 2005
+         [](const std::vector<std::string>& f) {
+             return truth(2005, monthNumber(f[1]), std::stoi(f[2]), f[3]);
+         }},
+        {"OpenSSH", utc(2016, 12, 31),  // year stated: 2016
+         [](const std::vector<std::string>& f) {
+             return truth(2016, monthNumber(f[1]), std::stoi(f[2]), f[3]);
+         }},
+        {"Spark", utc(2017, 7, 1),
+         [](const std::vector<std::string>& f) {
+             return truth(2000 + std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(3, 2)),
+                          std::stoi(f[1].substr(6, 2)), f[2]);
+         }},
+        {"Zookeeper", utc(2015, 9, 1),
+         [](const std::vector<std::string>& f) {
+             return truth(std::stoi(f[1].substr(0, 4)), std::stoi(f[1].substr(5, 2)),
+                          std::stoi(f[1].substr(8, 2)), f[2]);
+         }},
+    };
+    for (const System& sys : systems) {
+        const std::vector<std::string> log = lines(kLogs + sys.name + "_2k.log");
+        const std::vector<std::string> csv = lines(kLogs + sys.name + "_2k.log_structured.csv");
+        ASSERT_EQ(log.size() + 1, csv.size()) << sys.name;
+        DateParser parser(true);
+        ASSERT_TRUE(parser.guesser().setTZ("UTC"));
+        size_t agree = 0;
+        std::string firstMiss;
+        for (size_t i = 0; i < log.size(); ++i) {
+            Timeval t;
+            const bool ok =
+                parser.parseDate(t, StrSegment(log[i].data(), log[i].size()), Timeval(sys.now, 0));
+            const std::string want = sys.expected(csvFields(csv[i + 1]));
+            if (ok && show(t) == want) {
+                ++agree;
+            } else if (firstMiss.empty()) {
+                firstMiss = log[i] + "\n  got " + (ok ? show(t) : "nothing") + ", want " + want;
+            }
+        }
+        printf("%-10s %4zu of %4zu lines agree\n", sys.name, agree, log.size());
+        EXPECT_EQ(agree, log.size()) << sys.name << ": " << firstMiss;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+struct Parsed {
+    bool ok;
+    std::string time;
+};
+
+Parsed parseOne(DateParser& p, const std::string& line, int64_t now) {
+    Timeval t;
+    const bool ok = p.parseDate(t, StrSegment(line.data(), line.size()), Timeval(now, 0));
+    return {ok, ok ? show(t) : ""};
+}
+
+TEST(DateParser, LinesAndTheirTimes) {
+    const int64_t now = utc(2023, 6, 1, 12);
+    struct Case {
+        std::string line;
+        const char* expected;  // empty: no time
+    };
+    const Case cases[] = {
+        {"Jun 3 12:30:45 PM host x",
+         "2023-06-03 12:30:45.000000"},                           // up to 3 days ahead: this year
+        {"Jun 5 12:30:45 host x", "2022-06-05 12:30:45.000000"},  // further: last year
+        {"May 14 12:30:45 am host x", "2023-05-14 00:30:45.000000"},
+        {"2023-05-01 23:59:60 leap", "2023-05-01 23:59:59.000000"},
+        {"Feb 29 12:00:00 no year", "2020-02-29 12:00:00.000000"},
+        {"@4000000052f9a2bc0000000a tai", ""},  // 2014: outside the 5-year window
+        {"2023-05-02T10:00:00.25+05:30 x", "2023-05-02 04:30:00.250000"},
+        {"2023-05-02 10:00:00 CEST x", "2023-05-02 08:00:00.000000"},
+        {"[2023-05-02 10:00:00 PDT]", "2023-05-02 17:00:00.000000"},
+        {"03/04/2023 2023-05-06 10:00", "2023-03-04 10:00:00.000000"},  // equal scores: leftmost
+        {"2023-05-06 03/04/2023 10:00", "2023-05-06 10:00:00.000000"},
+        {"2023-05-02 10:00:00 \xff\xfe bytes that are not UTF-8", "2023-05-02 10:00:00.000000"},
+        {std::string("2023-05-02 10:00:00 \0 nul", 25), "2023-05-02 10:00:00.000000"},
+        {"1685620800.5 epoch", "2023-06-01 12:00:00.500000"},
+        {"no time here 1234", ""},
+    };
+    for (const Case& c : cases) {
+        DateParser p(true);
+        ASSERT_TRUE(p.guesser().setTZ("UTC"));
+        const Parsed r = parseOne(p, c.line, now);
+        EXPECT_EQ(r.ok, *c.expected != '\0') << c.line;
+        EXPECT_EQ(r.time, c.expected) << c.line;
+    }
+    // TAI64 labels read the low 32 bits of the seconds.
+    DateParser p(true);
+    p.guesser().setMinMaxDays(10950, 7);
+    EXPECT_EQ(parseOne(p, "@4000000052f9a2bc0000000a", now).time, show(Timeval(0x52f9a2bc, 0)));
+}
+
+TEST(DateParser, StreamHistory) {
+    const int64_t now = utc(2023, 6, 1, 12);
+    RecordingParser p;
+    ASSERT_TRUE(p.guesser().setTZ("UTC"));
+    EXPECT_FALSE(parseOne(p, "no time on a new stream", now).ok);
+    EXPECT_EQ(parseOne(p, "2023-05-02 10:00:00 first", now).time, "2023-05-02 10:00:00.000000");
+    EXPECT_EQ(parseOne(p, "a continuation line", now).time, "2023-05-02 10:00:00.000000");
+    ASSERT_FALSE(p.messages.empty());
+    EXPECT_EQ(p.messages.back(),
+              "TIMESTAMP_USING_PREVIOUS: Failed to parse timestamp in the first -1 characters "
+              "(lookahead limit) of the record. Defaulting to timestamp of previous record "
+              "(1683021600.000000).");
+    p.messages.clear();
+    for (int i = 0; i < 100000; ++i) parseOne(p, "2023-05-02 10:00:00 same", now);
+    ASSERT_EQ(p.messages.size(), 1u);
+    EXPECT_EQ(p.messages[0].substr(0, 77),
+              "TIMESTAMP_CONSECUTIVE_LIMIT: The same timestamp has been used for 100K consec");
+
+    // A date from the source's name serves lines with times only, and the
+    // clock going back past the limit starts the next day.
+    DateParser q(true);
+    ASSERT_TRUE(q.guesser().setTZ("UTC"));
+    ASSERT_TRUE(q.setDateByString(StrSegment("web-2023-03-04.log")));
+    EXPECT_EQ(parseOne(q, "23:30:00 late", now).time, "2023-03-04 23:30:00.000000");
+    EXPECT_EQ(parseOne(q, "00:10:00 after midnight", now).time, "2023-03-05 00:10:00.000000");
+}
+
+// Times within a day of the real clock pass whatever `now` says.
+TEST(DateParser, TheRealClockOverridesTheWindow) {
+    const int64_t real = Timeval::now().sec();
+    const time_t r = static_cast<time_t>(real);
+    struct tm t;
+    gmtime_r(&r, &t);
+    char line[64];
+    strftime(line, sizeof line, "%Y-%m-%d %H:%M:%S today", &t);
+    RecordingParser p;
+    ASSERT_TRUE(p.guesser().setTZ("UTC"));
+    EXPECT_TRUE(parseOne(p, line, real + 6 * 366 * 86400).ok);
+    // An epoch needs no date, so nothing else can stand in for it.
+    const std::string old = std::to_string(real - 6 * 366 * 86400);
+    RecordingParser fresh;
+    ASSERT_TRUE(fresh.guesser().setTZ("UTC"));
+    EXPECT_FALSE(parseOne(fresh, old + " six years ago", real).ok);
+    ASSERT_FALSE(fresh.messages.empty());
+    EXPECT_EQ(fresh.messages.back().compare(0, 30, "TIMESTAMP_REGEX_OUTSIDE_WINDOW"), 0);
+}
+
+TEST(TimeGuesser, ZoneNames) {
+    struct Case {
+        const char* name;
+        bool ok;
+        long offset;
+    };
+    const Case cases[] = {
+        {"ACDT", true, 37800},
+        {"bst", true, 3600},
+        {"CST", true, -21600},
+        {"IST", true, 19800},
+        {"NFT", true, 41400},
+        {"HAT", true, -9000},
+        {"ZULU", true, 0},
+        {"+0530", true, 19800},
+        {"-03:30", true, -12600},
+        {"+05:30:15", true, 19815},
+        {"+24", false, 0},
+        {"ABCDEFGH", false, 0},
+        {"Tokyo Standard Time", true, 32400},
+        {"Tokyo Daylight Time", true, 36000},
+        {"Cape Verde Standard Time", true, -3600},
+        {"Nowhere Standard Time", false, 0},
+    };
+    for (const Case& c : cases) {
+        long offset = 12345;
+        EXPECT_EQ(timezone_offset_by_name(c.name, &offset), c.ok) << c.name;
+        if (c.ok) {
+            EXPECT_EQ(offset, c.offset) << c.name;
+        }
+    }
+    TimezoneGuessResult r;
+    ASSERT_TRUE(TimeGuesser::basic()->guessTimezone("GMT+0100", &r));
+    EXPECT_TRUE(r.isOffset);
+    EXPECT_EQ(r.offset, 3600);
+    ASSERT_TRUE(TimeGuesser::basic()->guessTimezone("UTC", &r));
+    EXPECT_EQ(r.offset, 0);
+}
+
+TEST(DateParser, ZoneAliasText) {
+    std::map<Str, Str> aliases;
+    EXPECT_TRUE(DateParser::parseTZalias(aliases, "MEZ=CET,XST=+0300"));
+    EXPECT_EQ(aliases.size(), 2u);
+    for (const char* bad : {"A=B=C", "=B", "A=", "A"}) {
+        std::map<Str, Str> none;
+        EXPECT_FALSE(DateParser::parseTZalias(none, bad)) << bad;
+        EXPECT_TRUE(none.empty()) << bad;
+    }
+    DateParser p(true);
+    EXPECT_TRUE(p.guesser().setUserZoneAlias(aliases));
+    ASSERT_TRUE(p.guesser().setTZ("UTC"));
+    EXPECT_EQ(parseOne(p, "2023-05-02 10:00:00 XST", utc(2023, 6, 1)).time,
+              "2023-05-02 07:00:00.000000");
+}
+
+}  // namespace
