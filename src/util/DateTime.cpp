@@ -449,7 +449,12 @@ long StructTmInTimezone::impl::impl_to_epoch(const TimeFormat::render_tm_ops* op
     int64_t local;
     if (!fieldsToSeconds(&copy, &local)) return -1;
     const TimezoneOffset* o = zoneOf(ops)->offsetFromReverseSearch(local, t->tm_isdst);
-    return o == nullptr ? -1 : long(local) - long(o->utoff);
+    if (o == nullptr) return -1;
+    long epoch;
+    if (__builtin_sub_overflow(long(local), long(o->utoff), &epoch)) {
+        return o->utoff > 0 ? LONG_MIN : LONG_MAX;  // saturates, as the conversions do
+    }
+    return epoch;
 }
 
 bool StructTmInTimezone::impl::impl_get_tzname(const TimeFormat::render_tm_ops* ops,

@@ -73,7 +73,16 @@ private:
 
 class OpenedFile {
 public:
-    explicit OpenedFile(const char* path) : _fd(open(path, O_RDONLY | O_CLOEXEC)) {}
+    // Only a regular file: a FIFO named like a zone would block a load (and
+    // the default zone's lock with it), so the open doesn't wait and
+    // anything else is refused.
+    explicit OpenedFile(const char* path) : _fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+        struct stat st;
+        if (_fd >= 0 && (fstat(_fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+            ::close(_fd);
+            _fd = -1;
+        }
+    }
     ~OpenedFile() {
         if (_fd >= 0) ::close(_fd);
     }
@@ -773,8 +782,10 @@ void Timezone::computeZoneinfoConstantOffset() {
 
 void Timezone::setRepeatFlags() {
     auto repeats = [this](uint32_t a, uint32_t b) {
+        int64_t cycleLater;  // a time from a file can lie near the 64-bit limit
         return _transitionTypes[a] == _transitionTypes[b] &&
-               _transitionTimes[b] == _transitionTimes[a] + GREGORIAN_CYCLE_SECONDS;
+               !__builtin_add_overflow(_transitionTimes[a], GREGORIAN_CYCLE_SECONDS, &cycleLater) &&
+               _transitionTimes[b] == cycleLater;
     };
     _repeatsBefore = _timecnt > 800 && repeats(0, 800);
     _repeatsAfter = _timecnt > 800 && repeats(_timecnt - 801, _timecnt - 1);
@@ -819,8 +830,8 @@ bool Timezone::fromZoneinfoData(const char* data, size_t size, bool useFooter) {
             if (p[i] == 1) _types[i].timeKind = TimezoneOffset::STANDARD;
         }
         p += stdcnt;
+        // Only the standard flags must be 0 or 1; a GMT flag is set by 1.
         for (uint32_t i = 0; i < gmtcnt; i++) {
-            if (p[i] > 1) return false;
             if (p[i] == 1) _types[i].timeKind = TimezoneOffset::GMT;
         }
         _timecnt = timecnt;
@@ -1411,11 +1422,16 @@ void setupTimezoneSupport(const Pathname& dir) {
     }
     tzset();
     g_defaultZone.store(nullptr, std::memory_order_seq_cst);
+    ZoneCache& c = zoneCache();
+    ScopedLock<Mutex> l(c.mutex);
     if (const Str* old = g_defaultSerialized.exchange(nullptr, std::memory_order_seq_cst)) {
-        ZoneCache& c = zoneCache();
-        ScopedLock<Mutex> l(c.mutex);
         c.retired.push_back(old);
     }
+    // Names looked up before (the default among them, or one that failed)
+    // may find another zone in the new directory.
+    for (const auto& z : c.zones) c.retired.push_back(z.second);
+    c.zones.clear();
+    c.failed.clear();
 }
 
 void setTimezoneSystemPaths(const Pathname& zoneinfoRoot, const Pathname& localtimeDir) {
@@ -1481,13 +1497,15 @@ const Timezone* getDefaultTimezone() {
     ScopedLock<Mutex> l(m);
     tz = g_defaultZone.load(std::memory_order_acquire);
     if (tz != nullptr) return tz;
-    t_findingDefault = true;
+    struct Finding {  // reset even when a lookup throws
+        Finding() { t_findingDefault = true; }
+        ~Finding() { t_findingDefault = false; }
+    } finding;
     const char* env = getenv("TZ");
     const char* name = env != nullptr && *env != 0 ? env : "localtime";
     tz = getTimezone(name, true);
     if (tz == nullptr) tz = getTimezone("GMT", false);
     if (tz == nullptr) tz = getTimezone("", false);
-    t_findingDefault = false;
     g_defaultZone.store(tz, std::memory_order_seq_cst);
     return tz;
 }
