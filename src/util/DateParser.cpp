@@ -118,41 +118,47 @@ bool startsWith(StrSegment s, const char* z) {
     return s.size() >= n && memcmp(s.data(), z, n) == 0;
 }
 
-// The longest prefix that is valid UTF-8: a bad byte later in a line must
-// not hide the timestamp at its start, and PCRE2 only gets checked text.
-size_t validUtf8Prefix(const char* p, size_t n) {
-    if (mem_is_valid_utf8(p, n)) return n;  // the common case, 16 bytes a step
-    size_t i = 0;
-    while (i < n) {
-        const unsigned char c = static_cast<unsigned char>(p[i]);
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t len;
-        unsigned char lo = 0x80, hi = 0xBF;
-        if (c >= 0xC2 && c <= 0xDF) {
-            len = 2;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            len = 3;
-            if (c == 0xE0) lo = 0xA0;
-            if (c == 0xED) hi = 0x9F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            len = 4;
-            if (c == 0xF0) lo = 0x90;
-            if (c == 0xF4) hi = 0x8F;
-        } else {
-            return i;
-        }
-        if (i + len > n) return i;
-        const unsigned char c1 = static_cast<unsigned char>(p[i + 1]);
-        if (c1 < lo || c1 > hi) return i;
-        for (size_t k = 2; k < len; ++k) {
-            if (!bytescan::isUtf8Continuation(static_cast<unsigned char>(p[i + k]))) return i;
-        }
-        i += len;
+// The length of the valid UTF-8 sequence at p[0], or 0 for a bad byte.
+size_t utf8SequenceLength(const char* p, size_t n) {
+    const unsigned char c = static_cast<unsigned char>(p[0]);
+    if (c < 0x80) return 1;
+    size_t len;
+    unsigned char lo = 0x80, hi = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+        len = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        len = 3;
+        if (c == 0xE0) lo = 0xA0;
+        if (c == 0xED) hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        len = 4;
+        if (c == 0xF0) lo = 0x90;
+        if (c == 0xF4) hi = 0x8F;
+    } else {
+        return 0;
     }
-    return n;
+    if (len > n) return 0;
+    const unsigned char c1 = static_cast<unsigned char>(p[1]);
+    if (c1 < lo || c1 > hi) return 0;
+    for (size_t k = 2; k < len; ++k) {
+        if (!bytescan::isUtf8Continuation(static_cast<unsigned char>(p[k]))) return 0;
+    }
+    return len;
+}
+
+// The line with each byte that isn't part of valid UTF-8 made '?': PCRE2
+// only gets checked text, the positions stay those of the line, and a stray
+// byte before the timestamp doesn't hide it.
+void sanitizeUtf8(const char* p, size_t n, Str* out) {
+    out->assign(p, n);
+    for (size_t i = 0; i < n;) {
+        const size_t len = utf8SequenceLength(p + i, n - i);
+        if (len == 0) {
+            (*out)[i++] = '?';
+        } else {
+            i += len;
+        }
+    }
 }
 
 // The morning and afternoon words of the clock, by their first bytes.
@@ -216,7 +222,7 @@ DateTimeRegex::DateTimeRegex(const Str& name, const Str& pattern) : _name(name) 
     }
 }
 
-// `text` is valid UTF-8 (DateParser::prefixOf cut it so): PCRE2 is spared a
+// `text` is valid UTF-8 (DateParser::prefixOf made it so): PCRE2 is spared a
 // check per pattern.
 bool DateTimeRegex::evaluate(const char* text, size_t length, DateTimeRegexExtractions* ex,
                              int* start, int* end) const {
@@ -495,10 +501,12 @@ const Timezone* DateParserGuesser::baseTimezone() {
     return _baseZone;
 }
 
-// Once the stream has a time, its dates are the reference: a date without a
-// year is read near the previous record, not near the clock (a log read
-// long after it was written, or one crossing New Year).
-Timeval DateParserGuesser::current() { return _previous.isNull() ? _now : _previous; }
+Timeval DateParserGuesser::current() { return _now; }
+
+// Once the stream has a time, a date without a year is read near the
+// previous record, not near the clock: a log read long after it was
+// written, or one crossing New Year, keeps its years.
+Timeval DateParserGuesser::yearReference() { return _previous.isNull() ? _now : _previous; }
 
 bool DateParserGuesser::guessDate(TimeFormatRawParseResult* pr, const TimezoneGuessResult& zone) {
     using R = TimeFormatRawParseResult;
@@ -572,9 +580,13 @@ bool DateParserGuesser::convertToGmt(int64_t local, int isdst, const TimezoneGue
         return true;
     }
     if (!TimeGuesser::convertToGmt(local, isdst, zone, utc)) return false;
-    // Only a plain hour is kept: in a gap the answer is the gap's end,
-    // which isn't one offset away.
-    if (isdst < 0 && local - *utc == zone.offsetAt(*utc)) {
+    // Only an hour that maps one way is kept: in a gap the answer is the
+    // gap's end, and in a repeated hour each line must choose for itself.
+    const Timezone* z = zone.zone ? zone.zone : baseTimezone();
+    if (z == nullptr) z = getDefaultTimezone();
+    Timezone::reverse_search_result_type_t kind = Timezone::NO_INDEX_MATCHES;
+    if (z != nullptr) z->reverseSearchAt(static_cast<time_t>(local), &kind);
+    if (isdst < 0 && kind == Timezone::ONLY_THIS_INDEX) {
         _gmtCacheHour = hour;
         _gmtCacheZone = zone.zone;
         _gmtCacheDelta = local - *utc;
@@ -662,10 +674,13 @@ void DateParser::doLog(int type, ...) {
     va_end(args);
 }
 
+// The context joins the format (its '%' doubled for that) and is printed
+// with the message.
 void DateParser::doLogImpl(message_type_t, int level, const char* format, va_list args) {
+    Str withContext(format);
+    withContext.append(_context);
     Str text;
-    text.appendVformat(format, args);
-    text.append(_context);
+    text.appendVformat(withContext.c_str(), args);
     switch (level) {
         case LOG_LEVEL_DEBUG:
             dp_verbose_log.debugSeg(text.data(), text.size());
@@ -714,12 +729,16 @@ bool DateParser::setTimeFormat(const Str& format) {
     return _timeFormat.setFtime(format.data(), format.size());
 }
 
-void DateParser::setPrefix(const Str& pattern) {
-    if (pattern.empty()) {
-        _prefix.clear();
-    } else {
+bool DateParser::setPrefix(const Str& pattern) {
+    _prefix.clear();
+    if (pattern.empty()) return true;
+    try {
         _prefix.init(pattern);
+    } catch (const RegexException& e) {
+        dp_log.warn("Cannot compile RE \"%s\": %s", pattern.c_str(), e.what());
+        return false;
     }
+    return true;
 }
 
 bool DateParser::parseTZalias(std::map<Str, Str>& out, const Str& text) {
@@ -770,17 +789,26 @@ bool DateParser::parseTZalias(std::map<Str, Str>& out, const Str& text) {
     return true;
 }
 
-bool DateParser::prefixOf(StrSegment* seg, const StrSegment& line) {
-    *seg = StrSegment(line.data(), validUtf8Prefix(line.data(), line.size()));
+bool DateParser::prefixOf(StrSegment* seg, const StrSegment& line, size_t* prefixLength) {
+    // Positions are ints; a line of more than a gigabyte is searched in its
+    // first one.
+    const size_t n = line.size() < (size_t(1) << 30) ? line.size() : (size_t(1) << 30);
+    const char* base = line.data();
+    if (!mem_is_valid_utf8(base, n)) {
+        sanitizeUtf8(base, n, &_sanitized);
+        base = _sanitized.data();
+    }
+    *seg = StrSegment(base, n);
     if (!_prefix.empty()) {
         thread_local RegexMatch m;
-        if (!_prefix.matchBase(seg->data(), seg->size(), &m, nullptr) ||
+        if (!_prefix._matchValid(seg->data(), seg->size(), &m, nullptr, Regex::MATCH_NORMAL) ||
             m.getGroupMatchStart(0) != 0) {
             return false;
         }
         const size_t skip = m.getGroupMatchEnd(0);
         *seg = StrSegment(seg->data() + skip, seg->size() - skip);
     }
+    *prefixLength = static_cast<size_t>(seg->data() - base);
     if (_lookahead > 0) {
         size_t bytes = 0;
         for (int chars = 0; chars < _lookahead && bytes < seg->size(); ++chars) {
@@ -789,6 +817,35 @@ bool DateParser::prefixOf(StrSegment* seg, const StrSegment& line) {
         if (bytes < seg->size()) *seg = StrSegment(seg->data(), bytes);
     }
     return true;
+}
+
+// A word in capitals after a time is a zone only if the zone table or the
+// user's aliases know it: otherwise a log's level word ("INFO", "WARNING")
+// would count as a capture on some lines and not others, and the sticky
+// pattern would drop the lines whose word differs.
+void DateParser::screenZone(DateTimeRegexExtractions* ex) const {
+    if (!ex->has(DT_ZONE)) return;
+    const StrSegment z = ex->get(DT_ZONE);
+    char name[8];
+    if (z.size() < sizeof name) {
+        for (size_t i = 0; i < z.size(); ++i) {
+            if (z.data()[i] < 'A' || z.data()[i] > 'Z') return;  // not a capitalised word
+            name[i] = z.data()[i];
+        }
+        name[z.size()] = '\0';
+        long offset;
+        if (timezone_offset_by_name(name, &offset)) return;
+        if (!_guesser._zoneAliases.empty() &&
+            _guesser._zoneAliases.count(Str(name, z.size())) != 0) {
+            return;
+        }
+    } else {
+        for (char c : z) {
+            if (c < 'A' || c > 'Z') return;
+        }
+    }
+    ex->length[DT_ZONE] = 0;
+    --ex->count;
 }
 
 bool DateParser::generic_getMatch(const DateTimeRegexList& list, DateParserRegexListState& state,
@@ -805,7 +862,10 @@ bool DateParser::generic_getMatch(const DateTimeRegexList& list, DateParserRegex
         int s, e;
         ps->clear();
         int score = -1;
-        if (state.last->evaluate(text, length, &ex, &s, &e)) score = list.parse(ex, ps);
+        if (state.last->evaluate(text, length, &ex, &s, &e)) {
+            screenZone(&ex);
+            score = list.parse(ex, ps);
+        }
         if (score >= 0) {
             *start = s;
             *end = e;
@@ -816,8 +876,9 @@ bool DateParser::generic_getMatch(const DateTimeRegexList& list, DateParserRegex
                     return false;
                 }
                 state.extractionCount = ex.count;
-            } else if (state.run > 9) {
-                return true;
+            } else {
+                if (state.run > 9) return true;
+                ++state.run;
             }
             bestScore = score;
             bestStart = s;
@@ -835,6 +896,7 @@ bool DateParser::generic_getMatch(const DateTimeRegexList& list, DateParserRegex
         if (re == state.last && _cacheEnabled) continue;  // done above
         int s, e;
         if (!re->evaluate(text, length, &ex, &s, &e)) continue;
+        screenZone(&ex);
         _scratch.clear();
         const int score = list.parse(ex, &_scratch);
         if (score < 0 || score < bestScore || (score == bestScore && s >= bestStart)) continue;
@@ -881,8 +943,9 @@ bool DateParser::dateTimeFromString(Timeval& out, const StrSegment& line, int& d
     dateStart = dateEnd = timeStart = timeEnd = -1;
     _patternChanges = 0;
     StrSegment seg;
-    if (!prefixOf(&seg, line) || seg.size() == 0) return false;
-    const int prefixLength = static_cast<int>(seg.data() - line.data());
+    size_t skipped = 0;
+    if (!prefixOf(&seg, line, &skipped) || seg.size() == 0) return false;
+    const int prefixLength = static_cast<int>(skipped);
     const char* text = seg.data();
     const size_t length = seg.size();
     bool byFormat = false;
@@ -923,6 +986,7 @@ bool DateParser::dateTimeFromString(Timeval& out, const StrSegment& line, int& d
             }
             resetRegexState();
             _avgForwardSecs = 600;
+            dateStart = dateEnd = -1;
             continue;
         }
 
@@ -997,6 +1061,7 @@ bool DateParser::parseDate(Timeval& out, const StrSegment& line, const Timeval& 
             *extra = _cachedExtra;
         }
         out = _guesser._previous;
+        dateStart = dateEnd = timeStart = timeEnd = -1;  // nothing of this line was read
         Str when;
         formatTime(&when, out);
         doLog(TIMESTAMP_USING_PREVIOUS, _lookahead, when.c_str());
@@ -1013,7 +1078,7 @@ bool DateParser::parseDate(Timeval& out, const StrSegment& line, const Timeval& 
 }
 
 bool DateParser::matchBoth(const StrSegment& seg, DP_parseState* ps, bool* timeChanged,
-                           bool* dateChanged) {
+                           bool* dateChanged, bool* haveDate) {
     const DateTimeRegex* lastTime = _timeState.last;
     const DateTimeRegex* lastDate = _dateState.last;
     int ts, te, ds, de;
@@ -1023,10 +1088,10 @@ bool DateParser::matchBoth(const StrSegment& seg, DP_parseState* ps, bool* timeC
     }
     *timeChanged = _timeState.last != lastTime;
     DP_parseState date;
-    const bool haveDate =
+    *haveDate =
         generic_getMatch(_conf._dates, _dateState, seg.data(), seg.size(), &date, &ds, &de, keep);
-    *dateChanged = haveDate && _dateState.last != lastDate;
-    if (haveDate) ps->pr.mergeIn(&date.pr);
+    *dateChanged = *haveDate && _dateState.last != lastDate;
+    if (*haveDate) ps->pr.mergeIn(&date.pr);
     return true;
 }
 
@@ -1034,7 +1099,8 @@ bool DateParser::hasTime(const StrSegment& line) {
     if (_mode == MODE_CURRENT_TIME) return true;
     if (_mode == MODE_NONE) return false;
     StrSegment seg;
-    if (!prefixOf(&seg, line) || seg.size() == 0) return false;
+    size_t skipped = 0;
+    if (!prefixOf(&seg, line, &skipped) || seg.size() == 0) return false;
     if (_timeFormat.valid()) {
         Timeval t;
         if (t.parse(_timeFormat, seg.data(), seg.size(), &_guesser)) return true;
@@ -1043,9 +1109,9 @@ bool DateParser::hasTime(const StrSegment& line) {
         return false;
     }
     DP_parseState ps;
-    bool timeChanged = false, dateChanged = false;
-    if (!matchBoth(seg, &ps, &timeChanged, &dateChanged)) return false;
-    if (_patternChanges > 9 || _guesser._previous.isNull()) return true;
+    bool timeChanged = false, dateChanged = false, haveDate = false;
+    if (!matchBoth(seg, &ps, &timeChanged, &dateChanged, &haveDate)) return false;
+    if (!haveDate || _patternChanges > 9 || _guesser._previous.isNull()) return true;
     Timeval t;
     if (!t.set(&ps.pr, &_guesser, nullptr)) return true;
     const int64_t d = t.sec() - _guesser._previous.sec();
@@ -1065,7 +1131,8 @@ bool DateParser::hasTime(const StrSegment& line) {
 
 bool DateParser::setDateByString(const StrSegment& text) {
     Str source("source::");
-    source.append(text.data(), validUtf8Prefix(text.data(), text.size()));
+    sanitizeUtf8(text.data(), text.size(), &_sanitized);
+    source.append(_sanitized);
     DP_parseState ps;
     int ds, de;
     DateParserRegexListState state;

@@ -148,6 +148,7 @@ public:
     bool withinPermittedTimeRange(const Timeval& t) const;
 
     bool hasExistingDateContext() override;
+    Timeval yearReference() override;
     const Timezone* baseTimezone() override;
     Timeval current() override;
     bool guessDate(TimeFormatRawParseResult* pr, const TimezoneGuessResult& zone) override;
@@ -218,8 +219,9 @@ public:
     void setDateLookahead(int n) { _lookahead = n < 0 ? -1 : n; }
     // A fixed format instead of the search; an empty text goes back to it.
     bool setTimeFormat(const Str& format);
-    // Lines must start with a match of this; empty: no prefix.
-    void setPrefix(const Str& pattern);
+    // Lines must start with a match of this; empty: no prefix. False (and
+    // no prefix) for a pattern that doesn't compile.
+    bool setPrefix(const Str& pattern);
     void setMode(mode_t mode) { _mode = mode; }
     void setMinMaxDiffSecs(int ago, int hence) { _guesser.setMinMaxDiffSecs(ago, hence); }
     void setContext(const char* text, size_t length);
@@ -239,13 +241,15 @@ protected:
     virtual bool isLoggingEnabled(message_type_t type, int level);
 
 private:
-    bool prefixOf(StrSegment* seg, const StrSegment& line);
+    bool prefixOf(StrSegment* seg, const StrSegment& line, size_t* prefixLength);
     bool dateTimeFromString(Timeval& out, const StrSegment& line, int& dateStart, int& dateEnd,
                             int& timeStart, int& timeEnd, ExtraTimevalParseInfo* extra);
     bool generic_getMatch(const DateTimeRegexList& list, DateParserRegexListState& state,
                           const char* text, size_t length, DP_parseState* ps, int* start, int* end,
                           bool keepPattern);
-    bool matchBoth(const StrSegment& seg, DP_parseState* ps, bool* timeChanged, bool* dateChanged);
+    void screenZone(DateTimeRegexExtractions* ex) const;
+    bool matchBoth(const StrSegment& seg, DP_parseState* ps, bool* timeChanged, bool* dateChanged,
+                   bool* haveDate);
 
     const DateParserRegexConf& _conf;
     DateParserRegexListState _timeState;
@@ -273,4 +277,5 @@ private:
     DP_parseState _best;
     DP_parseState _state;
     Str _failedMatch;
+    Str _sanitized;  // a line's bad UTF-8 bytes made '?', positions kept
 };

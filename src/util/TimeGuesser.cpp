@@ -474,6 +474,7 @@ TimeGuesser* TimeGuesser::basic() {
 TimeGuesser::~TimeGuesser() = default;
 
 Timeval TimeGuesser::current() { return Timeval::now(); }
+Timeval TimeGuesser::yearReference() { return current(); }
 bool TimeGuesser::hasExistingDateContext() { return false; }
 const Timezone* TimeGuesser::baseTimezone() { return nullptr; }
 
@@ -571,7 +572,7 @@ bool TimeGuesser::guessYear(TimeFormatRawParseResult* pr) {
     TimeFormatRawParseResult now;
     TimezoneGuessResult zone;
     zone.setZone(baseOrDefault());
-    localFields(current().sec(), zone, &now);
+    localFields(yearReference().sec(), zone, &now);
     int year = now.year;
     if (!pr->has(R::HAVE_MONTH | R::HAVE_MDAY)) {
         pr->set(R::HAVE_YEAR, &pr->year, year);
@@ -609,12 +610,14 @@ bool TimeGuesser::guessDate(TimeFormatRawParseResult* pr, const TimezoneGuessRes
     int64_t dayShift = 0;
     int hour;
     if (hour24(pr, &hour)) {
-        const int64_t parsed = hour * 3600 + pr->minute * 60 + pr->second;
+        const int64_t parsed =
+            hour * 3600 + pr->minute * 60 + (pr->has(R::HAVE_SECOND) ? pr->second : 0);
         // Up to three hours ahead of now is today; anything later, yesterday.
         if (nowSecond + 10800 < parsed) dayShift = -1;
     } else if (pr->has(R::HAVE_HOUR12)) {
         // Without am/pm: the latest reading not more than 90 minutes ahead.
-        const int64_t am = (pr->hour12 % 12) * 3600 + pr->minute * 60 + pr->second;
+        const int64_t am =
+            (pr->hour12 % 12) * 3600 + pr->minute * 60 + (pr->has(R::HAVE_SECOND) ? pr->second : 0);
         int64_t best = 0;
         bool found = false;
         for (int64_t candidate : {am - kDay, am + 43200 - kDay, am, am + 43200}) {

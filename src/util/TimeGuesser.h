@@ -74,6 +74,10 @@ public:
     virtual bool ambigiousDst(long dstTime);
 
 protected:
+    // The day a date without a year is read near: today by default; a log
+    // reader takes its previous record, so that an old log (or one crossing
+    // New Year) keeps its years.
+    virtual Timeval yearReference();
     // Which of two instants lies nearer now, a past one counting 8 times
     // its distance: true for b.
     bool preferSecond(long a, long b);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/AllocCounter.h"
 #include "support/TestSupport.h"
 #include "util/Timezone.h"
 
@@ -228,6 +229,7 @@ TEST(DateParser, LinesAndTheirTimes) {
         {"03/04/2023 2023-05-06 10:00", "2023-03-04 10:00:00.000000"},  // equal scores: leftmost
         {"2023-05-06 03/04/2023 10:00", "2023-05-06 10:00:00.000000"},
         {"2023-05-02 10:00:00 \xff\xfe bytes that are not UTF-8", "2023-05-02 10:00:00.000000"},
+        {"\xe9t\xe9 2023-05-02 10:00:00 after Latin-1", "2023-05-02 10:00:00.000000"},
         {std::string("2023-05-02 10:00:00 \0 nul", 25), "2023-05-02 10:00:00.000000"},
         {"1685620800.5 epoch", "2023-06-01 12:00:00.500000"},
         {"no time here 1234", ""},
@@ -262,6 +264,30 @@ TEST(DateParser, StreamHistory) {
     ASSERT_EQ(p.messages.size(), 1u);
     EXPECT_EQ(p.messages[0].substr(0, 77),
               "TIMESTAMP_CONSECUTIVE_LIMIT: The same timestamp has been used for 100K consec");
+
+    // A word in capitals after the time is no zone unless one is known by
+    // it: lines whose level words differ keep their own times once the
+    // pattern has settled.
+    DateParser levels(true);
+    ASSERT_TRUE(levels.guesser().setTZ("UTC"));
+    for (int i = 0; i < 12; ++i) {
+        parseOne(levels, "2023-05-02 10:00:" + std::to_string(10 + i) + " INFO x", now);
+    }
+    EXPECT_EQ(parseOne(levels, "2023-05-02 10:00:40 WARNING y", now).time,
+              "2023-05-02 10:00:40.000000");
+    // A real zone does change the form: once settled, such a line counts as a
+    // change of format and keeps the previous time.
+    EXPECT_EQ(parseOne(levels, "2023-05-02 10:00:41 EST z", now).time,
+              "2023-05-02 10:00:40.000000");
+
+    // Times alone take today's date, yesterday's when well ahead of now.
+    DateParser clock(true);
+    ASSERT_TRUE(clock.guesser().setTZ("UTC"));
+    const int64_t justAfterMidnight = utc(2023, 6, 2, 0, 10);
+    EXPECT_EQ(parseOne(clock, "23:59:59 late", justAfterMidnight).time,
+              "2023-06-01 23:59:59.000000");
+    EXPECT_EQ(parseOne(clock, "00:00:05 early", justAfterMidnight).time,
+              "2023-06-02 00:00:05.000000");
 
     // A date from the source's name serves lines with times only, and the
     // clock going back past the limit starts the next day.
@@ -345,6 +371,44 @@ TEST(DateParser, ZoneAliasText) {
     ASSERT_TRUE(p.guesser().setTZ("UTC"));
     EXPECT_EQ(parseOne(p, "2023-05-02 10:00:00 XST", utc(2023, 6, 1)).time,
               "2023-05-02 07:00:00.000000");
+}
+
+// The common line, once the stream has taught the parser its form, costs no
+// allocation: each of these logs, read twice.
+TEST(DateParser, AWarmStreamAllocatesNothing) {
+    if (!alloccounter::available()) GTEST_SKIP() << "allocations can't be counted here";
+    for (const char* name : {"Zookeeper", "Linux", "BGL", "Android"}) {
+        const std::vector<std::string> log = lines(kLogs + name + "_2k.log");
+        DateParser p(true);
+        ASSERT_TRUE(p.guesser().setTZ("UTC"));
+        const Timeval now(utc(2018, 1, 1), 0);
+        p.guesser().setMinMaxDays(10950, 7);
+        Timeval t;
+        for (size_t i = 0; i < 200; ++i)
+            p.parseDate(t, StrSegment(log[i].data(), log[i].size()), now);
+        alloccounter::Scope scope;
+        for (size_t i = 200; i < 400; ++i) {
+            p.parseDate(t, StrSegment(log[i].data(), log[i].size()), now);
+        }
+        EXPECT_EQ(scope.allocations(), 0) << name;
+    }
+}
+
+// A time far from the previous one: accepted with a warning while the same
+// patterns found it, refused when they changed.
+TEST(DateParser, HasTimeWeighsDistanceFromThePrevious) {
+    const int64_t now = utc(2023, 6, 1, 12);
+    RecordingParser p;
+    ASSERT_TRUE(p.guesser().setTZ("UTC"));
+    EXPECT_FALSE(p.hasTime(StrSegment("nothing here")));
+    EXPECT_TRUE(p.hasTime(StrSegment("2023-05-02 10:00:00 on a new stream")));
+    parseOne(p, "2023-05-02 10:00:00 first", now);
+    EXPECT_TRUE(p.hasTime(StrSegment("2023-05-02 10:30:00 near")));
+    EXPECT_TRUE(p.hasTime(StrSegment("2023-05-22 10:00:00 three weeks on, same form")));
+    ASSERT_FALSE(p.messages.empty());
+    EXPECT_EQ(p.messages.back().compare(0, 36, "TIMESTAMP_SOMEWHAT_FAR_FROM_PREVIOUS"), 0);
+    EXPECT_FALSE(p.hasTime(StrSegment("05/22/2023 10:00:00 three weeks on, another form")));
+    EXPECT_EQ(p.messages.back().compare(0, 31, "TIMESTAMP_TOO_FAR_FROM_PREVIOUS"), 0);
 }
 
 }  // namespace
