@@ -83,25 +83,48 @@ void Tarvex(State& state, const Log* log, bool cache) {
     perLine(state, text.size());
 }
 
+// One JIT-compiled PCRE2 pattern: where a line's stamp (group 1) lies.
+class StampFinder {
+public:
+    explicit StampFinder(const char* pattern) {
+        int err;
+        PCRE2_SIZE at;
+        _re = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern), PCRE2_ZERO_TERMINATED, 0, &err,
+                            &at, nullptr);
+        pcre2_jit_compile(_re, PCRE2_JIT_COMPLETE);
+        _md = pcre2_match_data_create_from_pattern(_re, nullptr);
+    }
+    ~StampFinder() {
+        pcre2_match_data_free(_md);
+        pcre2_code_free(_re);
+    }
+    bool find(const std::string& line, size_t* begin, size_t* end) {
+        if (pcre2_jit_match(_re, reinterpret_cast<PCRE2_SPTR>(line.data()), line.size(), 0, 0, _md,
+                            nullptr) < 2) {
+            return false;
+        }
+        const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(_md);
+        *begin = ov[2];
+        *end = ov[3];
+        return true;
+    }
+
+private:
+    pcre2_code* _re;
+    pcre2_match_data* _md;
+};
+
 void Pcre2Strptime(State& state, const Log* log) {
     const std::vector<std::string>& text = lines(log->name);
-    int err;
-    PCRE2_SIZE at;
-    pcre2_code* re = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(log->regex), PCRE2_ZERO_TERMINATED,
-                                   0, &err, &at, nullptr);
-    pcre2_jit_compile(re, PCRE2_JIT_COMPLETE);
-    pcre2_match_data* md = pcre2_match_data_create_from_pattern(re, nullptr);
+    StampFinder finder(log->regex);
     size_t found = 0;
     char stamp[64];
     for (auto _ : state) {
         for (const std::string& l : text) {
-            if (pcre2_jit_match(re, reinterpret_cast<PCRE2_SPTR>(l.data()), l.size(), 0, 0, md,
-                                nullptr) < 2) {
-                continue;
-            }
-            const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(md);
-            const size_t n = std::min<size_t>(ov[3] - ov[2], sizeof stamp - 1);
-            memcpy(stamp, l.data() + ov[2], n);
+            size_t b, e;
+            if (!finder.find(l, &b, &e)) continue;
+            const size_t n = std::min<size_t>(e - b, sizeof stamp - 1);
+            memcpy(stamp, l.data() + b, n);
             stamp[n] = '\0';
             struct tm tm = {};
             tm.tm_year = 2016 - 1900;  // for formats without a year
@@ -111,8 +134,6 @@ void Pcre2Strptime(State& state, const Log* log) {
         }
     }
     if (found != state.iterations() * text.size()) state.SkipWithError("a line without a time");
-    pcre2_match_data_free(md);
-    pcre2_code_free(re);
     perLine(state, text.size());
 }
 
@@ -120,23 +141,15 @@ void Pcre2Strptime(State& state, const Log* log) {
 // regex, as a user of the library would.
 void DateParse(State& state, const Log* log) {
     const std::vector<std::string>& text = lines(log->name);
-    int err;
-    PCRE2_SIZE at;
-    pcre2_code* re = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(log->regex), PCRE2_ZERO_TERMINATED,
-                                   0, &err, &at, nullptr);
-    pcre2_jit_compile(re, PCRE2_JIT_COMPLETE);
-    pcre2_match_data* md = pcre2_match_data_create_from_pattern(re, nullptr);
+    StampFinder finder(log->regex);
     size_t found = 0;
     std::istringstream in;
     for (auto _ : state) {
         for (const std::string& l : text) {
-            if (pcre2_jit_match(re, reinterpret_cast<PCRE2_SPTR>(l.data()), l.size(), 0, 0, md,
-                                nullptr) < 2) {
-                continue;
-            }
-            const PCRE2_SIZE* ov = pcre2_get_ovector_pointer(md);
+            size_t b, e;
+            if (!finder.find(l, &b, &e)) continue;
             in.clear();
-            in.str(l.substr(ov[2], ov[3] - ov[2]));
+            in.str(l.substr(b, e - b));
             std::chrono::sys_seconds tp;
             in >> date::parse(log->format, tp);
             found += !in.fail();
@@ -144,8 +157,6 @@ void DateParse(State& state, const Log* log) {
     }
     // Formats without a year can't make a time point for date::parse.
     if (found == 0) state.SkipWithError("date::parse read nothing");
-    pcre2_match_data_free(md);
-    pcre2_code_free(re);
     perLine(state, text.size());
 }
 

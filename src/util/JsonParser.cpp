@@ -346,6 +346,33 @@ struct JsonNode::impl_Array_or_Object : impl {
             linkLast(&_linkage, copy.release());
         }
     }
+    // The crash-log form: the first `limit` children (members with their
+    // keys), then how many more there were.
+    void emitChildren(CrashLogWriteHandler& h, JsonPrettyPrintingState* st, char open, char close,
+                      size_t limit, const char* what) const {
+        st->startAggregate(h, kCrashIndentStep, open);
+        size_t shown = 0, more = 0;
+        for (const impl* c = _linkage.first_child; c; c = c->_next_sibling) {
+            if (shown == limit) {
+                ++more;
+                continue;
+            }
+            if (open == '{') {
+                st->beforeValue(h);
+                h.writeQuotedString(c->_key.data(), c->_key.size());
+                h.write(": ", 2);
+                st->afterKey();
+            }
+            c->emitCrash(h, st);
+            ++shown;
+        }
+        if (more != 0) {
+            st->beforeValue(h);
+            h.format("...[%zu more %s]", more, what);
+            st->afterScalar();
+        }
+        st->endAggregate(h, kCrashIndentStep, close);
+    }
     void replaceWithChild(impl* child) override {
         ASSERT(child != nullptr);
         ASSERT(child->_parent == &_linkage);
@@ -392,22 +419,7 @@ struct JsonNode::impl_Array final : impl_Array_or_Object {
         for (const impl* c = _linkage.first_child; c; c = c->_next_sibling) c->renderCborTo(out);
     }
     void emitCrash(CrashLogWriteHandler& h, JsonPrettyPrintingState* st) const override {
-        st->startAggregate(h, kCrashIndentStep, '[');
-        size_t shown = 0, more = 0;
-        for (const impl* c = _linkage.first_child; c; c = c->_next_sibling) {
-            if (shown < kCrashArrayElements) {
-                c->emitCrash(h, st);
-                ++shown;
-            } else {
-                ++more;
-            }
-        }
-        if (more != 0) {
-            st->beforeValue(h);
-            h.format("...[%zu more elements]", more);
-            st->afterScalar();
-        }
-        st->endAggregate(h, kCrashIndentStep, ']');
+        emitChildren(h, st, '[', ']', kCrashArrayElements, "elements");
     }
     type_t getType() const override { return array; }
     impl* _duplicate() const override {
@@ -500,26 +512,7 @@ struct JsonNode::impl_Object final : impl_Array_or_Object {
         }
     }
     void emitCrash(CrashLogWriteHandler& h, JsonPrettyPrintingState* st) const override {
-        st->startAggregate(h, kCrashIndentStep, '{');
-        size_t shown = 0, more = 0;
-        for (const impl* c = _linkage.first_child; c; c = c->_next_sibling) {
-            if (shown < kCrashObjectMembers) {
-                st->beforeValue(h);
-                h.writeQuotedString(c->_key.data(), c->_key.size());
-                h.write(": ", 2);
-                st->afterKey();
-                c->emitCrash(h, st);
-                ++shown;
-            } else {
-                ++more;
-            }
-        }
-        if (more != 0) {
-            st->beforeValue(h);
-            h.format("...[%zu more keys]", more);
-            st->afterScalar();
-        }
-        st->endAggregate(h, kCrashIndentStep, '}');
+        emitChildren(h, st, '{', '}', kCrashObjectMembers, "keys");
     }
     type_t getType() const override { return object; }
     impl* _duplicate() const override {
