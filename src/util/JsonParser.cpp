@@ -1,5 +1,7 @@
 #include "util/JsonParser.h"
 
+#include <sanitizer/asan_interface.h>
+
 #include <cfloat>
 #include <charconv>
 #include <cmath>
@@ -207,6 +209,80 @@ void parent_linkage::swap(parent_linkage& other) {
 }
 
 impl::~impl() = default;
+
+// ---------------------------------------------------------------- node memory
+
+namespace {
+
+// Size classes of the node family: every node fits one of them.
+constexpr size_t kNodeClasses[] = {64, 80, 96};
+constexpr size_t kNodeClassCount = sizeof kNodeClasses / sizeof kNodeClasses[0];
+constexpr size_t kNodeCacheLimit = size_t(16) << 20;
+
+struct FreeNode {
+    FreeNode* next;
+};
+
+// Freed nodes stay poisoned for AddressSanitizer while they wait in the
+// cache, so that a handle used after its node's removal is still caught.
+struct NodeCache {
+    FreeNode* lists[kNodeClassCount] = {};
+    size_t bytes = 0;
+    ~NodeCache() {
+        release();
+        bytes = SIZE_MAX / 2;  // nodes freed later still, at exit, bypass the cache
+    }
+    void release() noexcept {
+        for (size_t c = 0; c < kNodeClassCount; ++c) {
+            while (FreeNode* n = lists[c]) {
+                ASAN_UNPOISON_MEMORY_REGION(n, kNodeClasses[c]);
+                lists[c] = n->next;
+                ::operator delete(n);
+            }
+        }
+        bytes = 0;
+    }
+};
+
+thread_local NodeCache t_nodeCache;
+
+size_t nodeClass(size_t size) {
+    for (size_t c = 0; c < kNodeClassCount; ++c) {
+        if (size <= kNodeClasses[c]) return c;
+    }
+    return kNodeClassCount;
+}
+
+}  // namespace
+
+void* impl::operator new(size_t size) {
+    const size_t c = nodeClass(size);
+    ASSERT(c < kNodeClassCount);
+    NodeCache& cache = t_nodeCache;
+    if (FreeNode* n = cache.lists[c]) {
+        ASAN_UNPOISON_MEMORY_REGION(n, kNodeClasses[c]);
+        cache.lists[c] = n->next;
+        cache.bytes -= kNodeClasses[c];
+        return n;
+    }
+    return ::operator new(kNodeClasses[c]);
+}
+
+void impl::operator delete(void* p, size_t size) noexcept {
+    const size_t c = nodeClass(size);
+    NodeCache& cache = t_nodeCache;
+    if (cache.bytes + kNodeClasses[c] > kNodeCacheLimit) {
+        ::operator delete(p);
+        return;
+    }
+    auto* n = static_cast<FreeNode*>(p);
+    n->next = cache.lists[c];
+    cache.lists[c] = n;
+    cache.bytes += kNodeClasses[c];
+    ASAN_POISON_MEMORY_REGION(n, kNodeClasses[c]);
+}
+
+void JsonNode::releaseCachedNodes() noexcept { t_nodeCache.release(); }
 
 void impl::stringify(Str* out) const {
     AppendStr text;

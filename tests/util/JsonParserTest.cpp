@@ -330,6 +330,22 @@ TEST(JsonDocument, DestroysDeepTreesWithoutRecursion) {
     EXPECT_TRUE(doc.empty());
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+// Removed nodes wait in a per-thread cache for reuse; AddressSanitizer must
+// still see a stale handle's access.
+TEST(JsonNodeDeathTest, StaleHandleIsCaughtInTheNodeCache) {
+    EXPECT_DEATH(
+        {
+            JsonDocument doc = parse("[1,{\"a\":2}]");
+            JsonNode stale = doc.root()[1];
+            JsonNode(stale).remove();
+            fprintf(stderr, "%zu\n", stale.childCount());
+        },
+        "use-after-poison");
+    JsonNode::releaseCachedNodes();
+}
+#endif
+
 TEST(JsonStreamingDocumentParser, HandsOverEachDocument) {
     struct Collect : JsonStreamingDocumentParser {
         std::vector<std::string> seen;
