@@ -170,8 +170,6 @@ public:
     int64_t _gmtCacheHour = INT64_MIN;
     int64_t _gmtCacheDelta = 0;
     const Timezone* _gmtCacheZone = nullptr;
-    long _gmtCacheOffset = 0;
-    bool _gmtCacheIsOffset = false;
     int _dateYear = -1;
     int _dateMonth = 0;
     int _dateDay = 0;
