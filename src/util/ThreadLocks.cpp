@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <link.h>
+#include <sched.h>
 #include <string.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -474,10 +475,28 @@ MutexByte::per_thread_state* MutexByte::firstWaiterFor(waiting_list* chain, cons
     return e;
 }
 
+// A thread that finds the lock held gives its core away a bounded number of
+// times before it queues. Once anyone sleeps, every release is a hand-off to
+// a thread that is not running, and with more threads than cores each of
+// those waits for the scheduler: a convoy that short critical sections never
+// drain. Yielding keeps the contenders runnable and off the chain, so sleepers
+// stay rare and the queue, when one forms, drains; those who do sleep are
+// still served strictly in order.
+constexpr unsigned QUEUE_AFTER_YIELDS = 64;
+
 void MutexByte::_lock_slowpath(waiting_list* chain) {
     // clang-format off
     ASSERT(have_already_started_threads);
     // clang-format on
+    if (shortSpin() == 0) return;
+    for (unsigned i = 0; i < QUEUE_AFTER_YIELDS; ++i) {
+        sched_yield();
+        uint8_t cur = _state.load(std::memory_order_relaxed);
+        if (cur == 0 && _state.compare_exchange_strong(cur, STATE_LOCKED, std::memory_order_acquire,
+                                                       std::memory_order_relaxed)) {
+            return;
+        }
+    }
     for (;;) {
         const uint8_t state = shortSpin();
         if (state == 0) return;
