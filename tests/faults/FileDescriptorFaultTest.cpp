@@ -17,25 +17,18 @@ namespace {
 using namespace iofaults;
 
 struct Pipe {
-    int r = -1, w = -1;
-    Pipe() {
-        int fds[2];
-        EXPECT_EQ(pipe(fds), 0);
-        r = fds[0];
-        w = fds[1];
-    }
+    int fds[2] = {-1, -1}, &r = fds[0], &w = fds[1];
+    Pipe() { EXPECT_EQ(pipe(fds), 0); }
     ~Pipe() {
         disarm();
-        if (r >= 0) close(r);
+        close(r);
         if (w >= 0) close(w);
     }
     std::string drain() {
         close(w);
         w = -1;
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ((n = ::read(r, buf, sizeof buf)) > 0) out.append(buf, n);
+        std::string out(70000, '\0');  // more than any test writes
+        out.resize(std::max<ssize_t>(0, ::read(r, out.data(), out.size())));
         return out;
     }
 };
@@ -96,12 +89,10 @@ TEST(FileDescriptorFaults, WritevGoesInBatchesAndStopsWhenShort) {
     };
     for (const Case& c : cases) {
         Pipe p;
-        std::vector<std::string> storage;
-        std::vector<struct iovec> iov;
         std::string expected;
-        for (int i = 0; i < c.pieces; ++i) storage.push_back(std::to_string(i % 10));
-        for (auto& s : storage) iov.push_back({s.data(), s.size()});
-        for (auto& s : storage) expected += s;
+        for (int i = 0; i < c.pieces; ++i) expected += char('0' + i % 10);
+        std::vector<struct iovec> iov;
+        for (char& byte : expected) iov.push_back({&byte, 1});
         arm(p.w, {}, c.script);
         EXPECT_EQ(FileDescriptor(p.w).writev(iov.data(), c.pieces), c.result) << c.pieces;
         EXPECT_EQ(writevCalls, c.calls) << c.pieces;
@@ -111,9 +102,8 @@ TEST(FileDescriptorFaults, WritevGoesInBatchesAndStopsWhenShort) {
 
 TEST(FileDescriptorFaults, CopyTurnsAZeroWriteIntoNoSpace) {
     testsupport::ScratchDir dir;
-    std::string src = dir / "src";
-    testsupport::writeFile(src, std::string(20000, 'x'));
-    ScopedFileDescriptor in{Pathname(src)};
+    testsupport::writeFile(dir / "src", std::string(20000, 'x'));
+    ScopedFileDescriptor in{Pathname(dir / "src")};
     Pipe p;
     arm(p.w, {}, {real(), zero()});
     errno = 0;

@@ -29,9 +29,7 @@ void failEachAllocation(const std::function<void(C&)>& make, const std::function
 }
 
 std::string describeSet(const StrHashSet& s) {
-    std::string out = Str::from(s);
-    out += " size " + std::to_string(s.size());
-    return out;
+    return Str::from(s) + " size " + std::to_string(s.size());
 }
 
 // 512 keys by copy: eight full leaves, and no room for a ninth, so that one

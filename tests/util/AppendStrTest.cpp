@@ -27,11 +27,7 @@ using testsupport::ScratchDir;
 using testsupport::writeFile;
 constexpr size_t CHUNK = AppendStr::CHUNK_SIZE;
 
-std::string text(const AppendStr& s) {
-    Str out;
-    append_stringified(&out, s);
-    return out;
-}
+std::string text(const AppendStr& s) { return Str::from(s); }
 
 // What `add` appends to an AppendStr whose next byte is `before` bytes short
 // of a chunk boundary.
@@ -40,6 +36,15 @@ std::string nearBoundary(size_t before, const std::function<void(AppendStr&)>& a
     s.append(CHUNK - before, '.');
     add(s);
     return text(s).substr(CHUNK - before);
+}
+
+// The text of a fresh AppendStr after `add`.
+std::string made(const std::function<void(AppendStr&)>& add) { return nearBoundary(CHUNK, add); }
+
+AppendStr of(const std::string& bytes) {
+    AppendStr s;
+    s.append(bytes.data(), bytes.size());
+    return s;
 }
 
 std::string randomBytes(size_t n, unsigned seed) {
@@ -173,9 +178,8 @@ TEST(AppendStrNumbers, DoublesAreShortestFixedPointThatReadBack) {
 // ---------------------------------------------------------------- views and moves
 
 TEST(AppendStrViews, SubstrViewsOrCopies) {
-    AppendStr s;
     const std::string data = randomBytes(3 * CHUNK, 4);
-    s.append(data.data(), data.size());
+    const AppendStr s = of(data);
     Str scratch = "untouched";
     EXPECT_EQ(std::string(s.substr(10, 100, &scratch)), data.substr(10, 100));
     EXPECT_EQ(scratch, "untouched");
@@ -187,9 +191,7 @@ TEST(AppendStrViews, SubstrViewsOrCopies) {
 }
 
 TEST(AppendStrMoves, DestructiveAppendJoinsFullChunksWithoutCopying) {
-    AppendStr a, b;
-    a.append(CHUNK, 'a');
-    b.append(CHUNK + 3, 'b');
+    AppendStr a = of(std::string(CHUNK, 'a')), b = of(std::string(CHUNK + 3, 'b'));
     const void* bFirst = b.iovec()[0].iov_base;
     a.appendDestructive(&b);
     EXPECT_TRUE(b.empty());
@@ -197,23 +199,18 @@ TEST(AppendStrMoves, DestructiveAppendJoinsFullChunksWithoutCopying) {
     EXPECT_EQ(text(a), std::string(CHUNK, 'a') + std::string(CHUNK + 3, 'b'));
 
     // A short last chunk can't stay in the middle: the bytes move.
-    AppendStr c, d;
-    c.append(5, 'c');
-    d.append(2 * CHUNK, 'd');
+    AppendStr c = of("ccccc"), d = of(std::string(2 * CHUNK, 'd'));
     c.appendDestructive(&d);
     EXPECT_TRUE(d.empty());
     EXPECT_EQ(text(c), std::string(5, 'c') + std::string(2 * CHUNK, 'd'));
     EXPECT_EQ(c._usedChunkCount(), 3u);
 
-    AppendStr e;
-    e.append("old");
+    AppendStr e = of("old");
     e.assignDestructive(&c);
     EXPECT_EQ(e.size(), 5 + 2 * CHUNK);
     EXPECT_TRUE(c.empty());
 
-    AppendStr x, y;
-    x.append("abc");
-    y.append("abd");
+    AppendStr x = of("abc"), y = of("abd");
     EXPECT_LT(x.compare(y), 0);
     y.resize(2);
     EXPECT_GT(x.compare(y), 0);  // a prefix sorts first
@@ -245,9 +242,7 @@ TEST(AppendStrEscaping, JsonRoundTripsThroughPython) {
             "    print(json.loads(b'\"' + line + b'\"').encode('utf-8', 'surrogatepass').hex())\n",
             lines),
         want);
-    AppendStr a;
-    a.appendJsonEscaped("</script><a>");
-    EXPECT_EQ(text(a), "<\\/script><a>");
+    EXPECT_EQ(made([](AppendStr& a) { a.appendJsonEscaped("</script><a>"); }), "<\\/script><a>");
 }
 
 TEST(AppendStrEscaping, XmlAcceptedByXmllint) {
@@ -289,11 +284,9 @@ TEST(AppendStrEscaping, XmlAcceptedByXmllint) {
 TEST(AppendStrEscaping, UriQueryMatchesPythonQuotePlus) {
     std::string all;
     for (int c = 1; c < 256; ++c) all += char(c);
-    AppendStr a;
-    a.appendUriEscaped(all.data(), all.size());
-    EXPECT_EQ(
-        text(a),
-        python("import urllib.parse\nprint(urllib.parse.quote_plus(d, safe='-_.~'), end='')", all));
+    const std::string want =
+        python("import urllib.parse\nprint(urllib.parse.quote_plus(d, safe='-_.~'), end='')", all);
+    EXPECT_EQ(made([&](AppendStr& a) { a.appendUriEscaped(all.data(), all.size()); }), want);
     AppendStr q;
     q._append_one_uri_query_param("k y", 3, "v&1", 3);
     q._append_one_uri_query_param("b", 1, "", 0);
@@ -325,12 +318,10 @@ TEST(AppendStrEscaping, CsvHtmlAndControl) {
         EXPECT_EQ(text(a), c.want) << testing::PrintToString(c.in) << " " << c.flags;
     }
 
-    AppendStr h;
-    h.appendHtmlEscaped("<a href=\"x\">'&'</a>");
-    EXPECT_EQ(text(h), "&lt;a href=&quot;x&quot;&gt;&#039;&amp;&#039;&lt;/a&gt;");
-    AppendStr c;
-    c.appendDroppingControlCharacters("a\tb\nc\x1F\x7F", 7);
-    EXPECT_EQ(text(c), "abc\x7F");
+    EXPECT_EQ(made([](AppendStr& h) { h.appendHtmlEscaped("<a href=\"x\">'&'</a>"); }),
+              "&lt;a href=&quot;x&quot;&gt;&#039;&amp;&#039;&lt;/a&gt;");
+    EXPECT_EQ(made([](AppendStr& c) { c.appendDroppingControlCharacters("a\tb\nc\x1F\x7F", 7); }),
+              "abc\x7F");
 }
 
 // Decoding cut anywhere is the fuzz target's work; here the encoder.
@@ -389,25 +380,21 @@ TEST(AppendStrIo, ManyChunksToAndFromFiles) {
     AppendStr s;
     for (size_t i = 0; i < data.size(); i += 777)
         s.append(data.data() + i, std::min<size_t>(777, data.size() - i));
-    int fd = open((dir / "f").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    EXPECT_EQ(FileDescriptor(fd).write(s), ssize_t(data.size()));
-    close(fd);
-    EXPECT_TRUE(testsupport::readFile(dir / "f") == data);
-
+    const Pathname f(dir / "f");
+    ScopedFileDescriptor out{FileDescriptor(f.openCreateOnly(Pathname::CREATE_PRIVATE))};
+    EXPECT_EQ(out.write(s), ssize_t(data.size()));
+    EXPECT_TRUE(testsupport::readFile(f) == data);
     AppendStr fromFd;
     fromFd.append("head:");
-    fd = open((dir / "f").c_str(), O_RDONLY | O_CLOEXEC);
-    fromFd << FileDescriptor(fd);
-    close(fd);
+    fromFd << ScopedFileDescriptor(f);
     EXPECT_TRUE(text(fromFd) == "head:" + data);
-    FileStar f(fopen((dir / "f").c_str(), "r"));
+    ScopedFileStar star(fopen(f.c_str(), "r"));
     AppendStr fromStar;
-    fromStar << f;
-    f.close();
+    fromStar << star;
     EXPECT_TRUE(text(fromStar) == data);
-    FILE* out = fopen((dir / "g").c_str(), "w");
-    EXPECT_EQ(fromStar.writeTo(out), data.size());
-    fclose(out);
+    FILE* g = fopen((dir / "g").c_str(), "w");
+    EXPECT_EQ(fromStar.writeTo(g), data.size());
+    fclose(g);
     EXPECT_TRUE(testsupport::readFile(dir / "g") == data);
 }
 
@@ -456,8 +443,7 @@ TEST(AppendStrCursor, WritesManyElementsAfterAPartialFirst) {
         while (!c.finished()) ASSERT_TRUE(c.write(FileDescriptor(p[1])));
         close(p[1]);
         std::string got(all.size(), '\0');
-        EXPECT_EQ(FileDescriptor(p[0]).read(got.data(), got.size()), ssize_t(all.size() - skip));
-        got.resize(all.size() - skip);
+        got.resize(std::max<ssize_t>(0, FileDescriptor(p[0]).read(got.data(), got.size())));
         close(p[0]);
         EXPECT_EQ(got, all.substr(skip));
     }
@@ -472,9 +458,7 @@ TEST(AppendStrGzip, MembersTheGzipCommandReadsAndBack) {
     AppendStrGzipState z(6, 15, 9, 0);
     z.startFile(&out, Timeval(-5, 0));  // before 1970: MTIME 0
     EXPECT_EQ(text(out).substr(4, 4), std::string(4, '\0'));
-    AppendStr source;
-    source.append(plain.data(), plain.size());
-    z.gzip(source, &out, Z_SYNC_FLUSH);
+    z.gzip(of(plain), &out, Z_SYNC_FLUSH);
     z.endFile(&out);
     z.startFile(&out, Timeval(1700000000, 0));
     z.gzip("second", 6, &out);
@@ -489,10 +473,8 @@ TEST(AppendStrGzip, MembersTheGzipCommandReadsAndBack) {
     EXPECT_TRUE(text(back) == plain + "second");
 
     // Members made by the command (reading them cut anywhere is the fuzz target's work).
-    writeFile(dir / "p", "concatenated ");
-    writeFile(dir / "q", "members");
     auto two = runProcess(
-        {"/bin/sh", "-c", "gzip -c '" + dir / "p" + "'; gzip -9 -c '" + dir / "q" + "'"});
+        {"/bin/sh", "-c", "printf 'concatenated ' | gzip -c; printf members | gzip -9 -c"});
     AppendStrGunzipState g2;
     AppendStr back2;
     ASSERT_TRUE(g2.gunzip(two.out.data(), two.out.size(), &back2));

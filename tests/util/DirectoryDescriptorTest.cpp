@@ -28,17 +28,12 @@ std::map<std::string, char> findListing(const std::string& dir) {
     return out;
 }
 
+// "N" is find's word for a link to nothing; the one "other" here is the fifo.
 char letter(Pathname::file_type_t t) {
-    switch (t) {
-        case Pathname::FILETYPE_REGULAR:
-            return 'f';
-        case Pathname::FILETYPE_DIRECTORY:
-            return 'd';
-        case Pathname::FILETYPE_NONE:
-            return 'N';  // find's word for a link to nothing
-        default:
-            return 'o';
-    }
+    return t == Pathname::FILETYPE_REGULAR     ? 'f'
+           : t == Pathname::FILETYPE_DIRECTORY ? 'd'
+           : t == Pathname::FILETYPE_NONE      ? 'N'
+                                               : 'p';
 }
 
 TEST(DirectoryIterator, AgreesWithFind) {
@@ -47,12 +42,10 @@ TEST(DirectoryIterator, AgreesWithFind) {
     for (int i = 0; i < 40; ++i) testsupport::writeFile(root / ("file" + std::to_string(i)), "x");
     for (int i = 0; i < 10; ++i)
         ASSERT_TRUE((root / ("dir" + std::to_string(i))).mkdir(Pathname::MKDIR_NORMAL));
-    ASSERT_TRUE((root / "file0").symlinkTo(root / "link-to-file"));
-    ASSERT_TRUE((root / "dir0").symlinkTo(root / "link-to-dir"));
-    ASSERT_TRUE((root / "vanished").symlinkTo(root / "dangling"));
+    for (const char* to : {"file0", "dir0", "vanished"})
+        ASSERT_TRUE((root / to).symlinkTo(root / (std::string("link-to-") + to)));
     ASSERT_EQ(mkfifo((root / "fifo").c_str(), 0600), 0);
-    testsupport::writeFile(root / ".hidden", "");
-    testsupport::writeFile(root / "..twodots", "");
+    for (const char* hidden : {".hidden", "..twodots"}) testsupport::writeFile(root / hidden, "");
 
     std::map<std::string, char> ours;
     DirectoryIterator it(root);
@@ -60,8 +53,7 @@ TEST(DirectoryIterator, AgreesWithFind) {
     Pathname::file_type_t type;
     while (it.getNext(name, type)) {
         ASSERT_EQ(name.find('/'), Str::npos);
-        char t = letter(type);
-        ours[name] = t == 'o' ? 'p' : t;  // the one "other" here is the fifo
+        ours[name] = letter(type);
     }
     EXPECT_FALSE(it.getNext(name));  // finished stays finished
     EXPECT_EQ(ours, findListing(root));
@@ -115,16 +107,11 @@ TEST(ReaddirCache, ReadsOnceAndRetriesFailures) {
 }
 
 TEST(DirectoryEntry, RealNamesAndJoining) {
-    for (const char* bad : {"", ".", "..", "/etc"}) EXPECT_FALSE(DirectoryEntry::_isRealEntry(bad));
-    for (const char* good : {"...", ".a", "..a", "a"})
-        EXPECT_TRUE(DirectoryEntry::_isRealEntry(good));
-
+    // Which names are real, and joining to a parent that is the target
+    // itself, are the fuzz target's work.
     struct dirent d = {};
     strcpy(d.d_name, "leaf");
     DirectoryEntry e(&d);
-    Pathname p("/dir");
-    p.buildFromParentAndLeaf(p, e);  // parent may be the target itself
-    EXPECT_EQ(p, "/dir/leaf");
     Pathname q;
     q.buildFromParentAndLeaf(Pathname("/"), e);
     EXPECT_EQ(q, "/leaf");

@@ -41,17 +41,15 @@ TEST(FileDescriptor, ReadFillsUntilEndOfFile) {
 TEST(FileDescriptor, CloseOnceAndOnlyOnce) {
     FileDescriptor closed;
     EXPECT_TRUE(closed.close());
-    int fd = open("/dev/null", O_RDONLY);
-    FileDescriptor a(fd), copy(fd);
+    FileDescriptor a(open("/dev/null", O_RDONLY)), copy(a);
     EXPECT_TRUE(a.close());
     EXPECT_EQ(a.fd(), -1);
     EXPECT_TRUE(a.close());
     // The copy still holds the number: closing it is a program fault.
     EXPECT_DEATH(copy.close(), "rv \\|\\| \\(0 \\+ .*\\) != 9");
 
-    ScopedFileDescriptor owner{FileDescriptor(open("/dev/null", O_RDONLY))};
-    int held = owner.fd();
-    ScopedFileDescriptor other;
+    ScopedFileDescriptor owner{FileDescriptor(open("/dev/null", O_RDONLY))}, other;
+    const int held = owner.fd();
     other.claimObjectFrom(owner);
     EXPECT_FALSE(owner.valid());
     EXPECT_EQ(other.fd(), held);
@@ -85,10 +83,7 @@ TEST(FileDescriptor, NumbersWithoutAllocating) {
     std::string expected;
     {
         alloccounter::Scope noAllocations;
-        for (double v : values) {
-            fd.format_double(v);
-            fd.put(" ");
-        }
+        for (double v : values) fd.format_double(v), fd.put(" ");
         fd.format_longlong(-9223372036854775807LL - 1);
         fd.format_unsignedlonglong(18446744073709551615ULL);
         if (alloccounter::available()) {
@@ -174,21 +169,19 @@ std::vector<std::string> fromPipe(const std::string& content) {
 }
 
 TEST(FileStar, ReadlineOnFilesAndPipes) {
+    using V = std::vector<std::string>;
     std::string withNul(300, 'x');
     withNul[10] = '\0';
-    std::string exact255(255, 'y');
-    std::string exact254(254, 'z');
+    const std::string y255(255, 'y'), z254(254, 'z');
     for (auto reader : {&fromFile, &fromPipe}) {
-        bool file = reader == &fromFile;
-        EXPECT_EQ(reader(withNul + "\nnext\n"), std::vector<std::string>({withNul, "next"}));
-        EXPECT_EQ(reader(exact255 + "\n" + exact254 + "\n"),
-                  std::vector<std::string>({exact255, exact254}));
-        EXPECT_EQ(reader(exact255 + exact255), std::vector<std::string>({exact255 + exact255}));
-        EXPECT_EQ(reader("abc\r\n\n\nlast"), std::vector<std::string>({"abc", "", "", "last"}));
-        EXPECT_EQ(reader(""), std::vector<std::string>());
+        EXPECT_EQ(reader(withNul + "\nnext\n"), V({withNul, "next"}));
+        EXPECT_EQ(reader(y255 + "\n" + z254 + "\n"), V({y255, z254}));
+        EXPECT_EQ(reader(y255 + y255), V({y255 + y255}));
+        EXPECT_EQ(reader("abc\r\n\n\nlast"), V({"abc", "", "", "last"}));
+        EXPECT_EQ(reader(""), V());
         // The two readers differ here on purpose.
-        EXPECT_EQ(reader("abc\r"), std::vector<std::string>({file ? "abc\r" : "abc"}));
-        EXPECT_EQ(reader("a\rb\n"), std::vector<std::string>({"a\rb"}));
+        EXPECT_EQ(reader("abc\r"), V({reader == &fromFile ? "abc\r" : "abc"}));
+        EXPECT_EQ(reader("a\rb\n"), V({"a\rb"}));
     }
 }
 
@@ -215,8 +208,8 @@ TEST(FileStar, TemporaryFiles) {
     ScratchDir dir;
     // The runner's own TMPDIR is put back for the tests after this one.
     const char* inherited = getenv("TMPDIR");
+    const std::string saved = inherited ? inherited : "";
     const bool had = inherited != nullptr;
-    const std::string saved = had ? inherited : "";
     Pathname tmp;
     setenv("TMPDIR", "", 1);
     EXPECT_TRUE(FileStar::decideTempDir(tmp));

@@ -1,12 +1,12 @@
 #include "util/JsonParser.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <string>
 #include <vector>
@@ -26,20 +26,13 @@ JsonDocument parse(const std::string& text) { return JsonDocument(text.data(), t
 std::string compact(const JsonDocument& doc) {
     AppendStr out;
     doc.renderTo(&out);
-    Str s;
-    append_stringified(&s, out);
-    return s;
+    return Str::from(out);
 }
 
 std::string toHex(const AppendStr& bytes) {
-    Str s;
-    append_stringified(&s, bytes);
     std::string hex;
-    for (unsigned char c : s) {
-        char b[3];
-        snprintf(b, sizeof b, "%02X", c);
-        hex += b;
-    }
+    for (unsigned char c : Str::from(bytes))
+        hex += {"0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
     return hex;
 }
 
@@ -47,37 +40,19 @@ std::string toHex(const AppendStr& bytes) {
 ::testing::AssertionResult sameTree(const JsonNode& a, const JsonNode& b,
                                     const std::string& at = "$") {
     if (a.type() != b.type()) return ::testing::AssertionFailure() << at << ": types differ";
-    switch (a.type()) {
-        case JsonNode::boolean:
-            if (a.asBool() != b.asBool()) return ::testing::AssertionFailure() << at;
-            break;
-        case JsonNode::number:
-            if (a.asNumber() != b.asNumber()) {
-                return ::testing::AssertionFailure()
-                       << at << ": " << a.asNumber() << " vs " << b.asNumber();
-            }
-            break;
-        case JsonNode::string:
-            if (a.asString() != b.asString()) return ::testing::AssertionFailure() << at;
-            break;
-        case JsonNode::object:
-        case JsonNode::array: {
-            JsonNode x = a.firstChild(), y = b.firstChild();
-            for (unsigned i = 0; x.valid() && y.valid();
-                 ++i, x = x.nextSibling(), y = y.nextSibling()) {
-                if (x.key() != y.key())
-                    return ::testing::AssertionFailure() << at << ": key " << x.key();
-                auto r = sameTree(
-                    x, y, at + "/" + (a.isObject() ? std::string(x.key()) : std::to_string(i)));
-                if (!r) return r;
-            }
-            if (x.valid() || y.valid())
-                return ::testing::AssertionFailure() << at << ": lengths differ";
-            break;
-        }
-        default:
-            break;
+    if ((a.isBool() && a.asBool() != b.asBool()) || (a.isString() && a.asString() != b.asString()))
+        return ::testing::AssertionFailure() << at;
+    if (a.isNumber() && a.asNumber() != b.asNumber())
+        return ::testing::AssertionFailure()
+               << at << ": " << a.asNumber() << " vs " << b.asNumber();
+    JsonNode x = a.firstChild(), y = b.firstChild();
+    for (unsigned i = 0; x.valid() && y.valid(); ++i, x = x.nextSibling(), y = y.nextSibling()) {
+        if (x.key() != y.key()) return ::testing::AssertionFailure() << at << ": key " << x.key();
+        auto r =
+            sameTree(x, y, at + "/" + (a.isObject() ? std::string(x.key()) : std::to_string(i)));
+        if (!r) return r;
     }
+    if (x.valid() || y.valid()) return ::testing::AssertionFailure() << at << ": lengths differ";
     return ::testing::AssertionSuccess();
 }
 
@@ -102,12 +77,11 @@ TEST(JsonDocument, KeepsOrderAndDuplicateKeys) {
 }
 
 TEST(JsonDocument, RefusesWhatIsNotOneBlock) {
-    struct Case {
+    const struct {
         const char* text;
         long position;
         const char* message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"123", 3, "Unexpected EOF"},
         {"", 0, "Unexpected EOF"},
         {"{} {}", 3, "expected EOF"},
@@ -115,7 +89,7 @@ TEST(JsonDocument, RefusesWhatIsNotOneBlock) {
         {"[1,", 3, "Unexpected EOF"},
         {"[1,x]", 3, "Unexpected character while looking for value: 'x'"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         try {
             parse(c.text);
             ADD_FAILURE() << c.text;
@@ -132,13 +106,9 @@ TEST(JsonDocument, RefusesWhatIsNotOneBlock) {
 }
 
 TEST(JsonDocument, RendersCompactBinaryAndIndented) {
-    struct Case {
-        const char* text;
-        const char* compact;
-        const char* cbor;
-        const char* indented;
-    };
-    const Case cases[] = {
+    const struct {
+        const char *text, *compact, *cbor, *indented;
+    } cases[] = {
         {"{}", "{}", "90", "{}\n"},
         {"[ ]", "[]", "80", "[]\n"},
         {"{\"a\":true}", "{\"a\":true}", "916161F5", "{\n  \"a\": true\n}\n"},
@@ -155,7 +125,7 @@ TEST(JsonDocument, RendersCompactBinaryAndIndented) {
          "{\n  \"a\": [\n    1,\n    []\n  ],\n  \"b\": {}\n}\n"},
         {"[0.1,-0.0,1e21,12.5e-3]", "[0.1,-0,1000000000000000000000,0.0125]", nullptr, nullptr},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const JsonDocument doc = parse(c.text);
         if (c.compact) {
             EXPECT_EQ(compact(doc), c.compact) << c.text;
@@ -172,9 +142,7 @@ TEST(JsonDocument, RendersCompactBinaryAndIndented) {
             JsonPrettyPrinter printer(&pretty, 2);
             printer.parse(c.text, strlen(c.text));
             printer.finish();
-            Str s;
-            append_stringified(&s, pretty);
-            EXPECT_EQ(s, c.indented) << c.text;
+            EXPECT_EQ(Str::from(pretty), c.indented) << c.text;
         }
     }
 }
@@ -237,13 +205,11 @@ TEST(JsonNode, EditsInPlace) {
 }
 
 TEST(JsonNode, SwapsPositions) {
-    struct Case {
-        const char* first;  // path of the two nodes: member key or element index
-        const char* second;
-        const char* expected;
-    };
     const char* text = R"({"a":[1,2,3],"b":{"x":true},"c":"s"})";
-    const Case cases[] = {
+    const struct {
+        const char *first, *second;  // each: a member key, then an index or key in it
+        const char* expected;
+    } cases[] = {
         {"a", "b", R"({"a":{"x":true},"b":[1,2,3],"c":"s"})"},
         {"b", "a", R"({"a":{"x":true},"b":[1,2,3],"c":"s"})"},
         {"a", "c", R"({"a":"s","b":{"x":true},"c":[1,2,3]})"},
@@ -252,7 +218,7 @@ TEST(JsonNode, SwapsPositions) {
         {"a0", "c", R"({"a":["s",2,3],"b":{"x":true},"c":1})"},
         {"c", "c", text},
     };
-    for (const Case& k : cases) {
+    for (const auto& k : cases) {
         JsonDocument doc = parse(text);
         const auto at = [&](const char* path) {
             JsonNode n = doc.root().find(std::string(1, path[0]).c_str());
@@ -283,13 +249,9 @@ TEST(JsonDocument, RootOperations) {
     moved.root().addNumber(3);
     EXPECT_EQ(compact(moved), "[1,2,3]");
     EXPECT_EQ(compact(copy), "[1,2]");
-    Str s;
     JsonDocument str;
     str.addString("q\"");
-    append_stringified(&s, str);
-    s.push_back('|');
-    append_stringified(&s, str.root());
-    EXPECT_EQ(s, "\"q\\\"\"|q\"");
+    EXPECT_EQ(Str::from(str) + "|" + Str::from(str.root()), "\"q\\\"\"|q\"");
     EXPECT_FALSE(JsonDocument().addNumber(NAN));
 }
 
@@ -380,14 +342,11 @@ TEST(JsonStreamingDocumentParser, HandsOverEachDocument) {
 
 std::vector<std::string> filesIn(const std::string& dir, const char* prefix) {
     std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return names;
-    while (dirent* e = readdir(d)) {
-        if (strncmp(e->d_name, prefix, strlen(prefix)) == 0 && strstr(e->d_name, ".json")) {
-            names.push_back(dir + e->d_name);
-        }
+    for (const auto& e : std::filesystem::directory_iterator(dir)) {
+        const std::string name = e.path().filename();
+        if (name.rfind(prefix, 0) == 0 && name.find(".json") != std::string::npos)
+            names.push_back(dir + name);
     }
-    closedir(d);
     std::sort(names.begin(), names.end());
     return names;
 }

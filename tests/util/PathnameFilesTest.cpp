@@ -29,6 +29,12 @@ mode_t modeOf(const Pathname& p) {
     return st.st_mode & 07777;
 }
 
+// The text holds `part`; the failure shows the whole text.
+testing::AssertionResult holds(const Str& text, const std::string& part) {
+    if (text.find(part.c_str()) != Str::npos) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "\"" << text << "\" lacks \"" << part << "\"";
+}
+
 std::string shell(const std::string& cmd) {
     auto r = runProcess({"/bin/sh", "-c", cmd});
     EXPECT_EQ(r.exitStatus, 0) << cmd << ": " << r.err;
@@ -36,11 +42,17 @@ std::string shell(const std::string& cmd) {
     return r.out;
 }
 
-TEST(PathnameFiles, CreateModesAndTypes) {
+// Each test in its own directory.
+class PathnameFiles : public testing::Test {
+protected:
     ScratchDir dir;
+    const Pathname d{dir.path()};
+};
+
+TEST_F(PathnameFiles, CreateModesAndTypes) {
     umask(022);
-    const Pathname d(dir.path()), f = d / "f", ro = d / "ro", link = d / "link", hard = d / "hard",
-                                  fifo = d / "fifo";
+    const Pathname f = d / "f", ro = d / "ro", link = d / "link", hard = d / "hard",
+                   fifo = d / "fifo";
     EXPECT_FALSE(Pathname("").exists());
     EXPECT_EQ(f.getFileType(), Pathname::FILETYPE_NONE);
     int fd = f.openCreateOnly(Pathname::CREATE_PRIVATE);
@@ -60,8 +72,7 @@ TEST(PathnameFiles, CreateModesAndTypes) {
     EXPECT_EQ(size, 5);
     EXPECT_TRUE(f.getSizeOnDisk(&size));
     EXPECT_GE(size, 0);
-    fd = f.openCreateOrReplace(Pathname::CREATE_NORMAL);
-    close(fd);
+    close(f.openCreateOrReplace(Pathname::CREATE_NORMAL));
     EXPECT_TRUE(f.isZeroLengthFile());
 
     close(ro.openReadWriteOrCreate(Pathname::CREATE_READONLY_PRIVATE));
@@ -83,9 +94,7 @@ TEST(PathnameFiles, CreateModesAndTypes) {
     EXPECT_FALSE(f.isFifo());
 }
 
-TEST(PathnameFiles, TimesAndWriteBits) {
-    ScratchDir dir;
-    const Pathname d(dir.path());
+TEST_F(PathnameFiles, TimesAndWriteBits) {
     const Pathname f = d / "f";
     close(f.openCreateOnly(Pathname::CREATE_NORMAL));
     EXPECT_TRUE(f.setMtime(Timeval(1000000000, 250000)));
@@ -101,8 +110,8 @@ TEST(PathnameFiles, TimesAndWriteBits) {
     EXPECT_FALSE((d / "missing").touchExisting());
 
     // Root writes anything, so the bits are checked by an ordinary user.
-    ASSERT_EQ(chown(dir.path().c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
-    ASSERT_EQ(chown(f.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
+    for (const Pathname& p : {d, f})
+        ASSERT_EQ(chown(p.c_str(), kUnprivilegedUid, kUnprivilegedGid), 0);
     const int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
         if (!f.makeReadOnly() || f.w_ok() || modeOf(f) != 0444) return 1;
         return !f.makeWriteable() || !f.w_ok() || modeOf(f) != 0644 ? 2 : 0;
@@ -110,9 +119,7 @@ TEST(PathnameFiles, TimesAndWriteBits) {
     EXPECT_EQ(status, 0);
 }
 
-TEST(PathnameFiles, MkdirP) {
-    ScratchDir dir;
-    const Pathname d(dir.path());
+TEST_F(PathnameFiles, MkdirP) {
     Pathname deep = d / "a/b//c/";
     EXPECT_TRUE(deep.mkdir_p(Pathname::MKDIR_GROUP));
     EXPECT_TRUE(deep.isDirectory());
@@ -123,38 +130,31 @@ TEST(PathnameFiles, MkdirP) {
     // A file in the way is EEXIST, not success.
     Pathname file = d / "file";
     close(file.openCreateOnly(Pathname::CREATE_NORMAL));
-    errno = 0;
-    EXPECT_FALSE((file / "x").mkdir_p(Pathname::MKDIR_PRIVATE));
-    EXPECT_EQ(errno, EEXIST);
-    errno = 0;
-    EXPECT_FALSE(file.mkdir_p(Pathname::MKDIR_PRIVATE));
-    EXPECT_EQ(errno, EEXIST);
+    for (const Pathname& p : {file / "x", file}) {
+        errno = 0;
+        EXPECT_FALSE(p.mkdir_p(Pathname::MKDIR_PRIVATE)) << p;
+        EXPECT_EQ(errno, EEXIST) << p;
+    }
 
     // Many threads racing for one tree all succeed.
     Pathname race = d / "r/s/t/u";
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] {
-            if (!race.mkdir_p(Pathname::MKDIR_NORMAL)) ++failures;
-        });
-    }
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] { failures += !race.mkdir_p(Pathname::MKDIR_NORMAL); });
     for (auto& t : threads) t.join();
     EXPECT_EQ(failures, 0);
 
     Pathname locked = d / "locked";
     ASSERT_TRUE(locked.mkdir(Pathname::MKDIR_NORMAL));  // 0755, owned by root
-    int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
+    const int status = inChildAs(kUnprivilegedUid, kUnprivilegedGid, [&] {
         errno = 0;
-        bool made = (locked / "a/b/c").mkdir_p(Pathname::MKDIR_PRIVATE);
-        return made ? 1 : errno == EACCES ? 0 : 2;
+        return (locked / "a/b/c").mkdir_p(Pathname::MKDIR_PRIVATE) ? 1 : errno == EACCES ? 0 : 2;
     });
     EXPECT_EQ(status, 0);
 }
 
-TEST(PathnameFiles, CountsEntriesByExtension) {
-    ScratchDir dir;
-    const Pathname d(dir.path());
+TEST_F(PathnameFiles, CountsEntriesByExtension) {
     for (const char* name : {"a.log", "b.log", "c.txt", "dlog", "e.log"})
         close((d / name).openCreateOnly(Pathname::CREATE_NORMAL));
     Pathname log(".log");
@@ -165,9 +165,7 @@ TEST(PathnameFiles, CountsEntriesByExtension) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(PathnameFiles, WorkingDirectoryAndRealpath) {
-    ScratchDir dir;
-    const Pathname d(dir.path());
+TEST_F(PathnameFiles, WorkingDirectoryAndRealpath) {
     Pathname here;
     ASSERT_TRUE(Pathname::cwd(here));
     char buf[4096];
@@ -223,27 +221,24 @@ TEST(PathnameFilesystems, SpaceAndConstantsAgreeWithStatFAndTheMountTable) {
         } else {
             // Unknown to the table: looked up in the fstab, which containers leave empty.
             ASSERT_FALSE(errors.empty());
-            EXPECT_NE(errors[0].find("Failed to interpret f_type=" + magic), Str::npos)
-                << errors[0];
+            EXPECT_TRUE(holds(errors[0], "Failed to interpret f_type=" + magic));
         }
     }
     StrVector errors;
     EXPECT_FALSE(
         Pathname("/no/such/dir").wrap__statfs_or_statvfs(nullptr, nullptr, nullptr, &errors));
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find("wrap__statfs_or_statvfs:"), Str::npos);
-    EXPECT_NE(errors[0].find("Failed to statfs(2): No such file or directory"), Str::npos)
-        << errors[0];
+    EXPECT_TRUE(holds(errors[0], "wrap__statfs_or_statvfs:"));
+    EXPECT_TRUE(holds(errors[0], "Failed to statfs(2): No such file or directory"));
     EXPECT_EQ(Pathname("/no/such").filesystemBytesFree(), -1);
     FilesystemConstants fc;
     fc.capacity = 5;
     errors.clear();
     EXPECT_FALSE(Pathname("/no/such/path").getFilesystemConstants(&fc, &errors));
     ASSERT_FALSE(errors.empty());
-    EXPECT_NE(errors[0].find("Failed to initial stat(2) of ancestorDir='/no/such/path': No such "
-                             "file or directory"),
-              Str::npos)
-        << errors[0];
+    EXPECT_TRUE(holds(errors[0],
+                      "Failed to initial stat(2) of ancestorDir='/no/such/path': No such "
+                      "file or directory"));
     EXPECT_EQ(Str::from(fc), "{capacity=0 fs_type= mount_point=}");
 }
 
@@ -270,10 +265,9 @@ TEST(PathnameFilesystems, FstabLookupForUnknownTypes) {
     EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/elsewhere"), type, &errors));
     EXPECT_STREQ(type, "");
     ASSERT_EQ(errors.size(), 2u);
-    EXPECT_NE(errors[1].find("Failed to find mountPoint='/elsewhere' in /etc/fstab of=5 "
-                             "noncomment lines"),
-              Str::npos)
-        << errors[1];
+    EXPECT_TRUE(holds(errors[1],
+                      "Failed to find mountPoint='/elsewhere' in /etc/fstab of=5 "
+                      "noncomment lines"));
 
     // A CR before the line end is not part of the last field; the last line
     // needs no line end.
@@ -287,7 +281,7 @@ TEST(PathnameFilesystems, FstabLookupForUnknownTypes) {
     errors.clear();
     EXPECT_TRUE(Pathname("/dev/shm").get__fs_type(Pathname("/dev/shm"), type, &errors));
     ASSERT_EQ(errors.size(), 2u);
-    EXPECT_NE(errors[1].find("Failed to stat /etc/fstab, mountPoint='/dev/shm'"), Str::npos);
+    EXPECT_TRUE(holds(errors[1], "Failed to stat /etc/fstab, mountPoint='/dev/shm'"));
     Pathname::fstab_path = saved;
 }
 
@@ -306,10 +300,10 @@ TEST(PathnameFilesystems, AcrossDevices) {
     EXPECT_EQ(errno, EXDEV);
     EXPECT_FALSE(Pathname("/no/such").inSameFilesystemAs(Pathname("/tmp"), &errors));
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find("initial stat(2) of ancestorDir='/no/such'"), Str::npos);
+    EXPECT_TRUE(holds(errors[0], "initial stat(2) of ancestorDir='/no/such'"));
     EXPECT_FALSE(Pathname("/tmp").inSameFilesystemAs(Pathname("/no/such"), &errors));
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find("stat(2) of childDir='/no/such'"), Str::npos);
+    EXPECT_TRUE(holds(errors[0], "stat(2) of childDir='/no/such'"));
 }
 
 }  // namespace

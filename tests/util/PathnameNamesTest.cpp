@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -11,19 +12,30 @@
 
 namespace {
 
+// The rows of a table in data/PathnameNamesTest/, each with `columns` fields.
+std::vector<std::vector<std::string>> rows(const std::string& table, size_t columns) {
+    std::vector<std::vector<std::string>> out;
+    std::istringstream in(
+        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/PathnameNamesTest/" + table));
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        out.emplace_back();
+        std::istringstream fields(line);
+        for (std::string f; std::getline(fields, f, '\t');)
+            out.back().push_back(f == "\"\"" ? "" : f);
+        EXPECT_EQ(out.back().size(), columns) << line;
+        if (out.back().size() != columns) out.pop_back();
+    }
+    EXPECT_GE(out.size(), 6u) << table;
+    return out;
+}
+
 TEST(PathnameJoin, AddsExactlyTheSeparatorsNeeded) {
-    struct Case {
-        const char *a, *b, *expected;
-    } cases[] = {
-        {"", "x", "/x"},    {"", "", ""},       {"a", "", "a"},         {"a", "b", "a/b"},
-        {"a/", "b", "a/b"}, {"a", "/b", "a/b"}, {"a/", "//b", "a/b"},   {"a", "/", "a/"},
-        {"/", "b", "/b"},   {"/", "/", "/"},    {"a//", "b/", "a//b/"},
-    };
-    for (auto& c : cases) {
-        EXPECT_EQ(Pathname(c.a) / c.b, c.expected) << c.a << " / " << c.b;
-        Pathname p(c.a);
-        p /= StrSegment(c.b, strlen(c.b));
-        EXPECT_EQ(p, c.expected);
+    for (const auto& r : rows("join.tsv", 3)) {
+        EXPECT_EQ(Pathname(r[0]) / r[1].c_str(), r[2]) << r[0] << " / " << r[1];
+        Pathname p(r[0]);
+        p /= StrSegment(r[1].data(), r[1].size());
+        EXPECT_EQ(p, r[2]);
     }
     EXPECT_EQ(Pathname("a") + "b", "ab");
     EXPECT_EQ("x" + Pathname("/y"), "x/y");
@@ -33,87 +45,37 @@ TEST(PathnameJoin, AddsExactlyTheSeparatorsNeeded) {
 }
 
 TEST(PathnameNames, LeafParentAndExtensions) {
-    struct Case {
-        const char* path;
-        const char *leaf, *parent, *ext1, *ext2, *without1, *without2, *base;
-    } cases[] = {
-        {"", "/", "", "", "", "", "", "/"},
-        {"/", "/", "/", "", "", "/", "/", "/"},
-        {"///", "/", "/", "", "", "///", "///", "/"},
-        {"a", "a", "", "", "", "a", "a", "a"},
-        {"/a", "a", "/", "", "", "/a", "/a", "a"},
-        {"/a/b/", "b", "/a", "", "", "/a/b/", "/a/b/", "b"},
-        {"a/b", "b", "a", "", "", "a/b", "a/b", "b"},
-        {"a.tar.gz", "a.tar.gz", "", "gz", "tar.gz", "a.tar", "a", "a.tar"},
-        {"/x/a.tar.gz", "a.tar.gz", "/x", "gz", "tar.gz", "/x/a.tar", "/x/a", "a.tar"},
-        {"dir.d/file", "file", "dir.d", "", "", "dir.d/file", "dir.d/file", "file"},
-        {".bashrc", ".bashrc", "", "bashrc", "", ".bashrc", ".bashrc", ".bashrc"},
-        {"/x/.bashrc", ".bashrc", "/x", "bashrc", "", "/x/.bashrc", "/x/.bashrc", ".bashrc"},
-        {"x/.a.b", ".a.b", "x", "b", "a.b", "x/.a", "x/.a.b", ".a"},
-        {"a.tar", "a.tar", "", "tar", "", "a", "a.tar", "a"},
-        {"a.", "a.", "", "", "", "a", "a.", "a"},
-        {"//a//b//", "b", "//a", "", "", "//a//b//", "//a//b//", "b"},
-    };
-    for (auto& c : cases) {
-        Pathname p(c.path);
-        EXPECT_EQ(p.toLeaf(), c.leaf) << c.path;
-        EXPECT_EQ(p.toParent(), c.parent) << c.path;
-        EXPECT_EQ(p.ext(1), c.ext1) << c.path;
-        EXPECT_EQ(p.ext(2), c.ext2) << c.path;
-        EXPECT_EQ(p.withoutExt(1), c.without1) << c.path;
-        EXPECT_EQ(p.withoutExt(2), c.without2) << c.path;
-        EXPECT_EQ(p.withoutExt(0), c.path) << c.path;
-        EXPECT_EQ(p.basenameWithoutExt(), c.base) << c.path;
+    for (const auto& r : rows("names.tsv", 8)) {
+        const Pathname p(r[0]);
+        SCOPED_TRACE(r[0]);
+        EXPECT_EQ(p.toLeaf(), r[1]);
+        EXPECT_EQ(p.toParent(), r[2]);
+        EXPECT_EQ(p.ext(1), r[3]);
+        EXPECT_EQ(p.ext(2), r[4]);
+        EXPECT_EQ(p.withoutExt(1), r[5]);
+        EXPECT_EQ(p.withoutExt(2), r[6]);
+        EXPECT_EQ(p.withoutExt(0), r[0]);
+        EXPECT_EQ(p.basenameWithoutExt(), r[7]);
     }
 }
 
 TEST(PathnameNames, Separators) {
-    struct Case {
-        const char *path, *added, *removed, *single;
-    } cases[] = {
-        {"", "/", "", ""},
-        {"/", "/", "/", "/"},
-        {"///", "///", "/", "/"},
-        {"a", "a/", "a", "a"},
-        {"a//b///", "a//b///", "a//b", "a/b/"},
-        {"//a", "//a/", "//a", "/a"},
-    };
-    for (auto& c : cases) {
-        EXPECT_EQ(Pathname(c.path).addTrailingSep(), c.added) << c.path;
-        EXPECT_EQ(Pathname(c.path).removeTrailingSeps(), c.removed) << c.path;
-        EXPECT_EQ(Pathname(c.path).removeDoubleSeps(), c.single) << c.path;
-        EXPECT_EQ(Pathname::removeDoubleSeps(Pathname(c.path)), c.single) << c.path;
+    for (const auto& r : rows("separators.tsv", 4)) {
+        SCOPED_TRACE(r[0]);
+        EXPECT_EQ(Pathname(r[0]).addTrailingSep(), r[1]);
+        EXPECT_EQ(Pathname(r[0]).removeTrailingSeps(), r[2]);
+        EXPECT_EQ(Pathname(r[0]).removeDoubleSeps(), r[3]);
+        EXPECT_EQ(Pathname::removeDoubleSeps(Pathname(r[0])), r[3]);
     }
 }
 
 TEST(PathnameNames, NormalizeAndDotDotRemoval) {
-    struct Case {
-        const char* path;
-        const char* normalized;
-        bool ok;
-        const char* withoutDotDot;
-    } cases[] = {
-        {"", "", true, ""},
-        {"/..", "/", false, "/"},
-        {"..", "", false, ""},
-        {"../a", "a", false, "a"},
-        {"a/..", "", true, "a"},
-        {"a/../b", "b", true, "a/b"},
-        {"/a/./b//", "/a/b/", true, "/a/./b//"},
-        {"/a/b/../../..", "/", false, "/a/b"},
-        {"a/b/../c/./d/", "a/c/d/", true, "a/b/c/./d/"},
-        {"./", "", true, "./"},
-        {"/", "/", true, "/"},
-        {"..x/x..", "..x/x..", true, "..x/x.."},
-        {"a/../../b/..", "", false, "a/b"},
-        {"x/..//y", "y", true, "x//y"},
-        {"/./..//", "/", false, "/.//"},
-    };
-    for (auto& c : cases) {
-        Pathname p(c.path);
-        EXPECT_EQ(p.normalize(), c.ok) << c.path;
-        EXPECT_EQ(p, c.normalized) << c.path;
-        EXPECT_EQ(Pathname(c.path).removeDotDotSlash(), c.withoutDotDot) << c.path;
+    for (const auto& r : rows("normalize.tsv", 4)) {
+        SCOPED_TRACE(r[0]);
+        Pathname p(r[0]);
+        EXPECT_EQ(p.normalize(), r[2] == "ok");
+        EXPECT_EQ(p, r[1]);
+        EXPECT_EQ(Pathname(r[0]).removeDotDotSlash(), r[3]);
     }
 }
 
@@ -146,18 +108,8 @@ TEST(PathnameVector, SeparatedPiecesAndTextForm) {
 // ---------------------------------------------------------------- shell quoting
 
 TEST(PathnameShell, QuotingByTheRules) {
-    const char* const cases[][2] = {
-        {"plain/path.txt", "plain/path.txt"},
-        {"", ""},
-        {"a b", "\"a b\""},
-        {"it's", "it\\'s"},
-        {"a$b", "'a$b'"},
-        {"a$b c", "'a$b c'"},
-        {"it's a $x", "\"it's a \\$x\""},
-        {"a*b", "a\\*b"},
-        {"a*b c", "\"a*b c\""},
-    };
-    for (const auto& [in, want] : cases) EXPECT_EQ(Pathname(in).shellQuoted(), want) << in;
+    for (const auto& r : rows("shell_quoting.tsv", 2))
+        EXPECT_EQ(Pathname(r[0]).shellQuoted(), r[1]) << r[0];
 }
 
 // What /bin/sh makes of `words`, each printed with a NUL after it.

@@ -41,14 +41,13 @@ struct Directive {
     std::string text() const { return "%" + flags + width + precision + length + conversion; }
     bool has(char flag) const { return flags.find(flag) != std::string::npos; }
     bool precisionGiven() const {
-        return precision == "." || (precision.size() > 1 && precision != ".*") ||
-               (precision == ".*" && starPrecision >= 0);
+        return !precision.empty() && (precision != ".*" || starPrecision >= 0);
     }
     long precisionValue(long dflt) const {
-        if (precision.empty() || (precision == ".*" && starPrecision < 0)) return dflt;
-        if (precision == ".") return 0;
-        if (precision == ".*") return starPrecision;
-        return std::stol(precision.substr(1));
+        if (!precisionGiven()) return dflt;
+        return precision == ".*"  ? starPrecision
+               : precision == "." ? 0
+                                  : std::stol(precision.substr(1));
     }
 };
 
@@ -67,9 +66,8 @@ Shortest shortestOf(double v) {
     const std::string s(buf, r.ptr);  // d.ddde[+-]xx
     const size_t e = s.find('e');
     Shortest out;
-    for (size_t i = 0; i < e; ++i) {
+    for (size_t i = 0; i < e; ++i)
         if (s[i] != '.') out.digits.push_back(s[i]);
-    }
     const int exponent = std::stoi(s.substr(e + 1));
     while (out.digits.size() > 1 && out.digits.back() == '0') out.digits.pop_back();
     out.lastExponent = exponent - static_cast<int>(out.digits.size()) + 1;
@@ -83,20 +81,11 @@ Shortest shortestOf(double v) {
 
 // The exponent of the last digit a float directive asks for, before rounding.
 int requestedLastExponent(const Directive& d, double v) {
-    const Shortest s = shortestOf(v);
-    const long precision = d.precisionValue(6);
-    switch (d.conversion) {
-        case 'f':
-        case 'F':
-            return static_cast<int>(-precision);
-        case 'e':
-        case 'E':
-            return s.firstExponent() - static_cast<int>(precision);
-        default: {  // g, G
-            const long p = precision == 0 ? 1 : precision;
-            return s.firstExponent() - static_cast<int>(p) + 1;
-        }
-    }
+    const int precision = static_cast<int>(d.precisionValue(6));
+    if (d.conversion == 'f' || d.conversion == 'F') return -precision;
+    const int first = shortestOf(v).firstExponent();
+    if (d.conversion == 'e' || d.conversion == 'E') return first - precision;
+    return first - std::max(precision, 1) + 1;  // g, G
 }
 
 const char* documentedDifference(const Directive& d, long long intValue, double floatValue) {
@@ -106,11 +95,10 @@ const char* documentedDifference(const Directive& d, long long intValue, double 
 
     // h and hh do not narrow: only values the short types hold print alike.
     if (integer && (d.length == "h" || d.length == "hh")) {
-        const bool isSigned = c == 'd' || c == 'i';
-        const long long lo =
-            d.length == "h" ? (isSigned ? SHRT_MIN : 0) : (isSigned ? SCHAR_MIN : 0);
-        const long long hi = d.length == "h" ? (isSigned ? SHRT_MAX : USHRT_MAX)
-                                             : (isSigned ? SCHAR_MAX : UCHAR_MAX);
+        const bool isSigned = c == 'd' || c == 'i', h = d.length == "h";
+        const long long lo = !isSigned ? 0 : h ? SHRT_MIN : SCHAR_MIN;
+        const long long hi =
+            h ? (isSigned ? SHRT_MAX : USHRT_MAX) : (isSigned ? SCHAR_MAX : UCHAR_MAX);
         if (intValue < lo || intValue > hi) return "h/hh do not narrow";
     }
     // A zero with precision 0 prints nothing, not even the sign.
@@ -126,34 +114,28 @@ const char* documentedDifference(const Directive& d, long long intValue, double 
         if (wanted < s.lastExponent) return "digits beyond the shortest";
         // A final "5" of the shortest digits, exactly at the cut: the engine
         // rounds to even on the digits, glibc by the binary value.
-        if (wanted == s.lastExponent + 1 && s.digits.back() == '5') {
+        if (wanted == s.lastExponent + 1 && s.digits.back() == '5')
             return "tie in the shortest digits";
-        }
     }
     // A glibc defect, not a difference of ours: with "#", when rounding
     // carries %g into the exponent form, glibc drops the fraction digits
     // ("%#.2g" of 99.96 gives "1.e+02"; C asks for "1.0e+02", as printed here).
     if ((c == 'g' || c == 'G') && d.has('#') && std::isfinite(floatValue) && floatValue != 0) {
         const Shortest s = shortestOf(floatValue);
-        const long precision = d.precisionValue(6);
-        const size_t p = static_cast<size_t>(precision == 0 ? 1 : precision);
+        const size_t p = static_cast<size_t>(std::max(d.precisionValue(6), 1L));
         if (s.digits.size() > p && s.digits.find_first_not_of('9') >= p &&
-            s.firstExponent() == static_cast<int>(p) - 1) {
+            s.firstExponent() == static_cast<int>(p) - 1)
             return "glibc: %#g loses its digits on a carry into the exponent form";
-        }
     }
     // %a: a dropped hex digit of exactly 8 and nothing behind it rounds up
     // here; glibc rounds such a tie to even.
-    if ((c == 'a' || c == 'A') && std::isfinite(floatValue) && d.precisionGiven()) {
-        const long p = d.precisionValue(13);
+    if ((c == 'a' || c == 'A') && std::isfinite(floatValue) && d.precisionGiven() &&
+        d.precisionValue(13) < 13) {
+        const int dropped = 48 - 4 * static_cast<int>(d.precisionValue(13));  // the next digit
         uint64_t bits;
         memcpy(&bits, &floatValue, 8);
-        const uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
-        if (p < 13) {
-            const unsigned next = (mantissa >> (48 - 4 * p)) & 15;
-            const uint64_t rest = mantissa & ((uint64_t{1} << (48 - 4 * p)) - 1);
-            if (next == 8 && rest == 0) return "hex-float tie";
-        }
+        if (((bits >> dropped) & 15) == 8 && (bits & ((uint64_t{1} << dropped) - 1)) == 0)
+            return "hex-float tie";
     }
     return nullptr;
 }
@@ -169,28 +151,26 @@ void expectSame(const std::string& fmt, Args... args) {
     ASSERT_GE(n, 0) << fmt;
     ASSERT_LT(n, static_cast<int>(sizeof buf)) << fmt;
     errno = saved;
-    const Str ours = Str::fromFormat(fmt.c_str(), args...);
-    ASSERT_EQ(ours, std::string(buf, static_cast<size_t>(n))) << "format \"" << fmt << "\"";
+    ASSERT_EQ(Str::fromFormat(fmt.c_str(), args...), std::string(buf, static_cast<size_t>(n)))
+        << "format \"" << fmt << "\"";
 }
 
 template <class T>
 void runWithStars(const Directive& d, T value) {
     const std::string fmt = d.text();
     const bool w = d.width == "*", p = d.precision == ".*";
-    if (w && p) {
+    if (w && p)
         expectSame(fmt, d.starWidth, d.starPrecision, value);
-    } else if (w || p) {
+    else if (w || p)
         expectSame(fmt, w ? d.starWidth : d.starPrecision, value);
-    } else {
+    else
         expectSame(fmt, value);
-    }
 }
 
 std::string randomFlags(std::mt19937& rng, const char* allowed) {
     std::string flags;
-    for (const char* f = allowed; *f; ++f) {
+    for (const char* f = allowed; *f; ++f)
         if (rng() % 3 == 0) flags.push_back(*f);
-    }
     std::shuffle(flags.begin(), flags.end(), rng);
     if (rng() % 8 == 0 && !flags.empty()) flags.push_back(flags[0]);  // repeated flags
     return flags;
@@ -237,6 +217,7 @@ TEST(PrintfDifferential, MatchesGlibc) {
                         reinterpret_cast<void*>(0xdeadbeef1234)};
     const int errors[] = {0, ENOENT, EACCES, EINTR, 9999, -1};
     int compared = 0, excluded = 0;
+    auto exclude = [&](const char* difference) { return difference && ++excluded; };
     for (int i = 0; i < 120000; ++i) {
         Directive d = randomDirective(rng, "diuxXoeEfFgGaAscpm"[rng() % 18]);
         const char c = d.conversion;
@@ -245,17 +226,11 @@ TEST(PrintfDifferential, MatchesGlibc) {
             const bool intSized = d.length.empty() || d.length[0] == 'h';
             const long long raw = kIntegers[rng() % std::size(kIntegers)];
             const long long v = intSized ? static_cast<int>(raw) : raw;  // what is passed
-            if (documentedDifference(d, v, 0)) {
-                ++excluded;
-                continue;
-            }
+            if (exclude(documentedDifference(d, v, 0))) continue;
             intSized ? runWithStars(d, static_cast<int>(v)) : runWithStars(d, v);
         } else if (strchr("eEfFgGaA", c)) {
             const double v = floats[rng() % floats.size()];
-            if (documentedDifference(d, 0, v)) {
-                ++excluded;
-                continue;
-            }
+            if (exclude(documentedDifference(d, 0, v))) continue;
             runWithStars(d, v);
         } else if (c == 'p') {
             void* p = pointers[rng() % std::size(pointers)];
@@ -266,11 +241,10 @@ TEST(PrintfDifferential, MatchesGlibc) {
             d.flags = randomFlags(rng, "-");
             if (c == 'c') d.precision.clear();
             if (c == 'm') errno = errors[rng() % std::size(errors)];
-            if (c == 's') {
+            if (c == 's')
                 runWithStars(d, strings[rng() % std::size(strings)]);
-            } else {  // %m takes no argument: it gets one all the same
+            else  // %m takes no argument: it gets one all the same
                 runWithStars(d, static_cast<int>(rng() % 3 == 0 ? 0 : 'a' + rng() % 26));
-            }
         }
         if (HasFatalFailure()) return;
         ++compared;
@@ -344,9 +318,8 @@ TEST(PrintfRules, OptionsOfTheParser) {
     EXPECT_EQ(parse("%z", PRINTF_Z_IS_STRING).conversion, PrintfFormatAtom::CONV_STRING);
     EXPECT_EQ(parse("%z", 0).conversion, PrintfFormatAtom::CONV_CONSTANT_STRING);
     // Directives that turn into text take no argument, stars or not.
-    for (const char* literal : {"%*y", "%.*%", "%*.*"}) {
+    for (const char* literal : {"%*y", "%.*%", "%*.*"})
         EXPECT_EQ(parse(literal, PRINTF_DEFAULT_OPTIONS).inputsNeeded(), 0u) << literal;
-    }
     PrintfFormatString f;
     f.set("%*y %d %.*%", 0);
     EXPECT_EQ(f.inputsNeeded(), 1u);
@@ -371,11 +344,9 @@ TEST(PrintfRules, SignificantFiguresRoundTiesUp) {
         {0.012345, 4, 4, "0.0123"}, {0.012345, 2, 10, "0.012"}, {999.96, ALL, 1, "1000"},
         {0.004, ALL, 2, "0"},       {NAN, 2, 2, "NaN"},
     };
-    for (const auto& c : cases) {
-        Str s;
-        append_stringified(&s, DoubleWithSignificantFigures{c.v, c.sigfigs, c.precision});
-        EXPECT_EQ(s, c.want) << c.v << " " << c.sigfigs << " " << c.precision;
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(Str::from(DoubleWithSignificantFigures{c.v, c.sigfigs, c.precision}), c.want)
+            << c.v << " " << c.sigfigs << " " << c.precision;
 }
 
 // ---------------------------------------------------------------- rendered values
@@ -404,30 +375,23 @@ TEST(PrintfRendered, SizeIsKnownBeforeWriting) {
         const double v = values[rng() % 20];
         const long long n = kIntegers[rng() % std::size(kIntegers)];
         const size_t digits = rng() % 12;
-        auto sizes = [](const auto& r) {
+        auto check = [&](const auto& r) {
             CollectingOutput out;
             r.writeTo(out);
             out.flush();
-            return std::make_pair(r.size(), out.text);
+            ASSERT_EQ(r.size(), out.text.size()) << directive << " [" << out.text << "]";
         };
-        const auto [size, text] = [&] {
-            switch (a.conversion) {
-                case A::CONV_SIGNED_DECIMAL:
-                    return sizes(PrintfRenderedSignedInteger(a, n));
-                case A::CONV_FLOAT_NORMAL:
-                    return sizes(
-                        PrintfRenderedNormalFloat(a, ConvertDoubleToStringShortest(v), digits));
-                case A::CONV_FLOAT_EXPONENT:
-                    return sizes(PrintfRenderedExponentialFloat(a, ConvertDoubleToStringShortest(v),
-                                                                digits));
-                case A::CONV_FLOAT_HEX:
-                    return sizes(PrintfRenderedHexFloat(a, v));
-                default:
-                    return sizes(
-                        PrintfRenderedUnsignedInteger(a, static_cast<unsigned long long>(n)));
-            }
-        }();
-        ASSERT_EQ(size, text.size()) << directive << " [" << text << "]";
+        if (a.conversion == A::CONV_SIGNED_DECIMAL)
+            check(PrintfRenderedSignedInteger(a, n));
+        else if (a.conversion == A::CONV_FLOAT_NORMAL)
+            check(PrintfRenderedNormalFloat(a, ConvertDoubleToStringShortest(v), digits));
+        else if (a.conversion == A::CONV_FLOAT_EXPONENT)
+            check(PrintfRenderedExponentialFloat(a, ConvertDoubleToStringShortest(v), digits));
+        else if (a.conversion == A::CONV_FLOAT_HEX)
+            check(PrintfRenderedHexFloat(a, v));
+        else
+            check(PrintfRenderedUnsignedInteger(a, static_cast<unsigned long long>(n)));
+        if (HasFatalFailure()) return;
     }
 }
 
@@ -436,19 +400,13 @@ TEST(PrintfRendered, SizeIsKnownBeforeWriting) {
 TEST(ConvertDoubleToStringShortest, SameDigitsAsDoubleConversion) {
     std::mt19937_64 rng(11);
     for (int i = 0; i < 300000; ++i) {
-        const uint64_t bits = rng();
+        const uint64_t bits = rng(), scale = rng();
         double v;
-        switch (i % 3) {
-            case 0:
-                memcpy(&v, &bits, sizeof v);
-                break;
-            case 1:  // short decimals, as people write them
-                v = static_cast<double>(bits % 2000000000000) / std::pow(10.0, double(rng() % 20));
-                break;
-            default:  // subnormals up to the largest doubles
-                v = std::ldexp(static_cast<double>(bits >> 11),
-                               static_cast<int>(rng() % 2100) - 1074);
-        }
+        memcpy(&v, &bits, sizeof v);
+        if (i % 3 == 1)  // short decimals, as people write them
+            v = static_cast<double>(bits % 2000000000000) / std::pow(10.0, double(scale % 20));
+        if (i % 3 == 2)  // subnormals up to the largest doubles
+            v = std::ldexp(static_cast<double>(bits >> 11), static_cast<int>(scale % 2100) - 1074);
         if (!std::isfinite(v) || v == 0) continue;
         char digits[32];
         bool sign;
