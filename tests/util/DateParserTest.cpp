@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,11 +19,7 @@ const std::string kLogs = TARVEX_SOURCE_DIR "/tests/data/logs/";
 
 int64_t utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
     struct tm t = {};
-    t.tm_year = y - 1900;
-    t.tm_mon = mo - 1;
-    t.tm_mday = d;
-    t.tm_hour = h;
-    t.tm_min = mi;
+    t.tm_year = y - 1900, t.tm_mon = mo - 1, t.tm_mday = d, t.tm_hour = h, t.tm_min = mi,
     t.tm_sec = s;
     return timegm(&t);
 }
@@ -37,10 +34,10 @@ std::string show(const Timeval& t) {
     return buf;
 }
 
-// Catches the warnings instead of logging them.
+// Reads times as UTC; catches the warnings instead of logging them.
 class RecordingParser : public DateParser {
 public:
-    RecordingParser() : DateParser(true) {}
+    RecordingParser() : DateParser(true) { EXPECT_TRUE(guesser().setTZ("UTC")); }
     std::vector<std::string> messages;
 
 protected:
@@ -59,53 +56,40 @@ std::vector<std::string> csvFields(const std::string& line) {
     bool quoted = false;
     for (size_t i = 0; i < line.size(); ++i) {
         const char c = line[i];
-        if (quoted) {
-            if (c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
-                out.back() += '"';
-                ++i;
-            } else if (c == '"') {
-                quoted = false;
-            } else {
-                out.back() += c;
-            }
-        } else if (c == '"') {
-            quoted = true;
-        } else if (c == ',') {
+        if (quoted && c == '"' && i + 1 < line.size() && line[i + 1] == '"')
+            out.back() += line[i++];
+        else if (c == '"')
+            quoted = !quoted;
+        else if (c == ',' && !quoted)
             out.emplace_back();
-        } else {
+        else
             out.back() += c;
-        }
     }
     return out;
 }
 
 std::vector<std::string> lines(const std::string& path) {
     std::vector<std::string> out;
-    const std::string text = testsupport::readFile(path);
-    size_t at = 0;
-    for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
-        std::string l = text.substr(at, nl - at);
+    std::istringstream in(testsupport::readFile(path));
+    for (std::string l; std::getline(in, l); out.push_back(l))
         if (!l.empty() && l.back() == '\r') l.pop_back();
-        out.push_back(l);
-    }
-    if (at < text.size()) out.push_back(text.substr(at));
     return out;
 }
 
 int monthNumber(const std::string& name) {
-    static const char* names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    for (int i = 0; i < 12; ++i) {
-        if (name.compare(0, 3, names[i]) == 0) return i + 1;
-    }
-    return 0;
+    const size_t at = std::string("JanFebMarAprMayJunJulAugSepOctNovDec").find(name.substr(0, 3));
+    return at == std::string::npos || at % 3 != 0 ? 0 : int(at / 3) + 1;
 }
+
+using Fields = std::vector<std::string>;
+
+int num(const std::string& s, size_t at, size_t n) { return std::stoi(s.substr(at, n)); }
 
 // The true time of a record, as "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
 std::string truth(int y, int mo, int d, const std::string& clock) {
     int h = 0, mi = 0, s = 0;
     char frac[16] = "";
-    sscanf(clock.c_str(), "%d:%d:%d%*[.,]%9[0-9]", &h, &mi, &s, frac);
+    sscanf(clock.c_str(), "%d%*[:.]%d%*[:.]%d%*[.,]%9[0-9]", &h, &mi, &s, frac);
     std::string f = frac;
     f.resize(6, '0');
     char buf[64];
@@ -121,53 +105,39 @@ TEST(DateParser, RealLogsAgreeWithTheirTruth) {
     struct System {
         const char* name;
         int64_t now;
-        std::function<std::string(const std::vector<std::string>&)> expected;
+        std::function<std::string(const Fields&)> expected;
     };
     const std::vector<System> systems = {
         {"Android", utc(2017, 6, 1),  // year stated: 2017
-         [](const std::vector<std::string>& f) {
-             return truth(2017, std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(3, 2)), f[2]);
-         }},
+         [](const Fields& f) { return truth(2017, num(f[1], 0, 2), num(f[1], 3, 2), f[2]); }},
         {"Apache", utc(2006, 1, 1),
-         [](const std::vector<std::string>& f) {
+         [](const Fields& f) {
              char wd[8], mon[8], clock[16];
              int d, y;
              sscanf(f[1].c_str(), "%7s %7s %d %15s %d", wd, mon, &d, clock, &y);
              return truth(y, monthNumber(mon), d, clock);
          }},
-        {"BGL", utc(2006, 2, 1),
-         [](const std::vector<std::string>& f) {
-             int y, mo, d, h, mi, s;
-             char frac[16];
-             sscanf(f[5].c_str(), "%d-%d-%d-%d.%d.%d.%15s", &y, &mo, &d, &h, &mi, &s, frac);
-             char clock[32];
-             snprintf(clock, sizeof clock, "%d:%d:%d.%s", h, mi, s, frac);
-             return truth(y, mo, d, clock);
+        {"BGL", utc(2006, 2, 1),  // 2005-06-03-15.42.50.675872
+         [](const Fields& f) {
+             return truth(num(f[5], 0, 4), num(f[5], 5, 2), num(f[5], 8, 2), f[5].substr(11));
          }},
         {"HDFS", utc(2008, 12, 1),
-         [](const std::vector<std::string>& f) {
-             std::string t = std::string(6 - f[2].size(), '0') + f[2];
-             return truth(2000 + std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(2, 2)),
-                          std::stoi(f[1].substr(4, 2)),
+         [](const Fields& f) {
+             const std::string t = std::string(6 - f[2].size(), '0') + f[2];
+             return truth(2000 + num(f[1], 0, 2), num(f[1], 2, 2), num(f[1], 4, 2),
                           t.substr(0, 2) + ":" + t.substr(2, 2) + ":" + t.substr(4, 2));
          }},
         {"Linux", utc(2005, 12, 31),  // year stated: 2005
-         [](const std::vector<std::string>& f) {
-             return truth(2005, monthNumber(f[1]), std::stoi(f[2]), f[3]);
-         }},
+         [](const Fields& f) { return truth(2005, monthNumber(f[1]), std::stoi(f[2]), f[3]); }},
         {"OpenSSH", utc(2016, 12, 31),  // year stated: 2016
-         [](const std::vector<std::string>& f) {
-             return truth(2016, monthNumber(f[1]), std::stoi(f[2]), f[3]);
-         }},
+         [](const Fields& f) { return truth(2016, monthNumber(f[1]), std::stoi(f[2]), f[3]); }},
         {"Spark", utc(2017, 7, 1),
-         [](const std::vector<std::string>& f) {
-             return truth(2000 + std::stoi(f[1].substr(0, 2)), std::stoi(f[1].substr(3, 2)),
-                          std::stoi(f[1].substr(6, 2)), f[2]);
+         [](const Fields& f) {
+             return truth(2000 + num(f[1], 0, 2), num(f[1], 3, 2), num(f[1], 6, 2), f[2]);
          }},
         {"Zookeeper", utc(2015, 9, 1),
-         [](const std::vector<std::string>& f) {
-             return truth(std::stoi(f[1].substr(0, 4)), std::stoi(f[1].substr(5, 2)),
-                          std::stoi(f[1].substr(8, 2)), f[2]);
+         [](const Fields& f) {
+             return truth(num(f[1], 0, 4), num(f[1], 5, 2), num(f[1], 8, 2), f[2]);
          }},
     };
     for (const System& sys : systems) {
@@ -194,10 +164,6 @@ TEST(DateParser, RealLogsAgreeWithTheirTruth) {
     }
 }
 
-}  // namespace
-
-namespace {
-
 struct Parsed {
     bool ok;
     std::string time;
@@ -211,11 +177,8 @@ Parsed parseOne(DateParser& p, const std::string& line, int64_t now) {
 
 TEST(DateParser, LinesAndTheirTimes) {
     const int64_t now = utc(2023, 6, 1, 12);
-    struct Case {
-        std::string line;
-        const char* expected;  // empty: no time
-    };
-    const Case cases[] = {
+    // A line and its time, "" for none.
+    const std::pair<std::string, const char*> cases[] = {
         {"Jun 3 12:30:45 PM host x",
          "2023-06-03 12:30:45.000000"},                           // up to 3 days ahead: this year
         {"Jun 5 12:30:45 host x", "2022-06-05 12:30:45.000000"},  // further: last year
@@ -234,12 +197,11 @@ TEST(DateParser, LinesAndTheirTimes) {
         {"1685620800.5 epoch", "2023-06-01 12:00:00.500000"},
         {"no time here 1234", ""},
     };
-    for (const Case& c : cases) {
-        DateParser p(true);
-        ASSERT_TRUE(p.guesser().setTZ("UTC"));
-        const Parsed r = parseOne(p, c.line, now);
-        EXPECT_EQ(r.ok, *c.expected != '\0') << c.line;
-        EXPECT_EQ(r.time, c.expected) << c.line;
+    for (const auto& [line, expected] : cases) {
+        RecordingParser p;
+        const Parsed r = parseOne(p, line, now);
+        EXPECT_EQ(r.ok, *expected != '\0') << line;
+        EXPECT_EQ(r.time, expected) << line;
     }
     // TAI64 labels read the low 32 bits of the seconds.
     DateParser p(true);
@@ -250,7 +212,6 @@ TEST(DateParser, LinesAndTheirTimes) {
 TEST(DateParser, StreamHistory) {
     const int64_t now = utc(2023, 6, 1, 12);
     RecordingParser p;
-    ASSERT_TRUE(p.guesser().setTZ("UTC"));
     EXPECT_FALSE(parseOne(p, "no time on a new stream", now).ok);
     EXPECT_EQ(parseOne(p, "2023-05-02 10:00:00 first", now).time, "2023-05-02 10:00:00.000000");
     EXPECT_EQ(parseOne(p, "a continuation line", now).time, "2023-05-02 10:00:00.000000");
@@ -268,8 +229,7 @@ TEST(DateParser, StreamHistory) {
     // A word in capitals after the time is no zone unless one is known by
     // it: lines whose level words differ keep their own times once the
     // pattern has settled.
-    DateParser levels(true);
-    ASSERT_TRUE(levels.guesser().setTZ("UTC"));
+    RecordingParser levels;
     for (int i = 0; i < 12; ++i) {
         parseOne(levels, "2023-05-02 10:00:" + std::to_string(10 + i) + " INFO x", now);
     }
@@ -281,8 +241,7 @@ TEST(DateParser, StreamHistory) {
               "2023-05-02 10:00:40.000000");
 
     // Times alone take today's date, yesterday's when well ahead of now.
-    DateParser clock(true);
-    ASSERT_TRUE(clock.guesser().setTZ("UTC"));
+    RecordingParser clock;
     const int64_t justAfterMidnight = utc(2023, 6, 2, 0, 10);
     EXPECT_EQ(parseOne(clock, "23:59:59 late", justAfterMidnight).time,
               "2023-06-01 23:59:59.000000");
@@ -291,8 +250,7 @@ TEST(DateParser, StreamHistory) {
 
     // A date from the source's name serves lines with times only, and the
     // clock going back past the limit starts the next day.
-    DateParser q(true);
-    ASSERT_TRUE(q.guesser().setTZ("UTC"));
+    RecordingParser q;
     ASSERT_TRUE(q.setDateByString(StrSegment("web-2023-03-04.log")));
     EXPECT_EQ(parseOne(q, "23:30:00 late", now).time, "2023-03-04 23:30:00.000000");
     EXPECT_EQ(parseOne(q, "00:10:00 after midnight", now).time, "2023-03-05 00:10:00.000000");
@@ -307,24 +265,18 @@ TEST(DateParser, TheRealClockOverridesTheWindow) {
     char line[64];
     strftime(line, sizeof line, "%Y-%m-%d %H:%M:%S today", &t);
     RecordingParser p;
-    ASSERT_TRUE(p.guesser().setTZ("UTC"));
     EXPECT_TRUE(parseOne(p, line, real + 6 * 366 * 86400).ok);
     // An epoch needs no date, so nothing else can stand in for it.
     const std::string old = std::to_string(real - 6 * 366 * 86400);
     RecordingParser fresh;
-    ASSERT_TRUE(fresh.guesser().setTZ("UTC"));
     EXPECT_FALSE(parseOne(fresh, old + " six years ago", real).ok);
     ASSERT_FALSE(fresh.messages.empty());
     EXPECT_EQ(fresh.messages.back().compare(0, 30, "TIMESTAMP_REGEX_OUTSIDE_WINDOW"), 0);
 }
 
 TEST(TimeGuesser, ZoneNames) {
-    struct Case {
-        const char* name;
-        bool ok;
-        long offset;
-    };
-    const Case cases[] = {
+    // Name, known, offset.
+    const std::tuple<const char*, bool, long> cases[] = {
         {"ACDT", true, 37800},
         {"bst", true, 3600},
         {"CST", true, -21600},
@@ -342,11 +294,11 @@ TEST(TimeGuesser, ZoneNames) {
         {"Cape Verde Standard Time", true, -3600},
         {"Nowhere Standard Time", false, 0},
     };
-    for (const Case& c : cases) {
+    for (auto [name, ok, want] : cases) {
         long offset = 12345;
-        EXPECT_EQ(timezone_offset_by_name(c.name, &offset), c.ok) << c.name;
-        if (c.ok) {
-            EXPECT_EQ(offset, c.offset) << c.name;
+        EXPECT_EQ(timezone_offset_by_name(name, &offset), ok) << name;
+        if (ok) {
+            EXPECT_EQ(offset, want) << name;
         }
     }
     TimezoneGuessResult r;
@@ -399,7 +351,6 @@ TEST(DateParser, AWarmStreamAllocatesNothing) {
 TEST(DateParser, HasTimeWeighsDistanceFromThePrevious) {
     const int64_t now = utc(2023, 6, 1, 12);
     RecordingParser p;
-    ASSERT_TRUE(p.guesser().setTZ("UTC"));
     EXPECT_FALSE(p.hasTime(StrSegment("nothing here")));
     EXPECT_TRUE(p.hasTime(StrSegment("2023-05-02 10:00:00 on a new stream")));
     parseOne(p, "2023-05-02 10:00:00 first", now);

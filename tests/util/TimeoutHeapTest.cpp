@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <deque>
 #include <random>
 #include <stdexcept>
 #include <vector>
@@ -33,31 +34,19 @@ struct ReferenceHeap {
             if (a[i].second == id) return i;
         return a.size();
     }
-    void up(size_t i) {
-        while (i > 0 && key((i - 1) / 2) > key(i)) {
-            std::swap(a[i], a[(i - 1) / 2]);
-            i = (i - 1) / 2;
-        }
-    }
     void restore(size_t i) {
-        if (i > 0 && key((i - 1) / 2) > key(i)) return up(i);
-        for (;;) {
-            size_t c = 2 * i + 1;
-            if (c >= a.size()) return;
+        for (; i > 0 && key((i - 1) / 2) > key(i); i = (i - 1) / 2) std::swap(a[i], a[(i - 1) / 2]);
+        for (size_t c; (c = 2 * i + 1) < a.size(); i = c) {
             if (c + 1 < a.size() && key(c) > key(c + 1)) c++;
             if (!(key(c) < key(i))) return;
             std::swap(a[i], a[c]);
-            i = c;
         }
     }
-    void add(int id, int64_t when) {
-        a.push_back({when, id});
-        if (a.size() > 1) restore(a.size() - 1);
-    }
-    void set(int id, int64_t when) {
+    void schedule(int id, int64_t when) {
         size_t i = find(id);
+        if (i == a.size()) a.push_back({when, id});
         a[i].first = when;
-        if (a.size() > 1) restore(i);
+        restore(i);
     }
     void removeAt(size_t i) {
         a[i] = a.back();
@@ -66,32 +55,35 @@ struct ReferenceHeap {
     }
 };
 
-TEST(TimeoutHeap, RandomOperationsMatchTheReferenceAndKeepEveryLink) {
+// Timers that log their ids to `ran`, and the heap they go on.
+class TimeoutHeapTest : public ::testing::Test {
+protected:
+    Recorder& timer(int id) {
+        Recorder& t = _timers.emplace_back();
+        t.id = id, t.log = &ran;
+        return t;
+    }
+    std::vector<int> ran;
+    std::deque<Recorder> _timers;
+    TimeoutHeap heap;
+};
+
+TEST_F(TimeoutHeapTest, RandomOperationsMatchTheReferenceAndKeepEveryLink) {
     std::mt19937 rng(20261123);
     constexpr int N = 64;
-    std::vector<Recorder> timers(N);
-    std::vector<int> ran;
-    for (int i = 0; i < N; i++) {
-        timers[i].id = i;
-        timers[i].log = &ran;
-    }
-    TimeoutHeap heap;
+    for (int i = 0; i < N; i++) timer(i);
     ReferenceHeap ref;
     const MonotonicTime base = MonotonicTime::now() + Interval(3600000);
     int64_t horizon = 0;  // seconds past base already expired
     for (int step = 0; step < 20000; step++) {
         const int id = int(rng() % N);
-        Recorder& t = timers[id];
+        Recorder& t = _timers[id];
         const unsigned op = rng() % 10;
         // Few distinct deadlines, so that equal ones are common.
         const int64_t due = horizon + 1 + int64_t(rng() % 8);
         if (op < 5) {
             heap.add(&t, base, Interval(uint64_t(due) * 1000));
-            if (ref.find(id) == ref.a.size()) {
-                ref.add(id, due);
-            } else {
-                ref.set(id, due);
-            }
+            ref.schedule(id, due);
         } else if (op < 8) {
             heap.remove(&t);
             if (size_t i = ref.find(id); i < ref.a.size()) ref.removeAt(i);
@@ -111,47 +103,31 @@ TEST(TimeoutHeap, RandomOperationsMatchTheReferenceAndKeepEveryLink) {
         ASSERT_TRUE(heap.verifyWholeHeap()) << "step " << step;
         ASSERT_EQ(heap.timeoutCount(), ref.a.size());
     }
-    for (auto& t : timers) heap.remove(&t);
+    for (auto& t : _timers) heap.remove(&t);
     EXPECT_TRUE(heap.empty());
     EXPECT_TRUE(heap.verifyWholeHeap());
 }
 
-TEST(TimeoutHeap, EqualDeadlinesRunAsTheHeapHoldsThem) {
-    std::vector<int> ran;
-    Recorder a, b, c;
-    a.id = 1, b.id = 2, c.id = 3;
-    a.log = b.log = c.log = &ran;
-    TimeoutHeap heap;
+TEST_F(TimeoutHeapTest, EqualDeadlinesRunAsTheHeapHoldsThem) {
     MonotonicTime now = MonotonicTime::now();
-    for (Recorder* t : {&a, &b, &c}) heap.add(t, now, Interval(0));
+    for (int id : {1, 2, 3}) heap.add(&timer(id), now, Interval(0));
     heap.runExpiredTimeouts(now);
     EXPECT_EQ(ran, (std::vector<int>{1, 3, 2}));
 }
 
-TEST(TimeoutHeap, OneBatchTakesWhatIsDueWithinItsWindow) {
-    std::vector<int> ran;
-    Recorder now0, soon, later;
-    now0.id = 0, soon.id = 150, later.id = 200;
-    now0.log = soon.log = later.log = &ran;
-    TimeoutHeap heap;
+TEST_F(TimeoutHeapTest, OneBatchTakesWhatIsDueWithinItsWindow) {
     const MonotonicTime start = MonotonicTime::now();
-    heap.add(&now0, start, Interval(0));
-    heap.add(&soon, start, Interval(150));
-    heap.add(&later, start, Interval(200));
+    for (int ms : {0, 150, 200}) heap.add(&timer(ms), start, Interval(ms));
     MonotonicTime now = start;
     heap.runExpiredTimeouts(now);
     EXPECT_EQ(ran, (std::vector<int>{0, 150}));
     EXPECT_GE(now, start);
     EXPECT_EQ(heap.timeoutCount(), 1u);
-    heap.remove(&later);
+    heap.remove(&_timers[2]);
 }
 
-TEST(TimeoutHeap, RemovingDuringTheBatchKeepsOnlyTheZeroLengthPromise) {
-    std::vector<int> ran;
-    Recorder first, zero, timed;
-    first.id = 1, zero.id = 2, timed.id = 3;
-    first.log = zero.log = timed.log = &ran;
-    TimeoutHeap heap;
+TEST_F(TimeoutHeapTest, RemovingDuringTheBatchKeepsOnlyTheZeroLengthPromise) {
+    Recorder &first = timer(1), &zero = timer(2), &timed = timer(3);
     MonotonicTime now = MonotonicTime::now();
     // `first` runs first and cancels the two others, which are on the
     // batch's list already.
@@ -168,12 +144,9 @@ TEST(TimeoutHeap, RemovingDuringTheBatchKeepsOnlyTheZeroLengthPromise) {
     EXPECT_TRUE(heap.empty());
 }
 
-TEST(TimeoutHeap, ReaddedTimeoutsCountFromTheEndOfTheBatch) {
-    std::vector<int> ran;
-    Recorder periodic;
-    periodic.log = &ran;
+TEST_F(TimeoutHeapTest, ReaddedTimeoutsCountFromTheEndOfTheBatch) {
+    Recorder& periodic = timer(0);
     periodic.reschedule = 500;
-    TimeoutHeap heap;
     MonotonicTime now = MonotonicTime::now();
     heap.add(&periodic, now, Interval(0));
     heap.runExpiredTimeouts(now);
@@ -184,23 +157,21 @@ TEST(TimeoutHeap, ReaddedTimeoutsCountFromTheEndOfTheBatch) {
 }
 
 TEST(TimeoutHeap, ModifyingKeepsTheTimeAlreadyWaited) {
-    struct Case {
-        uint64_t old, waited, changed, expectedDelay;
-    } cases[] = {
+    // Old interval, time waited, new interval, delay from now.
+    const uint64_t cases[][4] = {
         {1000, 300, 2000, 1700},  // longer: the 300 ms waited count
         {1000, 300, 500, 200},    // shorter
         {1000, 800, 500, 0},      // shorter than what was waited: due now
         {1000, 1500, 400, 400},   // already overdue: the new interval from now
     };
-    for (const Case& c : cases) {
+    for (auto [old, waited, changed, delay] : cases) {
         Recorder t;
         TimeoutHeap heap;
-        const MonotonicTime start = MonotonicTime::now();
-        heap.add(&t, start, Interval(c.old));
-        const MonotonicTime now = start + Interval(c.waited);
-        heap.modifyTimeoutInterval(&t, now, Interval(c.changed));
-        EXPECT_EQ(t.when(), now + Interval(c.expectedDelay)) << c.old << "->" << c.changed;
-        EXPECT_EQ(t.initialInterval(), Interval(c.changed));
+        const MonotonicTime start = MonotonicTime::now(), now = start + Interval(waited);
+        heap.add(&t, start, Interval(old));
+        heap.modifyTimeoutInterval(&t, now, Interval(changed));
+        EXPECT_EQ(t.when(), now + Interval(delay)) << old << "->" << changed;
+        EXPECT_EQ(t.initialInterval(), Interval(changed));
         heap.remove(&t);
     }
 }
@@ -210,30 +181,22 @@ TEST(TimeoutHeap, WaitRoundsDownAndCaps) {
     TimeoutHeap heap;
     const MonotonicTime now = MonotonicTime::now();
     EXPECT_EQ(heap.msecUntilNextTimeout(now), POLL_MS_INFINITE);
-    struct Case {
-        MonotonicTime::Ticks ahead;
-        poll_ms_t wait;
-    } cases[] = {
-        {MonotonicTime::Ticks(0), 0},
-        {MonotonicTime::Ticks(1999999), 1},
-        {MonotonicTime::Ticks(uint64_t(3000000000) * 1000000), 2147483647},
-    };
-    for (const Case& c : cases) {
-        heap.add(&t, now + c.ahead, Interval(0));
-        EXPECT_EQ(heap.msecUntilNextTimeout(now), c.wait);
+    // Nanoseconds ahead (past ones: overdue) and the wait.
+    for (auto [ahead, wait] : {std::pair{int64_t(0), 0},
+                               {1999999, 1},
+                               {-5000000, 0},
+                               {int64_t(3000000000) * 1000000, 2147483647}}) {
+        const auto mag = MonotonicTime::Ticks(uint64_t(ahead < 0 ? -ahead : ahead));
+        heap.add(&t, ahead < 0 ? now - mag : now + mag, Interval(0));
+        EXPECT_EQ(heap.msecUntilNextTimeout(now), wait) << ahead;
         heap.remove(&t);
     }
-    heap.add(&t, now - Interval(5), Interval(0));
-    EXPECT_EQ(heap.msecUntilNextTimeout(now), 0);
-    heap.remove(&t);
 }
 
-TEST(TimeoutHeap, AClockJumpMovesEveryTimerWithIt) {
+TEST_F(TimeoutHeapTest, AClockJumpMovesEveryTimerWithIt) {
     constexpr int N = 7;
-    std::vector<Recorder> timers(N);
-    TimeoutHeap heap;
     const MonotonicTime before = MonotonicTime::now();
-    for (int i = 0; i < N; i++) heap.add(&timers[i], before, Interval(1000 + 1000 * i));
+    for (int i = 0; i < N; i++) heap.add(&timer(i), before, Interval(1000 + 1000 * i));
     const MonotonicTime after = before + Interval(3600000);
     testing::internal::CaptureStderr();
     heap.checkClockSkew(before, after, 1000);
@@ -243,31 +206,23 @@ TEST(TimeoutHeap, AClockJumpMovesEveryTimerWithIt) {
               std::string::npos)
         << err;
     ASSERT_TRUE(heap.verifyWholeHeap());
-    for (int i = 0; i < N; i++) {
-        // Shifted by the overrun, and never more than an interval from now.
-        EXPECT_EQ(timers[i].when(), after + Interval(1000 * i)) << i;
-    }
+    // Shifted by the overrun, and never more than an interval from now.
+    for (int i = 0; i < N; i++) EXPECT_EQ(_timers[i].when(), after + Interval(1000 * i)) << i;
     // The heap takes new timers in its new shape.
-    Recorder more[3];
-    for (Recorder& t : more) heap.add(&t, after, Interval(10));
+    for (int i = N; i < N + 3; i++) heap.add(&timer(i), after, Interval(10));
     EXPECT_TRUE(heap.verifyWholeHeap());
-    for (Recorder& t : more) heap.remove(&t);
-    for (Recorder& t : timers) heap.remove(&t);
+    for (Recorder& t : _timers) heap.remove(&t);
 
     // Within the tolerance nothing moves.
-    Recorder t;
+    Recorder& t = timer(0);
     heap.add(&t, before, Interval(1000));
     heap.checkClockSkew(before, before + Interval(5999), 1000);
     EXPECT_EQ(t.when(), before + Interval(1000));
     heap.remove(&t);
 }
 
-TEST(TimeoutHeap, ShutdownRunsZeroLengthTimeoutsUntilNoneIsLeft) {
-    std::vector<int> ran;
-    Recorder zero, chained, timed;
-    zero.id = 1, chained.id = 2, timed.id = 3;
-    zero.log = chained.log = timed.log = &ran;
-    TimeoutHeap heap;
+TEST_F(TimeoutHeapTest, ShutdownRunsZeroLengthTimeoutsUntilNoneIsLeft) {
+    Recorder &zero = timer(1), &chained = timer(2), &timed = timer(3);
     const MonotonicTime now = MonotonicTime::now();
     heap.add(&zero, now + Interval(100000), Interval(0));
     heap.add(&timed, now, Interval(100000));
@@ -279,13 +234,9 @@ TEST(TimeoutHeap, ShutdownRunsZeroLengthTimeoutsUntilNoneIsLeft) {
     heap.remove(&timed);
 }
 
-TEST(TimeoutHeap, AThrowingTimeoutLeavesTheRestOfItsBatchScheduled) {
-    std::vector<int> ran;
-    Recorder thrower, a, b;
-    thrower.id = 0, a.id = 1, b.id = 2;
-    thrower.log = a.log = b.log = &ran;
+TEST_F(TimeoutHeapTest, AThrowingTimeoutLeavesTheRestOfItsBatchScheduled) {
+    Recorder &thrower = timer(0), &a = timer(1), &b = timer(2);
     thrower.during = [] { throw std::runtime_error("boom"); };
-    TimeoutHeap heap;
     MonotonicTime now = MonotonicTime::now();
     heap.add(&thrower, now - Interval(5), Interval(0));
     heap.add(&a, now, Interval(0));
@@ -300,26 +251,21 @@ TEST(TimeoutHeap, AThrowingTimeoutLeavesTheRestOfItsBatchScheduled) {
 }
 
 struct Ticker : PeriodicTimeout {
+    explicit Ticker(std::function<void()> b) : body(std::move(b)) {}
     std::function<void()> body;
     void tick() override { body(); }
 };
 
 TEST(TimeoutHeap, PeriodicTimeoutSteersItsDelay) {
     // A tick longer than the interval: half the interval, never 0.
-    Ticker slow;
-    slow.body = [] { Interval(30).sleep(); };
-    Interval next(20);
-    slow.when_expired(&next);
-    EXPECT_EQ(next, Interval(10));
-    Interval tiny(1);
-    Ticker slowTiny;
-    slowTiny.body = [] { Interval(5).sleep(); };
-    slowTiny.when_expired(&tiny);
-    EXPECT_EQ(tiny, Interval(1));
-
+    for (auto [interval, half] : {std::pair{20, 10}, {1, 1}}) {
+        Ticker slow([] { Interval(30).sleep(); });
+        Interval next(interval);
+        slow.when_expired(&next);
+        EXPECT_EQ(next, Interval(half)) << interval;
+    }
     // A quick tick: the rest of the interval.
-    Ticker quick;
-    quick.body = [] {};
+    Ticker quick([] {});
     Interval first(100);
     quick.when_expired(&first);
     EXPECT_GE(first.ms(), 90u);
@@ -333,19 +279,15 @@ TEST(TimeoutHeap, PeriodicTimeoutSteersItsDelay) {
 }
 
 TEST(TimeoutHeapDeathTest, ReaddingItselfAndReturningAnIntervalIsAFault) {
-    EXPECT_DEATH(
-        {
-            TimeoutHeap heap;
-            Recorder t;
-            std::vector<int> ran;
-            t.log = &ran;
-            t.reschedule = 10;
-            t.during = [&] { heap.add(&t, Interval(10)); };
-            MonotonicTime now = MonotonicTime::now();
-            heap.add(&t, now, Interval(0));
-            heap.runExpiredTimeouts(now);
-        },
-        "!_current_timeout_was_readded");
+    TimeoutHeap heap;
+    Recorder t;
+    std::vector<int> ran;
+    t.log = &ran, t.reschedule = 10;
+    t.during = [&] { heap.add(&t, Interval(10)); };
+    MonotonicTime now = MonotonicTime::now();
+    heap.add(&t, now, Interval(0));
+    EXPECT_DEATH(heap.runExpiredTimeouts(now), "!_current_timeout_was_readded");
+    heap.remove(&t);
 }
 
 }  // namespace
