@@ -20,9 +20,8 @@ int expectedWidth(const ucd::Database& db, uint32_t c) {
 
 TEST(CodepointWidth, EveryCodePointAsTheDatabaseSays) {
     const ucd::Database& db = ucd::database();
-    size_t mismatches = 0;
+    size_t mismatches = 0, wide = 0, zero = 0;
     std::string first;
-    size_t wide = 0, zero = 0;
     for (uint32_t c = 0; c < ucd::kCodepoints; ++c) {
         const int expected = expectedWidth(db, c);
         wide += expected == 2;

@@ -46,7 +46,7 @@ TEST(Djb2, SignedBytesAsPythonComputesThem) {
 
 TEST(GzipCrc32, CheckValueAndPiecesContinue) {
     EXPECT_EQ(gzip_crc32(0, "", 0), 0u);
-    EXPECT_EQ(gzip_crc32(0, "123456789", 9), 0xCBF43926u);  // the standard check value
+    EXPECT_EQ(gzip_crc32(0, "123456789", 9), 0xCBF43926u);  // the well-known check value
     for (size_t cut = 0; cut <= 9; ++cut) {
         EXPECT_EQ(gzip_crc32(gzip_crc32(0, "123456789", cut), "123456789" + cut, 9 - cut),
                   0xCBF43926u)
@@ -128,8 +128,7 @@ uint64_t finisher(uint64_t z) {
 [[noreturn]] void seedWithoutCycleCounter() {
     prctl(PR_SET_TSC, PR_TSC_SIGSEGV, 0, 0, 0);
     for (int attempt = 0; attempt < 3; ++attempt) {
-        struct timeval before;
-        struct timeval after;
+        struct timeval before, after;
         // The vDSO clock may read the forbidden counter itself: system calls only.
         syscall(SYS_gettimeofday, &before, nullptr);
         xorshift128plus_state s;

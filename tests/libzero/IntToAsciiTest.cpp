@@ -23,14 +23,9 @@ template <class T>
 std::vector<T> boundaryValues() {
     std::vector<T> values = {0, 1, std::numeric_limits<T>::max(), std::numeric_limits<T>::min()};
     for (T p = 1;; p *= 10) {
-        values.push_back(p - 1);
-        values.push_back(p);
-        values.push_back(p + 1);
-        if constexpr (std::is_signed_v<T>) {
-            values.push_back(-p);
-            values.push_back(-p + 1);
-            values.push_back(-p - 1);
-        }
+        values.insert(values.end(), {T(p - 1), p, T(p + 1)});
+        if constexpr (std::is_signed_v<T>)
+            values.insert(values.end(), {T(-p), T(-p + 1), T(-p - 1)});
         if (p > std::numeric_limits<T>::max() / 10) break;
     }
     std::mt19937_64 rng(7);

@@ -2,6 +2,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libzero/unicode-file-reader.h"
@@ -97,11 +98,7 @@ TEST(UnicodeDetectEncoding, MarksInOrderAndNothingWithoutOne) {
 TEST(UnicodeFileReader, ReadsWhatIconvWrites) {
     // The mark is written by iconv itself, from a leading U+FEFF.
     const std::string withMark = "\xEF\xBB\xBF" + kSample;
-    const struct {
-        const char* iconvName;
-        const std::string& input;
-        int expected;
-    } cases[] = {
+    const std::tuple<const char*, const std::string&, int> cases[] = {
         {"UTF-8", withMark, UTRANS_UTF8 | UTRANS_BOM},
         {"UTF-8", kSample, UTRANS_UTF8},
         {"UTF-16LE", withMark, UTRANS_UTF16LE | UTRANS_BOM},
@@ -109,11 +106,11 @@ TEST(UnicodeFileReader, ReadsWhatIconvWrites) {
         {"UTF-32LE", withMark, UTRANS_UTF32LE | UTRANS_BOM},
         {"UTF-32BE", withMark, UTRANS_UTF32BE | UTRANS_BOM},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.iconvName);
-        Reader reader(fromUtf8(c.input, c.iconvName));
+    for (const auto& [iconvName, input, expected] : cases) {
+        SCOPED_TRACE(iconvName);
+        Reader reader(fromUtf8(input, iconvName));
         EXPECT_EQ(reader.lines(), kSampleLines);
-        EXPECT_EQ(reader.r._encoding, c.expected);
+        EXPECT_EQ(reader.r._encoding, expected);
         EXPECT_EQ(reader.r._invalid, 0u);
         EXPECT_EQ(reader.r._lf_lines, 3u);
         EXPECT_EQ(reader.r._crlf_lines, 1u);
@@ -207,12 +204,8 @@ std::vector<std::pair<std::string, size_t>> pythonReplaced(const std::string& co
 // "replace" decoding; the replacements are counted.
 TEST(UnicodeFileReader, BrokenInputAsPythonReplacesIt) {
     using namespace std::string_literals;
-    struct Encoding {
-        const char* codec;
-        std::string mark;
-        std::vector<std::string> pieces;
-    };
-    const std::vector<Encoding> encodings = {
+    // Python's codec, the mark, and the pieces of text.
+    const std::vector<std::tuple<const char*, std::string, std::vector<std::string>>> encodings = {
         {"utf-8",
          "",
          {"a", "\n", "\r\n", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\x80", "\xC0\xAF",
@@ -237,18 +230,18 @@ TEST(UnicodeFileReader, BrokenInputAsPythonReplacesIt) {
          {"a\0\0\0"s, "\n\0\0\0"s, "\x00\xF6\x01\0"s, "\0\xD8\0\0"s, "\0\0\x11\0"s,
           "\xFF\xFF\xFF\xFF"s, "\xFF\xFF\x10\0"s}},
     };
-    for (const Encoding& e : encodings) {
-        SCOPED_TRACE(e.codec);
+    for (const auto& [codec, mark, pieces] : encodings) {
+        SCOPED_TRACE(codec);
         std::mt19937 rng(7);
         std::vector<std::string> inputs;
         for (int i = 0; i < 300; ++i) {
             std::string s;
-            for (int k = rng() % 12; k > 0; --k) s += e.pieces[rng() % e.pieces.size()];
+            for (int k = rng() % 12; k > 0; --k) s += pieces[rng() % pieces.size()];
             // Cut some anywhere, also inside a unit.
             if (i % 3 == 0 && !s.empty()) s.resize(rng() % s.size());
-            inputs.push_back(e.mark + s);
+            inputs.push_back(mark + s);
         }
-        const auto expected = pythonReplaced(e.codec, inputs);
+        const auto expected = pythonReplaced(codec, inputs);
         for (size_t i = 0; i < inputs.size(); ++i) {
             Reader reader(inputs[i]);
             ASSERT_EQ(hex(reader.allUtf8()), hex(expected[i].first)) << "input " << hex(inputs[i]);

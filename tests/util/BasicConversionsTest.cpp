@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <random>
+#include <tuple>
 
 #include "support/TestSupport.h"
 #include "util/StrVector.h"
@@ -124,21 +125,18 @@ TEST(IntegerFromDouble, OnlyDistinctIntegralValues) {
 }
 
 TEST(ByteSizes, UnitsAndThresholds) {
-    const struct {
-        const char* text;
-        bool decimal;
-        unsigned long want;  // 0: refused
-    } cases[] = {
+    // Text, decimal units or not, and the bytes (0: refused).
+    const std::tuple<const char*, bool, unsigned long> cases[] = {
         {"2kb", false, 2048},         {"2kb", true, 2000},
         {"2 KiB", true, 2048},        {"3 MB ", false, 3u << 20},
         {"1TB", true, 1000000000000}, {"4096", true, 4096},
         {"2 kilobytes", false, 0},    {"kb", false, 0},
         {" 2kb", false, 0},  // the number must come first
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, decimal, want] : cases) {
         unsigned long n = 0;
-        EXPECT_EQ(parse_sizeBytes_string(Str(c.text), n, c.decimal), c.want != 0) << c.text;
-        EXPECT_EQ(c.want ? n : 0, c.want) << c.text;
+        EXPECT_EQ(parse_sizeBytes_string(Str(text), n, decimal), want != 0) << text;
+        EXPECT_EQ(want ? n : 0, want) << text;
     }
     ByteSizeWithUnits size;
     ASSERT_TRUE(mem_parse_into("8kb", 3, &size));
@@ -157,7 +155,8 @@ TEST(ByteSizes, UnitsAndThresholds) {
         EXPECT_EQ(Str::from(sizeBytes_to_verbose{bytes}), want);
 }
 
-TEST(Base64, Rfc4648VectorsAndTheDecodingRules) {
+// Round trips of arbitrary bytes are fuzz/conversions.cpp's.
+TEST(Base64, KnownVectorsAndTheDecodingRules) {
     const char* plain[] = {"", "f", "fo", "foo", "foob", "fooba", "foobar"};
     const char* encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
     for (size_t i = 0; i < std::size(plain); ++i) {
@@ -183,16 +182,6 @@ TEST(Base64, Rfc4648VectorsAndTheDecodingRules) {
         Str d("keep");
         EXPECT_EQ(Base64::decode(d, text, strlen(text)), want != nullptr) << text;
         EXPECT_EQ(d, std::string("keep") + (want ? want : "")) << text;
-    }
-    // Every byte value, at every length, round-trips.
-    std::mt19937 rng(6);
-    for (size_t n = 0; n < 200; ++n) {
-        std::string raw(n, '\0');
-        for (char& c : raw) c = static_cast<char>(rng());
-        Str enc, dec;
-        Base64::encode(enc, raw.data(), raw.size());
-        ASSERT_TRUE(Base64::decode(dec, enc.data(), enc.size()));
-        ASSERT_EQ(dec, raw);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/Oracles.h"
@@ -22,17 +23,14 @@ TEST(MemFind, StringSearchesAgreeWithStd) {
         std::string hay(rng() % 40, 'a'), needle(rng() % 4, 'a');
         for (char& c : hay) c = "ab\0"[rng() % 3];
         for (char& c : needle) c = "ab\0"[rng() % 3];
-        const size_t off = rng() % 45;
+        const size_t off = rng() % 45, roff = rng() % 2 ? npos : rng() % 45;
+        SCOPED_TRACE(testing::PrintToString(hay) + " / " + testing::PrintToString(needle) + " @" +
+                     std::to_string(off) + ", back from " + std::to_string(roff));
         size_t expect = hay.find(needle, off);
         if (needle.empty() && off >= hay.size()) expect = npos;
-        ASSERT_EQ(mem_find(hay.data(), hay.size(), needle.data(), needle.size(), off), expect)
-            << testing::PrintToString(hay) << " / " << testing::PrintToString(needle) << " @"
-            << off;
-        const size_t roff = rng() % 2 ? npos : rng() % 45;
+        ASSERT_EQ(mem_find(hay.data(), hay.size(), needle.data(), needle.size(), off), expect);
         ASSERT_EQ(mem_rfind(hay.data(), hay.size(), needle.data(), needle.size(), roff),
-                  hay.rfind(needle, roff))
-            << testing::PrintToString(hay) << " / " << testing::PrintToString(needle) << " @"
-            << roff;
+                  hay.rfind(needle, roff));
     }
 }
 
@@ -219,12 +217,8 @@ TEST(MemUtf8, ValidityAgreesWithPythonAndCountFollowsTheLeadBytes) {
 
 TEST(MemUtf8, SubstringByCodePoints) {
     const char* s = "a\xC3\xA9\x62\xE2\x82\xAC";  // a é b €: 4 code points, 7 bytes
-    const struct {
-        const char* text;
-        size_t len, start, count;
-        bool ok;
-        size_t begin, end;
-    } cases[] = {
+    // Text, length, start, count; whether it succeeds, and the range found.
+    const std::tuple<const char*, size_t, size_t, size_t, bool, size_t, size_t> cases[] = {
         {s, 7, 1, 2, true, 1, 4},
         {s, 7, 3, 100, true, 4, 7},
         {s, 7, 2, 0, true, 3, 3},  // count 0: empty range at the start
@@ -234,14 +228,13 @@ TEST(MemUtf8, SubstringByCodePoints) {
         // A truncated last sequence ends the range at the data's end.
         {"x\xE2\x82", 3, 1, 1, true, 1, 3},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, len, start, count, ok, begin, end] : cases) {
         size_t b = 99, e = 99;
-        EXPECT_EQ(mem_substr_utf8_codepoints(c.text, c.len, c.start, c.count, &b, &e), c.ok)
-            << c.start << "+" << c.count;
-        if (c.ok) {
-            EXPECT_EQ(b, c.begin) << c.start << "+" << c.count;
-            EXPECT_EQ(e, c.end) << c.start << "+" << c.count;
-        }
+        EXPECT_EQ(mem_substr_utf8_codepoints(text, len, start, count, &b, &e), ok)
+            << start << "+" << count;
+        EXPECT_EQ(std::make_pair(b, e),
+                  ok ? std::make_pair(begin, end) : std::make_pair(99ul, 99ul))
+            << start << "+" << count;
     }
 }
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "util/Str.h"
@@ -59,43 +60,38 @@ std::vector<std::string> generatedNumbers() {
     return out;
 }
 
-TEST(MemNumbers, SignedAcceptSetIsStrtollsInEveryBase) {
-    for (int base : {10, 0, 16, 8}) {
+// One parser over every generated number in each base: its verdict is the
+// oracle's within [lo, hi], and a failed parse leaves the output alone; the
+// wide to-form gives its default where the oracle refuses.
+template <class Wide, class T>
+void expectOracle(bool (*parse)(const char*, size_t, T*, int), Wide lo, Wide hi,
+                  std::initializer_list<int> bases) {
+    for (int base : bases) {
         for (const std::string& s : generatedNumbers()) {
-            long long expect;
-            const bool ok = oracle(s, base, &expect);
-            long got = 12345;
-            ASSERT_EQ(mem_tryToLong(s.data(), s.size(), &got, base), ok)
-                << "'" << s << "' base " << base;
-            ASSERT_EQ(got, ok ? expect : 12345) << "a failed parse leaves the output alone";
-            int i = 12345;
-            const bool intOk = ok && expect >= INT_MIN && expect <= INT_MAX;
-            ASSERT_EQ(mem_tryToInt(s.data(), s.size(), &i, base), intOk) << s;
-            ASSERT_EQ(i, intOk ? expect : 12345) << s;
-            ASSERT_EQ(mem_toLongLong(s.data(), s.size(), -7, base), ok ? expect : -7);
+            Wide expect;
+            const bool wideOk = oracle(s, base, &expect),
+                       ok = wideOk && expect >= lo && expect <= hi;
+            T got = 12345;
+            ASSERT_EQ(parse(s.data(), s.size(), &got, base), ok) << "'" << s << "' base " << base;
+            ASSERT_EQ(got, ok ? expect : 12345) << "'" << s << "' base " << base;
+            const Wide dflt = std::is_signed_v<Wide> ? Wide(-7) : Wide(9);
+            const Wide to = std::is_signed_v<Wide>
+                                ? mem_toLongLong(s.data(), s.size(), dflt, base)
+                                : mem_toUnsignedLongLong(s.data(), s.size(), dflt, base);
+            ASSERT_EQ(to, wideOk ? expect : dflt) << s;
         }
     }
 }
 
+TEST(MemNumbers, SignedAcceptSetIsStrtollsInEveryBase) {
+    expectOracle<long long>(mem_tryToLong, LLONG_MIN, LLONG_MAX, {10, 0, 16, 8});
+    expectOracle<long long>(mem_tryToInt, INT_MIN, INT_MAX, {10, 0, 16, 8});
+}
+
 TEST(MemNumbers, UnsignedAcceptSetIsStrtoullsWithoutWrapAround) {
-    for (int base : {10, 0, 16}) {
-        for (const std::string& s : generatedNumbers()) {
-            unsigned long long expect;
-            const bool ok = oracle(s, base, &expect);
-            unsigned long got = 12345;
-            ASSERT_EQ(mem_tryToUnsignedLong(s.data(), s.size(), &got, base), ok)
-                << "'" << s << "' base " << base;
-            ASSERT_EQ(got, ok ? expect : 12345) << "a failed parse leaves the output alone";
-            unsigned u = 12345;
-            const bool uOk = ok && expect <= 0xFFFFFFFFu;
-            ASSERT_EQ(mem_tryToUnsigned(s.data(), s.size(), &u, base), uOk) << s;
-            ASSERT_EQ(u, uOk ? expect : 12345) << s;
-            size_t z = 12345;
-            ASSERT_EQ(mem_tryToSizet(s.data(), s.size(), &z, base), ok) << s;
-            ASSERT_EQ(z, ok ? expect : 12345) << s;
-            ASSERT_EQ(mem_toUnsignedLongLong(s.data(), s.size(), 9, base), ok ? expect : 9);
-        }
-    }
+    expectOracle<unsigned long long>(mem_tryToUnsignedLong, 0, ULLONG_MAX, {10, 0, 16});
+    expectOracle<unsigned long long>(mem_tryToUnsigned, 0, 0xFFFFFFFF, {10, 0, 16});
+    expectOracle<unsigned long long>(mem_tryToSizet, 0, ULLONG_MAX, {10, 0, 16});
 }
 
 TEST(MemNumbers, ErrnoIsLeftAsTheCallerHadIt) {
@@ -125,11 +121,7 @@ TEST(MemNumbers, DefaultsOfTheToForms) {
 
 // The double parser is strict on purpose; these pin its accept set.
 TEST(MemNumbers, DoubleAcceptSetIsPinned) {
-    const struct {
-        const char* text;
-        bool ok;
-        double value;
-    } cases[] = {
+    const std::tuple<const char*, bool, double> cases[] = {
         {"1.5", true, 1.5}, {"-0", true, -0.0}, {"+2", true, 2},        {".5", true, 0.5},
         {"5.", true, 5},    {"1e5", true, 1e5}, {"1E-3", true, 1e-3},   {"1e-400", true, 0},
         {"0.1", true, 0.1}, {"", false, 0},     {" 1", false, 0},       {"1 ", false, 0},
@@ -137,11 +129,11 @@ TEST(MemNumbers, DoubleAcceptSetIsPinned) {
         {"0x10", false, 0}, {"inf", false, 0},  {"Infinity", false, 0}, {"NaN", false, 0},
         {"nan", false, 0},  {"1,5", false, 0},  {".", false, 0},        {"--1", false, 0},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, ok, value] : cases) {
         double d = 777;
-        ASSERT_EQ(mem_tryToDouble(c.text, strlen(c.text), &d), c.ok) << "'" << c.text << "'";
-        EXPECT_EQ(d, c.ok ? c.value : 777) << c.text;
-        EXPECT_EQ(std::signbit(d), std::signbit(c.value)) << c.text;
+        ASSERT_EQ(mem_tryToDouble(text, strlen(text), &d), ok) << "'" << text << "'";
+        EXPECT_EQ(d, ok ? value : 777) << text;
+        EXPECT_EQ(std::signbit(d), std::signbit(value)) << text;
     }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "util/StrVector.h"
@@ -39,12 +40,7 @@ Tokens split(Form form, const std::string& s, const std::string& sep, uint32_t m
 
 TEST(Split, EveryFormAtTheEdges) {
     constexpr uint32_t N = SPLIT_NO_LIMIT;
-    const struct {
-        Form form;
-        std::string in, sep;
-        uint32_t max;
-        Tokens want;
-    } cases[] = {
+    const std::tuple<Form, std::string, std::string, uint32_t, Tokens> cases[] = {
         {kByte, "", ",", N, {}},  // no token at all, not one empty token
         {kByte, ",", ",", N, {"", ""}},
         {kByte, "a,b,c", ",", N, {"a", "b", "c"}},
@@ -79,10 +75,10 @@ TEST(Split, EveryFormAtTheEdges) {
         {kLines, "a\r\r\n", "", N, {"a\r"}},  // only one CR is dropped
         {kLines, "a", "", N, {"a"}},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(split(c.form, c.in, c.sep, c.max), c.want)
-            << "form " << c.form << " " << testing::PrintToString(c.in) << " by "
-            << testing::PrintToString(c.sep) << " max " << c.max;
+    for (const auto& [form, in, sep, max, want] : cases) {
+        EXPECT_EQ(split(form, in, sep, max), want)
+            << "form " << form << " " << testing::PrintToString(in) << " by "
+            << testing::PrintToString(sep) << " max " << max;
     }
 }
 

@@ -10,6 +10,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "support/TestSupport.h"
 
@@ -36,11 +37,9 @@ Str heapStr(size_t len, char c, size_t capacity) {
 // A moved string is joined in whichever buffer can hold the result; where
 // both can, the shorter text is the one copied.
 TEST(StrAppendMove, BuildsWhereTheResultFits) {
-    const struct {
-        size_t aLen, aCap, bLen, bCap;
-        bool prepend;
-        char kept;  // whose buffer the result is in, '?' for a new one
-    } cases[] = {
+    // Lengths and capacities of both, prepending or not, and whose buffer
+    // the result is in ('?' for a new one).
+    const std::tuple<size_t, size_t, size_t, size_t, bool, char> cases[] = {
         {20, 20, 5, 100, false, 'b'},    // only `other` fits: the receiver goes in front
         {5, 100, 20, 20, false, 'a'},    // only the receiver fits: plain append
         {10, 100, 30, 100, false, 'b'},  // both fit
@@ -50,17 +49,17 @@ TEST(StrAppendMove, BuildsWhereTheResultFits) {
         {5, 100, 20, 20, true, 'a'},    // prepending mirrors appending
         {20, 20, 5, 100, true, 'b'},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.aLen << "/" << c.aCap << " " << c.bLen << "/" << c.bCap
-                                        << (c.prepend ? " prepend" : " append"));
-        Str a = heapStr(c.aLen, 'a', c.aCap), b = heapStr(c.bLen, 'b', c.bCap);
+    for (const auto& [aLen, aCap, bLen, bCap, prepend, kept] : cases) {
+        SCOPED_TRACE(testing::Message() << aLen << "/" << aCap << " " << bLen << "/" << bCap
+                                        << (prepend ? " prepend" : " append"));
+        Str a = heapStr(aLen, 'a', aCap), b = heapStr(bLen, 'b', bCap);
         const char* bufA = a.data();
         const char* bufB = b.data();
-        c.prepend ? a.prepend(std::move(b)) : a.append(std::move(b));
-        const std::string as(c.aLen, 'a'), bs(c.bLen, 'b');
-        EXPECT_EQ(a, c.prepend ? bs + as : as + bs);
-        if (c.kept != '?') {
-            EXPECT_EQ(a.data(), c.kept == 'a' ? bufA : bufB);
+        prepend ? a.prepend(std::move(b)) : a.append(std::move(b));
+        const std::string as(aLen, 'a'), bs(bLen, 'b');
+        EXPECT_EQ(a, prepend ? bs + as : as + bs);
+        if (kept != '?') {
+            EXPECT_EQ(a.data(), kept == 'a' ? bufA : bufB);
         }
     }
     Str a("xy");
@@ -126,25 +125,21 @@ TEST(StrReplace, AllForms) {
     EXPECT_EQ(s.replaceAll(CharacterClass::ALPHA, '_'), 3u);
     EXPECT_EQ(s, "_/_/_");
 
-    const struct {
-        const char *in, *from, *to;
-        size_t count;
-        const char* want;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*, size_t, const char*> cases[] = {
         {"aaaa", "aa", "b", 2, "bb"},  // non-overlapping
         {"abc", "x", "yy", 0, "abc"},
         {"abc", "", "yy", 0, "abc"},
         {"<a><b><c><d>", "<", "&lt;", 4, "&lt;a>&lt;b>&lt;c>&lt;d>"},
         {"xyx", "x", "", 2, "y"},
     };
-    for (const auto& c : cases) {
-        Str t(c.in);
+    for (const auto& [in, from, to, count, want] : cases) {
+        Str t(in);
         const char* before = t.data();
-        EXPECT_EQ(t.replaceAll(StrSegment(c.from), StrSegment(c.to)), c.count) << c.in;
-        EXPECT_EQ(t, c.want) << c.in;
-        if (c.count == 0) {
+        EXPECT_EQ(t.replaceAll(StrSegment(from), StrSegment(to)), count) << in;
+        EXPECT_EQ(t, want) << in;
+        if (count == 0) {
             EXPECT_EQ(t.data(), before) << "no match leaves the string alone";
-        } else if (strlen(c.to) > strlen(c.from)) {
+        } else if (strlen(to) > strlen(from)) {
             EXPECT_EQ(t.capacity(), t.size()) << "exactly the final size is reserved";
         }
     }
@@ -152,43 +147,34 @@ TEST(StrReplace, AllForms) {
 
 TEST(StrTrim, EndsAndClasses) {
     const CharacterClass& blanks = StrlikeTraits::default_trimchars;
-    const struct {
-        const char* in;
-        bool left, right;
-        const char* want;
-    } cases[] = {
+    const std::tuple<const char*, bool, bool, const char*> cases[] = {
         {" \ta b\t ", true, true, "a b"}, {" a ", true, false, "a "}, {" a ", false, true, " a"},
         {"\na\n", true, true, "\na\n"},  // line ends are not trimmed by default
         {"   ", true, true, ""},          {"   ", false, true, ""},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Str(c.in).trim(blanks, c.left, c.right), c.want) << c.in;
-        Str s(c.in);
-        EXPECT_EQ(s.trimInPlace(blanks, c.left, c.right), c.want) << c.in;
-        StrSegment seg(c.in);
-        EXPECT_EQ(seg.trimInPlace(blanks, c.left, c.right), StrSegment(c.want)) << c.in;
-        EXPECT_EQ(StrSegment(c.in).trim(blanks, c.left, c.right), StrSegment(c.want)) << c.in;
+    for (const auto& [in, left, right, want] : cases) {
+        EXPECT_EQ(Str(in).trim(blanks, left, right), want) << in;
+        Str s(in);
+        EXPECT_EQ(s.trimInPlace(blanks, left, right), want) << in;
+        StrSegment seg(in);
+        EXPECT_EQ(seg.trimInPlace(blanks, left, right), StrSegment(want)) << in;
+        EXPECT_EQ(StrSegment(in).trim(blanks, left, right), StrSegment(want)) << in;
     }
     EXPECT_EQ(Str("--x--").trimInPlace(CharacterClass("-"), true, true), "x");
 }
 
 TEST(StrQuotes, StripOnlyMatchingPairs) {
-    const struct {
-        const char* in;
-        char quote;
-        bool stripped;
-        const char* want;
-    } cases[] = {
+    const std::tuple<const char*, char, bool, const char*> cases[] = {
         {"\"x\"", '"', true, "x"}, {"''", '\'', true, ""},        {"'ab'", '\'', true, "ab"},
         {"\"", '"', false, "\""},  {"'x\"", '\'', false, "'x\""},
     };
-    for (const auto& c : cases) {
-        Str s(c.in);
-        StrSegment seg(c.in);
-        EXPECT_EQ(s.stripQuotes(c.quote), c.stripped) << c.in;
-        EXPECT_EQ(seg.stripQuotes(c.quote), c.stripped) << c.in;
-        EXPECT_EQ(s, c.want);
-        EXPECT_EQ(seg, StrSegment(c.want));
+    for (const auto& [in, quote, stripped, want] : cases) {
+        Str s(in);
+        StrSegment seg(in);
+        EXPECT_EQ(s.stripQuotes(quote), stripped) << in;
+        EXPECT_EQ(seg.stripQuotes(quote), stripped) << in;
+        EXPECT_EQ(s, want);
+        EXPECT_EQ(seg, StrSegment(want));
     }
 }
 
@@ -288,30 +274,23 @@ TEST(StrUri, EveryByteAsPythonQuotes) {
 }
 
 TEST(StrUri, DecodeKeepsBadEscapesAndRefusesBadUtf8) {
-    const struct {
-        const char* in;
-        bool ok;
-        const char* want;  // a refused text is left as it was
-    } cases[] = {
+    // A refused text is left as it was.
+    const std::tuple<const char*, bool, const char*> cases[] = {
         {"a%zz+b", true, "a%zz b"},
         {"%FF", false, "%FF"},
         {"%c3%A9%", true, "é%"},
         {"%4", true, "%4"},                 // the look-ahead stops at the terminator
         {"plain\xff", false, "plain\xff"},  // nothing to decode: just the UTF-8 check
     };
-    for (const auto& c : cases) {
-        Str s(c.in);
-        EXPECT_EQ(s.uriDecode(), c.ok) << c.in;
-        EXPECT_EQ(s, c.want);
+    for (const auto& [in, ok, want] : cases) {
+        Str s(in);
+        EXPECT_EQ(s.uriDecode(), ok) << in;
+        EXPECT_EQ(s, want);
     }
 }
 
 TEST(StrSearchTerm, QuotingRules) {
-    const struct {
-        const char* in;
-        bool alwaysQuote, keepBackslashes;
-        const char* want;
-    } cases[] = {
+    const std::tuple<const char*, bool, bool, const char*> cases[] = {
         {"", false, false, "\"\""},
         {"abc_1", false, false, "abc_1"},
         {"abc", true, false, "\"abc\""},
@@ -321,8 +300,8 @@ TEST(StrSearchTerm, QuotingRules) {
         {"a\"b\\c", false, false, "\"a\\\"b\\\\c\""},
         {"a\\c", false, true, "\"a\\c\""},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(Str(c.in).asEscapedSearchTerm(c.alwaysQuote, c.keepBackslashes), c.want) << c.in;
+    for (const auto& [in, alwaysQuote, keepBackslashes, want] : cases)
+        EXPECT_EQ(Str(in).asEscapedSearchTerm(alwaysQuote, keepBackslashes), want) << in;
     EXPECT_EQ(Str("a.b").asEscapedSearchTerm(CharacterClass::ALPHA_NUM_UNDER_DOT), "a.b");
 
     Str u("\"a\\\"b\\\\c\\d\"");
@@ -345,33 +324,26 @@ TEST(StrSearchTerm, QuotingRules) {
 // ---------------------------------------------------------------- StrSegment
 
 TEST(StrSegmentUtf8, Truncation) {
-    const std::string euro =
-        "ab\xE2\x82\xAC"
-        "c";
-    const struct {
-        std::string text;
-        size_t limit, kept;
-    } byBytes[] =
-        {
-            {"\xC3\xA9", 1, 0}, {euro, 4, 2},           {euro, 5, 5},
-            {euro, 99, 6},      {"\x80\x80\x80", 2, 0},  // continuation bytes all the way down
-        },
-      byCharacters[] = {
-          {euro, 4, 6},
-          {std::string(40, 'a'), 33, 33},
-          {"\xC3\xA9\xC3\xA9\xC3\xA9", 2, 4},
-          {"ab\xE2\x82", 3, 2},  // a sequence that overruns is cut off whole
-          {"abc", 3, 3},
-          {std::string(20, 'x') + "\xF0\x9F\x98\x80" + "yz", 21, 24},
-      };
-    for (const auto& c : byBytes) {
-        StrSegment s(c.text);
-        EXPECT_EQ(s.utf8_aware_truncate(c.limit), c.kept) << testing::PrintToString(c.text);
-    }
-    for (const auto& c : byCharacters) {
-        StrSegment s(c.text);
-        EXPECT_EQ(s.utf8_character_count_truncate(c.limit), c.kept)
-            << testing::PrintToString(c.text);
+    const std::string euro = "ab\xE2\x82\xAC" + std::string("c");
+    // By characters or by bytes: text, limit, bytes kept.
+    const std::tuple<bool, std::string, size_t, size_t> cases[] = {
+        {false, "\xC3\xA9", 1, 0},
+        {false, euro, 4, 2},
+        {false, euro, 5, 5},
+        {false, euro, 99, 6},
+        {false, "\x80\x80\x80", 2, 0},  // continuation bytes all the way down
+        {true, euro, 4, 6},
+        {true, std::string(40, 'a'), 33, 33},
+        {true, "\xC3\xA9\xC3\xA9\xC3\xA9", 2, 4},
+        {true, "ab\xE2\x82", 3, 2},  // a sequence that overruns is cut off whole
+        {true, "abc", 3, 3},
+        {true, std::string(20, 'x') + "\xF0\x9F\x98\x80" + "yz", 21, 24},
+    };
+    for (const auto& [chars, text, limit, kept] : cases) {
+        StrSegment s(text);
+        EXPECT_EQ(chars ? s.utf8_character_count_truncate(limit) : s.utf8_aware_truncate(limit),
+                  kept)
+            << testing::PrintToString(text);
     }
 }
 

@@ -73,21 +73,15 @@ TEST(UnicodeStream, FormatsThroughTheEngineIntoTheEncoding) {
     for (int i = 0; i < 150; ++i) wide += "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
     errno = ENOENT;
     Str expected = Str::fromFormat("%s|%-6d|%5.2f|%s|%m", wide.c_str(), -42, 2.5, "\xC3\xA9");
-    expected += "18446744073709551615 -9223372036854775808 ";
-    append_stringified(&expected, 0.1);
-    expected += " ";
-    append_stringified(&expected, -1e300);
+    expected +=
+        "18446744073709551615 -9223372036854775808 " + Str::from(0.1) + " " + Str::from(-1e300);
 
     StringSink out(UTRANS_UTF16BE);
     errno = ENOENT;
     EXPECT_TRUE(out.format("%s|%-6d|%5.2f|%s|%m", wide.c_str(), -42, 2.5, "\xC3\xA9"));
-    EXPECT_TRUE(out.format_unsigned(UINT64_MAX));
-    EXPECT_TRUE(out.put(" "));
-    EXPECT_TRUE(out.format_signed(INT64_MIN));
-    EXPECT_TRUE(out.put(" "));
-    EXPECT_TRUE(out.format_double(0.1));
-    EXPECT_TRUE(out.put(" "));
-    EXPECT_TRUE(out.format_double(-1e300));
+    EXPECT_TRUE(out.format_unsigned(UINT64_MAX) && out.put(" ") && out.format_signed(INT64_MIN) &&
+                out.put(" ") && out.format_double(0.1) && out.put(" ") &&
+                out.format_double(-1e300));
     EXPECT_EQ(out.bytes, oracle::fromUtf8(expected, "UTF-16BE"));
     EXPECT_EQ(out.invalidSequences(), 0u);
 }
