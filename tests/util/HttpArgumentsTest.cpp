@@ -4,6 +4,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -50,79 +51,68 @@ void expectChunkingChangesNothing(const std::string& text) {
     EXPECT_EQ(parseInPieces(text, bytes), whole) << text << " byte by byte";
 }
 
+// Parses `text` over a stale argument and checks what every parse must
+// give: each key found by the hash a caller computes, the same pairs however
+// the text is cut, and the printed form parsing back to the same arguments.
+std::pair<bool, Pairs> parseAndCheck(const std::string& text) {
+    HttpArguments args;
+    args.add("stale", 5, referenceDjb2("stale"), "x");
+    const bool ok = mem_parse_into(text.data(), text.size(), &args);
+    const Pairs got = pairs(args);
+    for (const auto& [k, v] : got) {
+        EXPECT_NE(args.get(k.data(), k.size(), referenceDjb2(k)), nullptr) << text << " key " << k;
+    }
+    expectChunkingChangesNothing(text);
+    Str printed;
+    append_stringified(&printed, args);
+    HttpArguments again;
+    EXPECT_TRUE(mem_parse_into(printed.data(), printed.size(), &again)) << printed;
+    EXPECT_TRUE(again == args) << printed;
+    return {ok, got};
+}
+
+// What the Python differential below cannot reach: ";" also ends a pair
+// here, and a bad hex byte is dropped with its "%" (and any first digit).
 TEST(HttpArguments, ParsesUrlEncodedText) {
-    const struct {
-        std::string text;
-        bool ok;
-        Pairs want;
-    } cases[] = {
+    const std::tuple<std::string, bool, Pairs> cases[] = {
         {"", true, {}},
         {"a=1;b=2", true, {{"a", "1"}, {"b", "2"}}},
-        {"a=b=c", true, {{"a", "b=c"}}},
-        {"a=1&b", true, {{"a", "1"}, {"b", ""}}},
         {"&&;a&", true, {{"a", ""}}},
-        {"=x&=", true, {{"", "x"}, {"", ""}}},
-        {"a+b=c+d", true, {{"a b", "c d"}}},
-        {"%41%6a%3D=%3d%26%2B", true, {{"Aj=", "=&+"}}},
-        {"%00=%fF%80", true, {{std::string(1, '\0'), "\xff\x80"}}},
-        {"a=1&a=2&a", true, {{"a", "1"}, {"a", "2"}, {"a", ""}}},
-        // A bad hex byte is dropped with its "%" (and any first digit).
         {"a=%zz", false, {{"a", "z"}}},
         {"a=%4g1", false, {{"a", "1"}}},
         {"a=%&b=1", false, {{"a", "b=1"}}},
         {"a=%4", false, {{"a", ""}}},
         {"a%", false, {{"a", ""}}},
     };
-    for (const auto& c : cases) {
-        HttpArguments args;
-        args.add("stale", 5, referenceDjb2("stale"), "x");
-        EXPECT_EQ(mem_parse_into(c.text.data(), c.text.size(), &args), c.ok) << c.text;
-        EXPECT_EQ(pairs(args), c.want) << c.text;
-        // Every key is found by the hash a caller computes.
-        for (const auto& [k, v] : c.want) {
-            const Str* got = args.get(k.data(), k.size(), referenceDjb2(k));
-            ASSERT_NE(got, nullptr) << c.text << " key " << k;
-        }
-        expectChunkingChangesNothing(c.text);
-        Str printed;
-        append_stringified(&printed, args);
-        HttpArguments again;
-        EXPECT_TRUE(mem_parse_into(printed.data(), printed.size(), &again)) << printed;
-        EXPECT_TRUE(again == args) << printed;
-    }
+    for (const auto& [text, ok, want] : cases)
+        EXPECT_EQ(parseAndCheck(text), std::pair(ok, want)) << text;
 }
 
-// Python's parse_qsl over texts of valid escapes. Where we part on purpose,
-// kept out of the inputs: ";" also ends a pair here, and a bad escape is
-// dropped here where Python keeps it as text.
+// Python's parse_qsl over texts of valid escapes, without ";".
 TEST(HttpArguments, AgreesWithPythonParseQsl) {
     static const char* const atoms[] = {"a",   "B",   "=",      "&", "+", "%41",  "%3d", "%26",
                                         "%2B", "%e9", "%C3%A9", " ", "~", "\x80", "%00", "%25"};
     std::mt19937_64 rng(84);
-    std::vector<std::string> inputs = {"", "a", "=", "&&a=&", "a==b", "x=%41%42+%43"};
+    std::vector<std::string> inputs = {
+        "",          "a",    "=",       "&&a=&",     "a==b",         "a=b=c",
+        "a=1&b",     "=x&=", "a+b=c+d", "a=1&a=2&a", "x=%41%42+%43", "%41%6a%3D=%3d%26%2B",
+        "%00=%fF%80"};
     while (inputs.size() < 400) {
         std::string s;
         for (size_t n = rng() % 12; n > 0; --n) s += atoms[rng() % std::size(atoms)];
         inputs.push_back(s);
     }
     const std::vector<std::string> theirs = oracle::runOverHex(
-        {"/usr/bin/env", "python3", "-c",
-         "import sys, urllib.parse as u\n"
-         "for line in open(sys.argv[1]):\n"
-         "    q = bytes.fromhex(line.strip()).decode('latin-1')\n"
-         "    r = u.parse_qsl(q, keep_blank_values=True, encoding='latin-1')\n"
-         "    print(' '.join(k.encode('latin-1').hex() + ':' + v.encode('latin-1').hex()\n"
-         "                   for k, v in r))\n"},
+        {"/usr/bin/env", "python3", TARVEX_SOURCE_DIR "/tests/data/HttpArgumentsTest/parse_qsl.py"},
         inputs);
     for (size_t i = 0; i < inputs.size(); ++i) {
-        HttpArguments args;
-        EXPECT_TRUE(mem_parse_into(inputs[i].data(), inputs[i].size(), &args)) << inputs[i];
+        const auto [ok, got] = parseAndCheck(inputs[i]);
+        EXPECT_TRUE(ok) << inputs[i];
         std::string mine;
-        for (const auto& [k, v] : pairs(args)) {
+        for (const auto& [k, v] : got) {
             mine += (mine.empty() ? "" : " ") + oracle::hex(k) + ":" + oracle::hex(v);
         }
         EXPECT_EQ(mine, theirs[i]) << testing::PrintToString(inputs[i]);
-        if (i % 20 == 0) expectChunkingChangesNothing(inputs[i]);
     }
 }
 

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "support/TestSupport.h"
 #include "util/DateTime.h"
 #include "util/HttpListener.h"
 
@@ -12,6 +15,25 @@ class NoopListener : public HttpListener {
 public:
     void dispatch(HttpServerTransaction*) override {}
 };
+
+// The rows of tests/data/HttpListenerTest/NAME: fields split at '|', "\r\n"
+// written out for CRLF, lines starting with '#' skipped.
+std::vector<std::vector<std::string>> rows(const std::string& name) {
+    std::istringstream in(
+        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/HttpListenerTest/" + name));
+    std::vector<std::vector<std::string>> out;
+    for (std::string line; std::getline(in, line);) {
+        if (line[0] == '#') continue;
+        for (size_t at; (at = line.find("\\r\\n")) != std::string::npos;) {
+            line.replace(at, 4, "\r\n");
+        }
+        std::istringstream fields(line);
+        auto& row = out.emplace_back();
+        for (std::string f; std::getline(fields, f, '|');) row.push_back(f);
+    }
+    EXPECT_FALSE(out.empty()) << name;
+    return out;
+}
 
 // A transaction on a connection from 10.1.2.3, fed a request head.
 struct Request {
@@ -29,80 +51,31 @@ struct Request {
 };
 
 TEST(HttpListener, ConnectionLimitWithHysteresis) {
-    struct Step {
-        unsigned count;
-        bool throttle, wellBelow;
-    };
-    struct Case {
-        unsigned max;
-        std::vector<Step> steps;
-    };
-    const Case cases[] = {
-        {100,
-         {{11, false, true},
-          {12, false, false},
-          {99, false, false},
-          {100, true, false},
-          {95, true, false},
-          {90, true, false},
-          {89, false, false},
-          {5, false, true}}},
-        {500, {{39, false, true}, {40, false, false}, {500, true, false}, {489, false, false}}},
-        {50,
-         {{0, false, false},
-          {49, false, false},
-          {50, true, false},
-          {45, true, false},
-          {39, false, false}}},
-    };
-    for (const Case& c : cases) {
-        NoopListener l;
-        l.setMaxConnections(c.max);
-        for (const Step& s : c.steps) {
-            EXPECT_EQ(l.limitActiveConnections(s.count, false), s.throttle)
-                << c.max << " at " << s.count;
-            EXPECT_EQ(l.wellBelowConnectionLimit(), s.wellBelow) << c.max << " at " << s.count;
+    std::unique_ptr<NoopListener> l;
+    std::string max;
+    for (const auto& r : rows("connection-limits")) {
+        if (r[0] != max) {
+            max = r[0];
+            l = std::make_unique<NoopListener>();
+            l->setMaxConnections(std::stoul(r[0]));
         }
+        SCOPED_TRACE(r[0] + " at " + r[1]);
+        EXPECT_EQ(l->limitActiveConnections(std::stoul(r[1]), false), r[2] == "1");
+        EXPECT_EQ(l->wellBelowConnectionLimit(), r[3] == "1");
     }
 }
 
 TEST(HttpListener, TheClientBehindATrustedProxy) {
-    struct Case {
-        const char* headers;
-        bool trusted;
-        const char* ip;
-        bool https;
-        const char* host;  // null: the host check refuses
-    };
-    const Case cases[] = {
-        {"X-Forwarded-For: ::1, 10.0.0.1\r\nHost: h\r\n", true, "::1", false, "h"},
-        {"X-Forwarded-For: [2001:db8::7]\r\nHost: h\r\n", true, "2001:db8::7", false, "h"},
-        {"X-Forwarded-For: nonsense\r\nHost: h\r\n", true, "10.1.2.3", false, "h"},
-        {"X-Forwarded-For: 192.0.2.9\r\nHost: h\r\n", false, "10.1.2.3", false, "h"},
-        {"X-Forwarded-Proto: HTTPS\r\nX-Forwarded-Host: host\r\nX-Forwarded-Port: 443\r\n", true,
-         "10.1.2.3", true, "host"},
-        {"X-Forwarded-Ssl: off\r\nFront-End-Https: on\r\nX-Forwarded-Host: host\r\n"
-         "X-Forwarded-Port: 8443\r\n",
-         true, "10.1.2.3", false, "host:8443"},
-        {"Front-End-Https: on\r\nX-Forwarded-Host: [::1]\r\nX-Forwarded-Port: 80\r\n", true,
-         "10.1.2.3", true, "[::1]:80"},
-        {"X-Url-Scheme: http\r\nX-Forwarded-Host: [::1]:8080\r\n", true, "10.1.2.3", false,
-         "[::1]:8080"},
-        {"X-Forwarded-Host: bad/host\r\n", true, "10.1.2.3", false, nullptr},
-        {"X-Forwarded-Proto: https\r\n", false, "10.1.2.3", false, nullptr},  // no Host
-        {"Host: a\r\nHost: b\r\n", false, "10.1.2.3", false, nullptr},
-        {"Host: a_b.example:81\r\n", false, "10.1.2.3", false, "a_b.example:81"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.headers);
-        Request r(std::string("GET / HTTP/1.1\r\n") + c.headers + "\r\n");
-        if (c.trusted) r.t().allowOverrideSource();
-        EXPECT_EQ(r.t().ip(), c.ip);
-        EXPECT_EQ(r.t().isHttps(), c.https);
-        if (c.host != nullptr) {
-            EXPECT_EQ(r.t().requestHost(), c.host);
+    for (const auto& r : rows("proxies")) {
+        SCOPED_TRACE(r[0]);
+        Request q("GET / HTTP/1.1\r\n" + r[0] + "\r\n");
+        if (r[1] == "1") q.t().allowOverrideSource();
+        EXPECT_EQ(q.t().ip(), r[2]);
+        EXPECT_EQ(q.t().isHttps(), r[3] == "1");
+        if (r.size() > 4) {
+            EXPECT_EQ(q.t().requestHost(), r[4]);
         } else {
-            EXPECT_THROW(r.t().requestHost(), HttpBadRequestException);
+            EXPECT_THROW(q.t().requestHost(), HttpBadRequestException);
         }
     }
     // Trust is per request: the next one on the connection starts without it.
@@ -121,18 +94,7 @@ TEST(HttpListener, TakingOverAProxiedReply) {
     HttpServerTransaction& t = r.t();
     t.setAllowedMethods(HttpMethod::HEAD);
     HttpUpdateServerTransactionFromProxiedHeader u;
-    const std::pair<const char*, const char*> headers[] = {
-        {"ETag", " W/\"abc\" "},
-        {"Last-Modified", "Sun, 06 Nov 1994 08:49:37 GMT"},
-        {"cache-control", "no-cache, private, max-age=99999999"},
-        {"Allow", "GET, PROPFIND, Delete"},
-        {"Content-Type", "text/x-special"},
-        {"Vary", "Cookie"},
-        {"X-Frame-Options", "DENY"},
-        {"Access-Control-Allow-Origin", "*"},
-        {"X-Upstream", "kept"},
-    };
-    for (const auto& [key, value] : headers) u.add(&t, key, value);
+    for (const auto& r : rows("proxied-reply")) u.add(&t, r[0].c_str(), r[1].c_str());
     u.finish(&t);
     EXPECT_EQ(t._etagp->getValue(), StrSegment("abc"));
     EXPECT_TRUE(t._etagp->isWeak());

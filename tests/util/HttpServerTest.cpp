@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "support/TcpServer.h"
 #include "support/TestSupport.h"
@@ -35,47 +37,44 @@ public:
     }
 };
 
-// Sends its body in three pieces, each asked for in turn.
-class ThreePiecesProvider : public HttpReplyDataProvider {
+// Sends its body in three pieces, each asked for in turn; with `fails`, it
+// throws once the first has gone.
+class PiecesProvider : public HttpReplyDataProvider {
 public:
+    explicit PiecesProvider(bool fails) : _fails(fails) {}
     void getPreBody(HttpServerTransaction* t) override { getBody(t); }
     void getBody(HttpServerTransaction* t) override {
         static const char* pieces[] = {"one,", "two,", "three"};
+        if (_fails && _next == 1) throw std::runtime_error("disk gone");
         t->writeAsync(pieces[_next], strlen(pieces[_next]), _next == 2);
         ++_next;
     }
 
 private:
+    const bool _fails;
     int _next = 0;
 };
 
-// Made on a worker thread: what the worker saw.
+// Made on a worker thread: what the worker saw, or with `repeat` a body
+// worth compressing.
 class WorkerEcho : public ThreadedStringHttpDataProvider {
 public:
+    explicit WorkerEcho(bool repeat = false) : _repeat(repeat) {}
     void fill(HttpServerTransaction* t, AppendStr* out) override {
         t->setContentType(&HttpContentType::TYPE_PLAINTEXT);
+        if (_repeat) {
+            for (int i = 0; i < 1000; ++i) out->appendFormat("line %d\n", i);
+            return;
+        }
         out->appendFormat("worker=%d received=%lld", int(t->isInOwnThread()),
                           (long long)t->_bytesReceived);
         for (const auto& arg : t->postArguments().arguments()) {
             out->appendFormat(" %s=%s", arg.key.c_str(), arg.value.c_str());
         }
     }
-};
 
-// A body worth compressing, made on a worker.
-class WorkerRepeat : public ThreadedStringHttpDataProvider {
-public:
-    void fill(HttpServerTransaction* t, AppendStr* out) override {
-        t->setContentType(&HttpContentType::TYPE_PLAINTEXT);
-        for (int i = 0; i < 1000; ++i) out->appendFormat("line %d\n", i);
-    }
-};
-
-// Fails after its first piece has gone.
-class FailingProvider : public HttpReplyDataProvider {
-public:
-    void getPreBody(HttpServerTransaction* t) override { t->writeAsync("first,", 6, false); }
-    void getBody(HttpServerTransaction*) override { throw std::runtime_error("disk gone"); }
+private:
+    const bool _repeat;
 };
 
 // Writes its body straight to the socket from a worker, in pieces.
@@ -102,12 +101,12 @@ public:
             t->setReplyDataProviderAndClaim(new EchoBodyProvider);
             if (url == "/echo/discard") t->stopParsingRequestData();
         } else if (url == "/pieces") {
-            t->setReplyDataProviderAndClaim(new ThreePiecesProvider);
+            t->setReplyDataProviderAndClaim(new PiecesProvider(false));
         } else if (url == "/threaded") {
             t->setReplyDataProviderAndClaim(new WorkerEcho);
         } else if (url == "/threaded/big") {
             t->requestCompression(6);
-            t->setReplyDataProviderAndClaim(new WorkerRepeat);
+            t->setReplyDataProviderAndClaim(new WorkerEcho(true));
         } else if (url == "/stream") {
             t->setReplyDataProviderAndClaim(new WorkerStream);
         } else if (url == "/small") {
@@ -117,7 +116,7 @@ public:
             t->setReplyDataProviderAndClaim(
                 new StaticFileHttpDataProvider(Pathname(staticRoot + url.substr(8))));
         } else if (url == "/fails") {
-            t->setReplyDataProviderAndClaim(new FailingProvider);
+            t->setReplyDataProviderAndClaim(new PiecesProvider(true));
         } else if (url == "/refuse") {
             t->setStatusFormat(403, "Not for you");
         }  // else: the default 404
@@ -165,28 +164,23 @@ private:
     std::unique_ptr<LoopRunner> _runner;
 };
 
+// A Python client of tests/data/HttpServerTest: what it printed.
+std::string python(const char* script, std::vector<std::string> args) {
+    args.insert(args.begin(),
+                {"/usr/bin/env", "python3",
+                 TARVEX_SOURCE_DIR "/tests/data/HttpServerTest/" + std::string(script)});
+    const auto r = runProcess(args);
+    EXPECT_EQ(r.err, "") << script;
+    return r.out;
+}
+
 // A raw exchange: sends the bytes (in the pieces given), half-closes, and
 // returns all that came back.
 std::string rawExchange(unsigned port, const std::vector<std::string>& pieces,
                         bool halfClose = true) {
-    std::string script =
-        "import socket, sys, time\n"
-        "s = socket.create_connection(('127.0.0.1', int(sys.argv[1])), timeout=20)\n"
-        "for p in sys.argv[2:]:\n"
-        "    s.sendall(p.encode('latin-1')); time.sleep(0.02)\n";
-    if (halfClose) script += "s.shutdown(socket.SHUT_WR)\n";
-    script +=
-        "out = b''\n"
-        "while True:\n"
-        "    d = s.recv(65536)\n"
-        "    if not d: break\n"
-        "    out += d\n"
-        "sys.stdout.write(out.decode('latin-1'))\n";
-    std::vector<std::string> argv = {"/usr/bin/env", "python3", "-c", script, std::to_string(port)};
-    argv.insert(argv.end(), pieces.begin(), pieces.end());
-    const auto r = runProcess(argv);
-    EXPECT_EQ(r.err, "");
-    return r.out;
+    std::vector<std::string> args = {std::to_string(port), halfClose ? "1" : "0"};
+    args.insert(args.end(), pieces.begin(), pieces.end());
+    return python("raw_exchange.py", args);
 }
 
 size_t count(const std::string& text, const std::string& what) {
@@ -195,7 +189,7 @@ size_t count(const std::string& text, const std::string& what) {
     return n;
 }
 
-TEST(HttpServer, CurlKeepsTheConnectionAcrossRequests) {
+TEST(HttpServer, CurlKeepsTheConnectionAndTakesGzip) {
     HttpTestServer server;
     const auto r = runProcess({"/usr/bin/curl", "-sS", "-v", "--max-time", "20",
                                server.url("/hello"), server.url("/missing"), server.url("/hello")});
@@ -204,6 +198,19 @@ TEST(HttpServer, CurlKeepsTheConnectionAcrossRequests) {
     EXPECT_EQ(r.out.substr(r.out.size() - 5), "hello");
     EXPECT_EQ(count(r.err, "Re-using existing connection"), 2u) << r.err;
     EXPECT_NE(r.err.find("< Server: tarvex-test"), std::string::npos);
+
+    // A final reply is gzipped for a client that takes it.
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) expected += "line " + std::to_string(i) + "\n";
+    const auto gz = runProcess(
+        {"/usr/bin/curl", "-sS", "-D", "/dev/stderr", "--compressed", server.url("/threaded/big")});
+    EXPECT_EQ(gz.out, expected);
+    EXPECT_NE(gz.err.find("Content-Encoding: gzip\r\n"), std::string::npos) << gz.err;
+    EXPECT_NE(gz.err.find("Vary: Accept-Encoding\r\n"), std::string::npos) << gz.err;
+    const auto plain =
+        runProcess({"/usr/bin/curl", "-sS", "-D", "/dev/stderr", server.url("/threaded/big")});
+    EXPECT_EQ(plain.out, expected);
+    EXPECT_EQ(plain.err.find("Content-Encoding"), std::string::npos) << plain.err;
 }
 
 TEST(HttpServer, RequestBodiesFixedChunkedAndAfterContinue) {
@@ -212,12 +219,7 @@ TEST(HttpServer, RequestBodiesFixedChunkedAndAfterContinue) {
     testsupport::writeFile(dir / "big", std::string(3 * 1024 * 1024 + 7, 'b'));
     testsupport::writeFile(dir / "form", "a=1&b=two+words&c=%41");
 
-    struct Case {
-        std::vector<std::string> curlArgs;
-        std::string reply;
-        std::string inTrace;
-    };
-    const Case cases[] = {
+    const std::tuple<std::vector<std::string>, std::string, std::string> cases[] = {
         {{"--data-binary", "@" + (dir / "form"), server.url("/echo")},
          "POST /echo received=21 a=1 b=two words c=A",
          ""},
@@ -232,49 +234,23 @@ TEST(HttpServer, RequestBodiesFixedChunkedAndAfterContinue) {
         // Refused before the body: no "100 Continue", the body never sent.
         {{"--data-binary", "@" + (dir / "big"), server.url("/refuse")}, "", "< HTTP/1.1 403"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [curlArgs, reply, inTrace] : cases) {
         std::vector<std::string> argv = {"/usr/bin/curl", "-sS", "-v", "--max-time", "30"};
-        argv.insert(argv.end(), c.curlArgs.begin(), c.curlArgs.end());
+        argv.insert(argv.end(), curlArgs.begin(), curlArgs.end());
         const auto r = runProcess(argv);
-        SCOPED_TRACE(c.curlArgs.back());
-        if (!c.reply.empty()) {
-            EXPECT_EQ(r.out, c.reply);
+        SCOPED_TRACE(curlArgs.back());
+        if (!reply.empty()) {
+            EXPECT_EQ(r.out, reply);
         }
-        EXPECT_NE(r.err.find(c.inTrace), std::string::npos) << r.err;
-        if (c.curlArgs.back() == server.url("/refuse")) {
+        EXPECT_NE(r.err.find(inTrace), std::string::npos) << r.err;
+        if (curlArgs.back() == server.url("/refuse")) {
             EXPECT_EQ(r.err.find("100 Continue"), std::string::npos);
             EXPECT_NE(r.out.find("<title>403 Not for you</title>"), std::string::npos);
         }
     }
 }
 
-TEST(HttpServer, PythonClientReadsPiecesHeadAndErrors) {
-    HttpTestServer server;
-
-    const auto r = runProcess(
-        {"/usr/bin/env", "python3", "-c",
-         "import http.client, sys\n"
-         "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=20)\n"
-         "for method, url in [('GET', '/pieces'), ('HEAD', '/hello'), ('GET', '/hello'),\n"
-         "                    ('DELETE', '/nowhere'), ('OPTIONS', '/hello'), ('OPTIONS', '*'),\n"
-         "                    ('GET', '/hello')]:\n"
-         "    c.request(method, url)\n"
-         "    r = c.getresponse()\n"
-         "    print(method, url, r.status, r.getheader('Transfer-Encoding'),\n"
-         "          r.getheader('Content-Length'), r.read()[:20])\n",
-         std::to_string(server.port)});
-    EXPECT_EQ(r.out,
-              "GET /pieces 200 chunked None b'one,two,three'\n"
-              "HEAD /hello 200 None 5 b''\n"
-              "GET /hello 200 None 5 b'hello'\n"
-              "DELETE /nowhere 404 None 223 b'<!doctype html><html'\n"
-              "OPTIONS /hello 200 None 0 b''\n"
-              "OPTIONS * 200 None 0 b''\n"
-              "GET /hello 200 None 5 b'hello'\n")
-        << r.err;
-}
-
-TEST(HttpServer, PipelinedAndSplitRequests) {
+TEST(HttpServer, PipelinedSplitAndCutReplies) {
     HttpTestServer server;
     const std::string two =
         "GET /hello HTTP/1.1\r\nHost: h\r\n\r\nPOST /echo HTTP/1.1\r\nHost: h\r\n"
@@ -288,92 +264,69 @@ TEST(HttpServer, PipelinedAndSplitRequests) {
     std::vector<std::string> pieces;
     for (size_t i = 0; i < two.size(); i += 7) pieces.push_back(two.substr(i, 7));
     EXPECT_EQ(count(rawExchange(server.port, pieces), "HTTP/1.1 200 OK\r\n"), 2u);
+
+    // A provider that fails once the head is out: the connection ends, and
+    // the client sees a cut chunked body, never a second head.
+    const std::string reply =
+        rawExchange(server.port, {"GET /fails HTTP/1.1\r\nHost: h\r\n\r\n"}, false);
+    EXPECT_EQ(reply.substr(0, 17), "HTTP/1.1 200 OK\r\n");
+    EXPECT_NE(reply.find("\r\n\r\n4\r\none,"), std::string::npos) << reply;
+    EXPECT_EQ(reply.find("0\r\n\r\n"), std::string::npos) << reply;  // no end marker
+    EXPECT_EQ(count(reply, "HTTP/1.1"), 1u);
+    // The server goes on.
+    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
 }
 
 TEST(HttpServer, BadRequestsAreAnsweredAndTheConnectionClosed) {
     HttpTestServer server;
-    struct Case {
-        std::string request;
-        std::string statusLine;
-    };
-    const Case cases[] = {
-        {"GET /hello HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Host header not provided"},
-        {"GET /hello HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n",
-         "HTTP/1.1 400 Request message contains more than one Host header"},
-        {"GET /hello HTTP/1.1\r\nBad Line\r\n\r\nGET /hello HTTP/1.1\r\n\r\n",
-         "HTTP/1.1 400 Malformed header line"},
-        {"BREW /pot HTTP/1.1\r\nHost: h\r\n\r\n", "HTTP/1.1 501 Method not implemented"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: -1\r\n\r\n",
-         "HTTP/1.1 413 Invalid Content-Length"},
-        {"POST /small HTTP/1.1\r\nHost: h\r\nContent-Length: 11\r\n\r\n12345678901",
-         "HTTP/1.1 413 Content-Length of 11 too large (maximum is 10)"},
-        {"POST /small HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nb\r\n",
-         "HTTP/1.1 413 Content-Length of 11 too large (maximum is 10)"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: gzip\r\n\r\n",
-         "HTTP/1.1 501 Unknown Transfer-Encoding"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nExpect: 200-ok\r\n\r\n",
-         "HTTP/1.1 417 Expectation Failed"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Encoding: br\r\nContent-Length: 1\r\n\r\nx",
-         "HTTP/1.1 415 Unsupported Media Type"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
-         "HTTP/1.1 413 Chunked protocol error: bad hex digit 0x7A"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
-         "ffffffffffffffff\r\n",
-         "HTTP/1.1 413 Chunked protocol error: chunk length too large"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n"
-         "4\r\nabcd\r\n0\r\n\r\n",
-         "HTTP/1.1 413 Chunked protocol error: client claimed it would send 5 bytes, but only "
-         "sent 4"},
-        {"POST /echo HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
-         "4\r\nabcd\r\n0\r\n\r\n",
-         "HTTP/1.1 413 Chunked protocol error: client claimed it would send only send 3 bytes, "
-         "but has exceeded that"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.request);
+    std::istringstream table(
+        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/HttpServerTest/bad-requests"));
+    unsigned rows = 0;
+    for (std::string line; std::getline(table, line); ++rows) {
+        if (line[0] == '#') continue;
+        // "\r\n" written out stands for CRLF.
+        for (size_t at; (at = line.find("\\r\\n")) != std::string::npos;) {
+            line.replace(at, 4, "\r\n");
+        }
+        const std::string statusLine = line.substr(line.find('|') + 1);
+        std::string request = line.substr(0, line.find('|'));
+        SCOPED_TRACE(request);
         // No half-close: the server ends the connection itself, for a head
         // it could not read, or as the request asked.
-        std::string request = c.request;
-        if (c.statusLine.find(" 400 ") == std::string::npos &&
-            c.statusLine.find(" 501 Method") == std::string::npos) {
+        if (statusLine.find(" 400 ") == std::string::npos &&
+            statusLine.find(" 501 Method") == std::string::npos) {
             request.insert(request.find("\r\n") + 2, "Connection: close\r\n");
         }
         const std::string reply = rawExchange(server.port, {request}, false);
-        EXPECT_EQ(reply.substr(0, reply.find("\r\n")), c.statusLine) << reply;
+        EXPECT_EQ(reply.substr(0, reply.find("\r\n")), statusLine) << reply;
         EXPECT_EQ(count(reply, "HTTP/1.1 "), 1u) << reply;
     }
+    EXPECT_EQ(rows, 15u);  // the comment and 14 requests
     // A good request after all that is still served.
     EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
 }
 
-TEST(HttpServer, RepliesMadeOnWorkerThreads) {
+TEST(HttpServer, PythonClientReadsPiecesHeadErrorsAndWorkerReplies) {
     HttpTestServer server;
+    EXPECT_EQ(python("pieces_head_errors.py", {std::to_string(server.port)}),
+              "GET /pieces 200 chunked None b'one,two,three'\n"
+              "HEAD /hello 200 None 5 b''\n"
+              "GET /hello 200 None 5 b'hello'\n"
+              "DELETE /nowhere 404 None 223 b'<!doctype html><html'\n"
+              "OPTIONS /hello 200 None 0 b''\n"
+              "OPTIONS * 200 None 0 b''\n"
+              "GET /hello 200 None 5 b'hello'\n");
+
+    // Replies made on worker threads, for plain and chunked bodies.
     testsupport::ScratchDir dir;
     testsupport::writeFile(dir / "form", "a=1&b=" + std::string(200000, 'x'));
-    const auto r = runProcess(
-        {"/usr/bin/env", "python3", "-c",
-         "import http.client, sys\n"
-         "c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=20)\n"
-         "form = open(sys.argv[2], 'rb').read()\n"
-         "def chunks():\n"
-         "    yield form[:3]; yield form[3:100]; yield form[100:]\n"
-         "for method, url, body, enc in [('GET', '/threaded', None, False),\n"
-         "        ('POST', '/threaded', form, False), ('POST', '/threaded', chunks(), True),\n"
-         "        ('GET', '/stream', None, False), ('HEAD', '/stream', None, False),\n"
-         "        ('GET', '/hello', None, False)]:\n"
-         "    c.request(method, url, body=body, encode_chunked=enc,\n"
-         "              headers={'Transfer-Encoding': 'chunked'} if enc else {})\n"
-         "    r = c.getresponse()\n"
-         "    print(method, url, r.status, r.getheader('Transfer-Encoding'), r.read()[:40])\n",
-         std::to_string(server.port), dir / "form"});
-    EXPECT_EQ(r.out,
+    EXPECT_EQ(python("worker_replies.py", {std::to_string(server.port), dir / "form"}),
               "GET /threaded 200 None b'worker=1 received=0'\n"
               "POST /threaded 200 None b'worker=1 received=200006 a=1 b=xxxxxxxxx'\n"
               "POST /threaded 200 None b'worker=1 received=200006 a=1 b=xxxxxxxxx'\n"
               "GET /stream 200 chunked b'alpha,beta,gamma'\n"
               "HEAD /stream 200 None b''\n"
-              "GET /hello 200 None b'hello'\n")
-        << r.err;
+              "GET /hello 200 None b'hello'\n");
 }
 
 // Gzip request bodies are inflated for the acceptor, on the loop and on a
@@ -390,12 +343,7 @@ TEST(HttpServer, GzipRequestBodies) {
                     dir.path()})
             .exitStatus,
         0);
-    struct Case {
-        const char* file;
-        const char* path;
-        std::string expected;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, std::string> cases[] = {
         {"form.gz", "/echo", " a=1 b=" + std::string(100000, 'z')},
         {"form.gz", "/threaded", " a=1 b=" + std::string(100000, 'z')},
         // Two members, one after the other: "b" continues into the second "a".
@@ -405,65 +353,26 @@ TEST(HttpServer, GzipRequestBodies) {
         {"bad.gz", "/echo", "<title>400 Unparsable gzip header in request data</title>"},
         {"bomb.gz", "/echo", "<title>413 Content-Length of "},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.file) + " " + c.path);
+    for (const auto& [file, path, expected] : cases) {
+        SCOPED_TRACE(std::string(file) + " " + path);
         const auto r =
             runProcess({"/usr/bin/curl", "-sS", "--max-time", "30", "-H", "Content-Encoding: gzip",
                         "-H", "Content-Type: application/x-www-form-urlencoded", "--data-binary",
-                        "@" + (dir / c.file), server.url(c.path)});
-        EXPECT_NE(r.out.find(c.expected), std::string::npos) << r.out.substr(0, 300) << r.err;
+                        "@" + (dir / file), server.url(path)});
+        EXPECT_NE(r.out.find(expected), std::string::npos) << r.out.substr(0, 300) << r.err;
     }
 }
 
-TEST(HttpServer, AFinalReplyIsGzippedForAClientThatTakesIt) {
-    HttpTestServer server;
-    std::string expected;
-    for (int i = 0; i < 1000; ++i) expected += "line " + std::to_string(i) + "\n";
-    const auto gz = runProcess(
-        {"/usr/bin/curl", "-sS", "-D", "/dev/stderr", "--compressed", server.url("/threaded/big")});
-    EXPECT_EQ(gz.out, expected);
-    EXPECT_NE(gz.err.find("Content-Encoding: gzip\r\n"), std::string::npos) << gz.err;
-    EXPECT_NE(gz.err.find("Vary: Accept-Encoding\r\n"), std::string::npos) << gz.err;
-    const auto plain =
-        runProcess({"/usr/bin/curl", "-sS", "-D", "/dev/stderr", server.url("/threaded/big")});
-    EXPECT_EQ(plain.out, expected);
-    EXPECT_EQ(plain.err.find("Content-Encoding"), std::string::npos) << plain.err;
-}
-
 // Many clients at once, half of them served by workers: every reply right.
-TEST(HttpServer, ConcurrentClientsWithWorkerHandlers) {
+TEST(HttpServer, ConcurrentClientsWithWorkerHandlersAndWrkLoad) {
     HttpTestServer server;
-    const auto r = runProcess(
-        {"/usr/bin/env", "python3", "-c",
-         "import http.client, sys, threading\n"
-         "bad = []\n"
-         "def client(n):\n"
-         "    c = http.client.HTTPConnection('127.0.0.1', int(sys.argv[1]), timeout=30)\n"
-         "    for i in range(20):\n"
-         "        url = '/threaded' if (n + i) % 2 else '/echo'\n"
-         "        c.request('POST', url, body='k=%d' % i,\n"
-         "                  headers={'Content-Type': 'application/x-www-form-urlencoded'})\n"
-         "        body = c.getresponse().read().decode()\n"
-         "        if not body.endswith('k=%d' % i): bad.append(body)\n"
-         "ts = [threading.Thread(target=client, args=(n,)) for n in range(12)]\n"
-         "[t.start() for t in ts]; [t.join() for t in ts]\n"
-         "print(len(bad), bad[:3])\n",
-         std::to_string(server.port)});
-    EXPECT_EQ(r.out, "0 []\n") << r.err;
-}
-
-// A provider that fails once the head is out: the connection ends, and the
-// client sees a cut chunked body, never a second head.
-TEST(HttpServer, AProviderFailingMidwayEndsTheConnection) {
-    HttpTestServer server;
-    const std::string reply =
-        rawExchange(server.port, {"GET /fails HTTP/1.1\r\nHost: h\r\n\r\n"}, false);
-    EXPECT_EQ(reply.substr(0, 17), "HTTP/1.1 200 OK\r\n");
-    EXPECT_NE(reply.find("\r\n\r\n6\r\nfirst,"), std::string::npos) << reply;
-    EXPECT_EQ(reply.find("0\r\n\r\n"), std::string::npos) << reply;  // no end marker
-    EXPECT_EQ(count(reply, "HTTP/1.1"), 1u);
-    // The server goes on.
-    EXPECT_EQ(runProcess({"/usr/bin/curl", "-sS", server.url("/hello")}).out, "hello");
+    EXPECT_EQ(python("concurrent_clients.py", {std::to_string(server.port)}), "0 []\n");
+    // wrk's load: no errors, every reply a 200.
+    const auto wrk = runProcess({"/usr/bin/wrk", "-t1", "-c20", "-d1s", server.url("/hello")});
+    ASSERT_EQ(wrk.exitStatus, 0) << wrk.err;
+    EXPECT_NE(wrk.out.find("requests in"), std::string::npos) << wrk.out;
+    EXPECT_EQ(wrk.out.find("Socket errors"), std::string::npos) << wrk.out;
+    EXPECT_EQ(wrk.out.find("Non-2xx"), std::string::npos) << wrk.out;
 }
 
 long residentKiB() {
@@ -503,35 +412,7 @@ TEST(HttpServer, MisbehavingClientsLeaveNoTrace) {
 // idle keep-alive connection are all let go when their time runs out.
 TEST(HttpServer, SlowAndIdleClientsTimeOut) {
     HttpTestServer server(new QuickListener);
-    const auto r = runProcess(
-        {"/usr/bin/env", "python3", "-c",
-         "import socket, sys, time\n"
-         "def closed_after(first):\n"
-         "    s = socket.create_connection(('127.0.0.1', int(sys.argv[1])), timeout=10)\n"
-         "    if first: s.sendall(first)\n"
-         "    t = time.time(); out = b''\n"
-         "    while True:\n"
-         "        d = s.recv(4096)\n"
-         "        if not d: break\n"
-         "        out += d\n"
-         "        if out.endswith(b'hello'): t = time.time()\n"
-         "    return out, time.time() - t\n"
-         "for first in [b'GET /hello HTTP/1.1\\r\\nHo', b'',\n"
-         "              b'GET /hello HTTP/1.1\\r\\nHost: h\\r\\n\\r\\n']:\n"
-         "    out, waited = closed_after(first)\n"
-         "    print(out.count(b'HTTP/1.1 200'), 0.2 < waited < 5)\n",
-         std::to_string(server.port)});
-    EXPECT_EQ(r.out, "0 True\n0 True\n1 True\n") << r.err;
-}
-
-// wrk's load: no errors, every reply a 200.
-TEST(HttpServer, WrkLoad) {
-    HttpTestServer server;
-    const auto r = runProcess({"/usr/bin/wrk", "-t1", "-c20", "-d1s", server.url("/hello")});
-    ASSERT_EQ(r.exitStatus, 0) << r.err;
-    EXPECT_NE(r.out.find("requests in"), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find("Socket errors"), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find("Non-2xx"), std::string::npos) << r.out;
+    EXPECT_EQ(python("slow_clients.py", {std::to_string(server.port)}), "0 True\n0 True\n1 True\n");
 }
 
 TEST(HttpServer, FilesWithTheirValidators) {
@@ -552,11 +433,7 @@ TEST(HttpServer, FilesWithTheirValidators) {
     ASSERT_NE(at, std::string::npos) << got.err;
     const std::string etag = got.err.substr(at + 6, got.err.find("\r\n", at) - at - 6);
 
-    struct Case {
-        std::vector<std::string> args;
-        const char* status;
-    };
-    const Case cases[] = {
+    const std::tuple<std::vector<std::string>, const char*> cases[] = {
         {{"-H", "If-None-Match: " + etag, server.url("/static/blob.bin")}, "304 Not Modified"},
         {{"-H", "If-Modified-Since: Thu, 31 Dec 2099 23:59:59 GMT", server.url("/static/blob.bin")},
          "304 Not Modified"},
@@ -564,12 +441,12 @@ TEST(HttpServer, FilesWithTheirValidators) {
         {{server.url("/static/missing")}, "404 No such file or directory"},
         {{server.url("/static/sub")}, "404 Not a regular file"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [args, status] : cases) {
         std::vector<std::string> argv = {"/usr/bin/curl", "-sS", "-o", "/dev/null", "-D", "-"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        argv.insert(argv.end(), args.begin(), args.end());
         const auto r = runProcess(argv);
-        EXPECT_EQ(r.out.substr(0, r.out.find("\r\n")), std::string("HTTP/1.1 ") + c.status)
-            << c.args.back() << "\n"
+        EXPECT_EQ(r.out.substr(0, r.out.find("\r\n")), std::string("HTTP/1.1 ") + status)
+            << args.back() << "\n"
             << r.out;
     }
 }

@@ -17,16 +17,6 @@ using testsupport::waitUntil;
 
 namespace {
 
-// Fails the test when two callbacks of one loop ever overlap.
-struct Exclusion {
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    void enter() {
-        if (inside.fetch_add(1) != 0) overlaps++;
-    }
-    void leave() { inside.fetch_sub(1); }
-};
-
 TEST(InThreadActor, WithTheLoopDownTheCallerRunsTheWorkUnderTheClaim) {
     EventLoop loop;
     pid_t ranOn = 0;
@@ -48,48 +38,53 @@ TEST(InThreadActor, WithTheLoopDownTheCallerRunsTheWorkUnderTheClaim) {
 
     unsigned zero = 0;
     loop.runInThreadWorkUntilZero(&zero);  // returns at once
+
+    // Off the loop, the wait ends when actors run by others bring it down.
+    unsigned pending = 2;
+    std::atomic<bool> returned{false};
+    ThreadFunction waiter(
+        [&] {
+            loop.runInThreadWorkUntilZero(&pending);
+            returned = true;
+        },
+        "Waiter");
+    waiter.go();
+    // Actors run by another thread under the claim bring the count down.
+    for (int i = 0; i < 2; i++) {
+        EXPECT_FALSE(returned);
+        loop.runInThread([&] { __atomic_sub_fetch(&pending, 1, __ATOMIC_RELEASE); });
+    }
+    waiter.join();
+    EXPECT_TRUE(returned);
 }
 
-TEST(InThreadActor, ClaimsExcludeEachOtherAcrossThreads) {
-    EventLoop loop;
-    Exclusion ex;
-    std::atomic<int> runs{0};
-    auto body = [&] {
-        for (int i = 0; i < 2000; i++) {
-            loop.runInThread([&] {
-                ex.enter();
-                runs++;
-                ex.leave();
-            });
-        }
-    };
-    ThreadFunction a(body, "PosterA"), b(body, "PosterB");
-    a.go();
-    b.go();
-    a.join();
-    b.join();
-    EXPECT_EQ(runs, 4000);
-    EXPECT_EQ(ex.overlaps, 0);
-}
-
-TEST(InThreadActor, EveryPostRunsOnceOnTheLoopThreadUnderContention) {
-    EventLoop loop;
-    LoopThread thread(loop);
-    thread.start();
-    constexpr int kThreads = 4, kPosts = 3000;
-    std::vector<int> perPoster(kThreads, 0);  // touched by the loop thread only
-    std::atomic<int> wrongThread{0};
-    const ThreadToken loopThread = thread.token();
-    std::vector<std::unique_ptr<ThreadFunction>> posters;
-    for (int t = 0; t < kThreads; t++) {
-        posters.push_back(std::make_unique<ThreadFunction>(
-            [&, t] {
-                for (int i = 0; i < kPosts; i++) {
-                    auto count = [&, t] {
-                        if (!(ThreadToken::self() == loopThread)) wrongThread++;
-                        perPoster[t]++;
-                    };
-                    if (i % 2 == 0) {
+// With the loop down each poster runs its work under the claim; with it up,
+// the loop thread does, the waiting posts blocking and the others not.
+TEST(InThreadActor, EveryPostRunsOnceAndAloneUnderContention) {
+    for (const bool running : {false, true}) {
+        EventLoop loop;
+        std::unique_ptr<LoopThread> thread;
+        if (running) thread = std::make_unique<LoopThread>(loop);
+        if (running) thread->start();
+        constexpr int kThreads = 4, kPosts = 3000;
+        std::vector<int> perPoster(kThreads, 0);  // touched under the claim only
+        std::atomic<int> inside{0}, overlaps{0};  // callbacks of one loop never overlap
+        std::atomic<int> wrongThread{0};
+        std::vector<std::unique_ptr<ThreadFunction>> posters;
+        for (int t = 0; t < kThreads; t++) {
+            posters.push_back(std::make_unique<ThreadFunction>(
+                [&, t] {
+                    for (int i = 0; i < kPosts; i++) {
+                        auto count = [&, t] {
+                            if (inside++ != 0) overlaps++;
+                            if (running && !(ThreadToken::self() == thread->token())) wrongThread++;
+                            perPoster[t]++;
+                            inside--;
+                        };
+                        if (running && i % 2 == 1) {
+                            loop.runInThreadAsync(count);
+                            continue;
+                        }
                         // A waiting poster sees its work done on return.
                         int seen = -1;
                         loop.runInThread([&] {
@@ -97,19 +92,17 @@ TEST(InThreadActor, EveryPostRunsOnceOnTheLoopThreadUnderContention) {
                             seen = perPoster[t];
                         });
                         EXPECT_GT(seen, 0);
-                    } else {
-                        loop.runInThreadAsync(count);
                     }
-                }
-            },
-            "Poster%d", t));
+                },
+                "Poster%d", t));
+        }
+        for (auto& p : posters) p->go();
+        for (auto& p : posters) p->join();
+        loop.runInThread([] {});  // the asynchronous ones are ahead of it
+        for (int t = 0; t < kThreads; t++) EXPECT_EQ(perPoster[t], kPosts) << t;
+        EXPECT_EQ(wrongThread, 0);
+        EXPECT_EQ(overlaps, 0) << running;
     }
-    for (auto& p : posters) p->go();
-    for (auto& p : posters) p->join();
-    loop.runInThread([] {});  // the asynchronous ones are ahead of it
-    for (int t = 0; t < kThreads; t++) EXPECT_EQ(perPoster[t], kPosts) << t;
-    EXPECT_EQ(wrongThread, 0);
-    thread.stop();
 }
 
 TEST(InThreadActor, PostersWaitingWhenTheLoopStopsAreServedByTheDrain) {
@@ -134,7 +127,6 @@ TEST(InThreadActor, PostersWaitingWhenTheLoopStopsAreServedByTheDrain) {
         release = true;
         for (auto& p : posters) p->join();
         EXPECT_EQ(done, 3);
-        thread.stop();
     }
 }
 
@@ -160,7 +152,6 @@ TEST(InThreadActor, RunOrFailRacingTheEndNeverRunsARefusedActor) {
         loop.terminateNowait();
         poster.join();
         EXPECT_EQ(ran, accepted) << "round " << round;
-        thread.stop();
     }
 }
 
@@ -186,57 +177,30 @@ TEST(InThreadActor, WorkUntilZeroRunsActorsWhileTheLoopThreadWaits) {
     }
     ASSERT_TRUE(waitUntil([&] { return finished.load(); }, 10));
     ASSERT_TRUE(waitUntil([&] { return timerRan == 1; }, 10));
-    thread.stop();
-}
-
-TEST(InThreadActor, WorkUntilZeroOffTheLoopWaitsForOutsideRunners) {
-    EventLoop loop;
-    unsigned pending = 2;
-    std::atomic<bool> returned{false};
-    ThreadFunction waiter(
-        [&] {
-            loop.runInThreadWorkUntilZero(&pending);
-            returned = true;
-        },
-        "Waiter");
-    waiter.go();
-    // Actors run by another thread under the claim bring the count down.
-    for (int i = 0; i < 2; i++) {
-        EXPECT_FALSE(returned);
-        loop.runInThread([&] { __atomic_sub_fetch(&pending, 1, __ATOMIC_RELEASE); });
-    }
-    waiter.join();
-    EXPECT_TRUE(returned);
 }
 
 TEST(InThreadActor, OneSelfPipeWritePerQueuedPostAndNoneOtherwise) {
     EventLoop loop;
-    // Loop down: the caller runs the work, nothing is written anywhere.
     LoopThread thread(loop);
     thread.start();
     int kickFd = -1;
     loop.runInThread([&] { kickFd = loop._ita_kick->writeFd(); });
     ASSERT_GE(kickFd, 0);
-    {
-        testsupport::WriteCounter writes(kickFd);
-        // Each waiting post is queued alone: exactly one write each.
+    auto tenPosts = [&] {
         for (int i = 0; i < 10; i++) loop.runInThread([] {});
-        EXPECT_EQ(writes.count(), 10u);
-    }
-    {
+    };
+    auto writesDuring = [&](const std::function<void()>& f) {
         testsupport::WriteCounter writes(kickFd);
-        // Posted from the loop thread itself: run directly.
-        loop.runInThread([&] {
-            for (int i = 0; i < 10; i++) loop.runInThread([] {});
-        });
-        EXPECT_EQ(writes.count(), 1u);
-    }
+        f();
+        return writes.count();
+    };
+    // Each waiting post is queued alone: exactly one write each.
+    EXPECT_EQ(writesDuring(tenPosts), 10u);
+    // Posted from the loop thread itself: run directly.
+    EXPECT_EQ(writesDuring([&] { loop.runInThread(tenPosts); }), 1u);
+    // Loop down: the caller runs the work, nothing is written anywhere.
     thread.stop();
-    {
-        testsupport::WriteCounter writes(kickFd);
-        for (int i = 0; i < 10; i++) loop.runInThread([] {});
-        EXPECT_EQ(writes.count(), 0u);
-    }
+    EXPECT_EQ(writesDuring(tenPosts), 0u);
 }
 
 TEST(InThreadActor, RemovingAQueuedActorKeepsTheListWhole) {

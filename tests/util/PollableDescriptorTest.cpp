@@ -3,19 +3,19 @@
 
 #include "util/PollableDescriptor.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "support/TestSupport.h"
 #include "util/AppendStr.h"
+#include "util/SocketAddress.h"
 
 namespace {
 
@@ -45,10 +45,7 @@ std::thread drain(const PollableDescriptor& d, size_t n, std::string* out) {
 }
 
 TEST(SocketError, Texts) {
-    const struct {
-        SocketError e;
-        const char* text;
-    } cases[] = {
+    const std::tuple<SocketError, const char*> cases[] = {
         {SocketError::none(), "No error"},
         {SocketError::timeout(SocketError::TIMEOUT_TYPE_READ), "Read Timeout"},
         {SocketError::timeout(SocketError::TIMEOUT_TYPE_WRITE), "Write Timeout"},
@@ -66,11 +63,11 @@ TEST(SocketError, Texts) {
         {SocketError(11, 0), "bad SocketError type 11!"},
         {SocketError(-1, 0), "bad SocketError type -1!"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [e, expected] : cases) {
         Str text;
-        append_stringified(&text, c.e);
-        EXPECT_STREQ(text.c_str(), c.text);
-        EXPECT_EQ(testsupport::crashText(c.e), c.text);
+        append_stringified(&text, e);
+        EXPECT_STREQ(text.c_str(), expected);
+        EXPECT_EQ(testsupport::crashText(e), expected);
     }
     socket_error_tls_text = [](Str* out, const SocketError& e) {
         out->appendFormat("tls:%ld", e.data());
@@ -90,27 +87,20 @@ TEST(PollableDescriptor, SelectForLoop) {
     SocketPair p;
     ASSERT_EQ(::write(p.b.fd(), "x", 1), 1);
     SocketPair idle;
-    const struct {
-        PollableDescriptor d;
-        bool forWrite;
-        int expected;
-    } cases[] = {
+    const std::tuple<PollableDescriptor, bool, int> cases[] = {
         {idle.a, false, -2},
         {idle.a, true, 0},
         {p.a, false, 0},
         {PollableDescriptor(), true, -3},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(c.d.select_for_loop(c.forWrite, Interval(20)), c.expected) << c.d.fd();
-}
-
-TEST(PollableDescriptor, ZeroTimeoutWaitsForever) {
-    SocketPair p;
+    for (const auto& [d, forWrite, expected] : cases)
+        EXPECT_EQ(d.select_for_loop(forWrite, Interval(20)), expected) << d.fd();
+    // A zero timeout waits for ever.
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        ASSERT_EQ(::write(p.b.fd(), "x", 1), 1);
+        ASSERT_EQ(::write(idle.b.fd(), "x", 1), 1);
     });
-    EXPECT_EQ(p.a.select_for(false, Interval(0)), 1);
+    EXPECT_EQ(idle.a.select_for(false, Interval(0)), 1);
     late.join();
 }
 
@@ -151,7 +141,7 @@ TEST(PortableIovec, WriteWithTimeoutGathersOnAPipe) {
     EXPECT_FALSE(isNonblocking(r));
 }
 
-TEST(PollableDescriptor, ReadWithTimeout) {
+TEST(PollableDescriptor, ReadWithTimeoutThenClosed) {
     SocketPair p;
     char buf[8];
     SocketError err;
@@ -164,10 +154,8 @@ TEST(PollableDescriptor, ReadWithTimeout) {
     EXPECT_FALSE(err.valid());
     EXPECT_EQ(p.a.readWithTimeout(buf, sizeof buf, Interval(1000), &err), 0);
     EXPECT_TRUE(err.isEof());
-}
 
-TEST(PollableDescriptor, SetNonblockOnClosedDescriptorThrows) {
-    SocketPair p;
+    // Once closed, its blocking mode can't change.
     PollableDescriptor gone = p.a;
     p.a.close();
     try {
@@ -179,20 +167,11 @@ TEST(PollableDescriptor, SetNonblockOnClosedDescriptorThrows) {
 }
 
 TEST(PollableDescriptor, RefusedConnectIsReportedOnce) {
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    {
-        ScopedPollableDescriptor l{PollableDescriptor(socket(AF_INET, SOCK_STREAM, 0))};
-        ASSERT_EQ(bind(l.fd(), reinterpret_cast<sockaddr*>(&addr), len), 0);
-        ASSERT_TRUE(l.listen(1));
-        ASSERT_EQ(getsockname(l.fd(), reinterpret_cast<sockaddr*>(&addr), &len), 0);
-    }
-    ScopedPollableDescriptor c{PollableDescriptor(socket(AF_INET, SOCK_STREAM, 0))};
-    c.setNonblock(true);
-    const int rc = connect(c.fd(), reinterpret_cast<sockaddr*>(&addr), len);
-    ASSERT_TRUE(rc < 0 && errno == EINPROGRESS) << rc << " " << errno;
+    IPv46SocketAddress gone;
+    gone.setIpv4Localhost();
+    ASSERT_TRUE(ScopedPollableDescriptor(gone.make_listener(1)).localAddress(&gone));
+    ScopedPollableDescriptor c(gone.start_async_connect());
+    ASSERT_TRUE(c.valid()) << strerror(errno);
     ASSERT_EQ(c.select_for_connect(Interval(1000)), 1);
     EXPECT_EQ(c.finishAsyncConnect(), SocketError::fromErrno(ECONNREFUSED));
     EXPECT_EQ(c.getErrorStatusAndReset(), 0);

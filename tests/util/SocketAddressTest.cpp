@@ -1,15 +1,17 @@
 #include "util/SocketAddress.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libzero/dnslookup-addrinfo.h"
@@ -19,13 +21,12 @@ namespace {
 
 std::string text(const IPv46SocketAddress& a) { return std::string(a.ip()); }
 
+// The addresses getent lists for stream sockets.
 std::set<std::string> getentSet(const char* db, const char* name) {
-    const auto r = testsupport::runProcess({"/usr/bin/getent", db, name});
+    std::istringstream lines(testsupport::runProcess({"/usr/bin/getent", db, name}).out);
     std::set<std::string> out;
-    size_t start = 0;
-    for (size_t nl; (nl = r.out.find('\n', start)) != std::string::npos; start = nl + 1) {
-        const std::string line = r.out.substr(start, nl - start);
-        if (line.find("STREAM") != std::string::npos) out.insert(line.substr(0, line.find(' ')));
+    for (std::string address, type; lines >> address >> type; lines.ignore(1 << 20, '\n')) {
+        if (type == "STREAM") out.insert(address);
     }
     return out;
 }
@@ -65,24 +66,14 @@ int fakeResolver(const char* name, const char*, const struct addrinfo* hints,
     std::vector<std::string> answers = fake_names[name];
     if (fake_lookups % 2 == 0) std::reverse(answers.begin(), answers.end());
     for (const std::string& a : answers) {
-        const int family = a.find(':') != std::string::npos ? AF_INET6 : AF_INET;
-        if (family != hints->ai_family) continue;
-        auto* ai =
-            static_cast<struct addrinfo*>(calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in6)));
-        ai->ai_family = family;
+        IPv46SocketAddress s;  // a literal: no lookup
+        if (!s.setHostname(a.c_str()) || s.family() != hints->ai_family) continue;
+        auto* ai = static_cast<struct addrinfo*>(calloc(1, sizeof(addrinfo) + s.sa_len()));
+        ai->ai_family = s.family();
         ai->ai_socktype = SOCK_STREAM;
         ai->ai_addr = reinterpret_cast<sockaddr*>(ai + 1);
-        if (family == AF_INET) {
-            auto* sin = reinterpret_cast<sockaddr_in*>(ai->ai_addr);
-            sin->sin_family = AF_INET;
-            inet_pton(AF_INET, a.c_str(), &sin->sin_addr);
-            ai->ai_addrlen = sizeof(sockaddr_in);
-        } else {
-            auto* sin6 = reinterpret_cast<sockaddr_in6*>(ai->ai_addr);
-            sin6->sin6_family = AF_INET6;
-            inet_pton(AF_INET6, a.c_str(), &sin6->sin6_addr);
-            ai->ai_addrlen = sizeof(sockaddr_in6);
-        }
+        ai->ai_addrlen = s.sa_len();
+        memcpy(ai->ai_addr, s.sa(), s.sa_len());
         *tail = ai;
         tail = &ai->ai_next;
     }
@@ -137,29 +128,31 @@ TEST_F(FakeResolverTest, FamilyOrdersAndTheLazySecondLookup) {
     EXPECT_EQ(fake_lookups, 2);
     EXPECT_FALSE(it.getNext(&a, PortNumber(80)));
 
-    const struct {
-        const char* name;
-        IPv46AddressIterator::order_t order;
-        std::vector<std::string> expected;
-    } cases[] = {
-        {"both.test", IPv46AddressIterator::ORDER_IPV4_ONLY, {"10.0.0.1"}},
-        {"both.test", IPv46AddressIterator::ORDER_IPV6_ONLY, {"2001:db8::1"}},
-        {"both.test", IPv46AddressIterator::ORDER_IPV4_THEN_IPV6, {"10.0.0.1", "2001:db8::1"}},
-        {"v6only.test", IPv46AddressIterator::ORDER_IPV4_THEN_IPV6, {"2001:db8::2"}},
-        {"v6only.test", IPv46AddressIterator::ORDER_IPV4_ONLY, {}},
+    using It = IPv46AddressIterator;
+    const std::tuple<const char*, It::order_t, std::vector<std::string>> cases[] = {
+        {"both.test", It::ORDER_IPV4_ONLY, {"10.0.0.1"}},
+        {"both.test", It::ORDER_IPV6_ONLY, {"2001:db8::1"}},
+        {"both.test", It::ORDER_IPV4_THEN_IPV6, {"10.0.0.1", "2001:db8::1"}},
+        {"v6only.test", It::ORDER_IPV4_THEN_IPV6, {"2001:db8::2"}},
+        {"v6only.test", It::ORDER_IPV4_ONLY, {}},
         // Literals say their family, whatever the order.
-        {"127.0.0.1", IPv46AddressIterator::ORDER_IPV6_ONLY, {"127.0.0.1"}},
-        {"::1", IPv46AddressIterator::ORDER_IPV4_ONLY, {"::1"}},
+        {"127.0.0.1", It::ORDER_IPV6_ONLY, {"127.0.0.1"}},
+        {"::1", It::ORDER_IPV4_ONLY, {"::1"}},
     };
     fake_names["127.0.0.1"] = {"127.0.0.1"};
     fake_names["::1"] = {"::1"};
-    for (const auto& c : cases) {
-        const bool found = it.resolve(c.name, c.order);
-        EXPECT_EQ(found, !c.expected.empty()) << c.name << " " << c.order;
-        EXPECT_EQ(all(it), c.expected) << c.name << " " << c.order;
+    for (const auto& [name, order, expected] : cases) {
+        const bool found = it.resolve(name, order);
+        EXPECT_EQ(found, !expected.empty()) << name << " " << order;
+        EXPECT_EQ(all(it), expected) << name << " " << order;
         it.rewind();
-        EXPECT_EQ(all(it), c.expected) << "after rewind: " << c.name;
+        EXPECT_EQ(all(it), expected) << "after rewind: " << name;
     }
+}
+
+std::vector<std::string> rotated(std::vector<std::string> v, size_t by) {
+    std::rotate(v.begin(), v.begin() + by % v.size(), v.end());
+    return v;
 }
 
 TEST_F(FakeResolverTest, EachHostGoesRoundItsOwnOrder) {
@@ -177,10 +170,7 @@ TEST_F(FakeResolverTest, EachHostGoesRoundItsOwnOrder) {
     ASSERT_EQ(first.size(), 8u);
     EXPECT_EQ(std::set<std::string>(first.begin(), first.end()).size(), 8u);
     for (int step = 1; step <= 8; step++) {
-        const std::vector<std::string> next = firstOf("many.test");
-        std::vector<std::string> rotated(first.begin() + step % 8, first.end());
-        rotated.insert(rotated.end(), first.begin(), first.begin() + step % 8);
-        ASSERT_EQ(next, rotated) << "step " << step;
+        ASSERT_EQ(firstOf("many.test"), rotated(first, step)) << "step " << step;
     }
     // Single addresses take no place among the remembered hosts: twenty of
     // them would push it out otherwise...
@@ -189,35 +179,31 @@ TEST_F(FakeResolverTest, EachHostGoesRoundItsOwnOrder) {
         fake_names[name] = {"10.9.9.9"};
         firstOf(name.c_str());
     }
-    std::vector<std::string> again = firstOf("many.test");
-    std::vector<std::string> byOne(first.begin() + 1, first.end());
-    byOne.push_back(first[0]);
-    EXPECT_EQ(again, byOne) << "the tenth lookup is nine steps round a cycle of eight";
+    EXPECT_EQ(firstOf("many.test"), rotated(first, 1))
+        << "the tenth lookup is nine steps round a cycle of eight";
     // ...and eleven other hosts leave it its place...
     for (int h = 0; h < 11; h++) {
         const std::string name = "other" + std::to_string(h) + ".test";
         fake_names[name] = {"10.1.0.1", "10.1.0.2"};
         firstOf(name.c_str());
     }
-    again = firstOf("many.test");
-    std::vector<std::string> byTwo(first.begin() + 2, first.end());
-    byTwo.insert(byTwo.end(), first.begin(), first.begin() + 2);
-    EXPECT_EQ(again, byTwo);
+    EXPECT_EQ(firstOf("many.test"), rotated(first, 2));
     // ...but twelve push it out, and it draws a new place and order.
     for (int h = 0; h < 12; h++) {
         const std::string name = "other" + std::to_string(h) + ".test";
         fake_names[name] = {"10.1.0.1", "10.1.0.2"};
         firstOf(name.c_str());
     }
-    again = firstOf("many.test");
-    std::set<std::vector<std::string>> rotations;
-    for (int step = 0; step < 8; step++) {
-        std::vector<std::string> r(first.begin() + step, first.end());
-        r.insert(r.end(), first.begin(), first.begin() + step);
-        rotations.insert(r);
-    }
+    const std::vector<std::string> again = firstOf("many.test");
     // A new order of eight repeats the old one (as any rotation) once in 5040.
-    EXPECT_EQ(rotations.count(again), 0u);
+    for (size_t step = 0; step < 8; step++) EXPECT_NE(again, rotated(first, step)) << step;
+}
+
+// What ss says of the TCP listeners on the port of `a`.
+std::string listeners(const IPv46SocketAddress& a) {
+    return testsupport::runProcess(
+               {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(a.port().value())})
+        .out;
 }
 
 TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
@@ -243,9 +229,7 @@ TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
     EXPECT_FALSE(peer == bound);
 
     // The backlog the kernel took is what ss reports as the listener's Send-Q.
-    const auto ss = testsupport::runProcess(
-        {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
-    EXPECT_NE(ss.out.find(" 5 "), std::string::npos) << ss.out;
+    EXPECT_NE(listeners(bound).find(" 5 "), std::string::npos) << listeners(bound);
 
     // Refused, and timed.
     listener.close();
@@ -283,10 +267,9 @@ TEST(SocketAddress, BothFamiliesListenOnOnePort) {
     v4.setPort(bound.port());
     ScopedPollableDescriptor l4(v4.make_listener(4));
     ASSERT_TRUE(l4.valid()) << "IPV6_V6ONLY leaves the IPv4 port free: " << strerror(errno);
-    const auto ss = testsupport::runProcess(
-        {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
-    EXPECT_NE(ss.out.find("0.0.0.0:"), std::string::npos) << ss.out;
-    EXPECT_NE(ss.out.find("[::]:"), std::string::npos) << ss.out;
+    const std::string ss = listeners(bound);
+    EXPECT_NE(ss.find("0.0.0.0:"), std::string::npos) << ss;
+    EXPECT_NE(ss.find("[::]:"), std::string::npos) << ss;
 }
 
 TEST(SocketAddressDeathTest, TheEnvironmentSetsEveryBacklogOnce) {
@@ -294,19 +277,15 @@ TEST(SocketAddressDeathTest, TheEnvironmentSetsEveryBacklogOnce) {
         {
             setenv("TARVEX_LISTEN_BACKLOG", "3", 1);
             IPv46SocketAddress a;
+            IPv46SocketAddress bound;
             a.setHostname("127.0.0.1");
             PollableDescriptor l = a.make_listener(100);
-            IPv46SocketAddress bound;
             l.localAddress(&bound);
-            const auto ss = testsupport::runProcess(
-                {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
+            const std::string first = listeners(bound);
             setenv("TARVEX_LISTEN_BACKLOG", "9", 1);  // read once: no effect
-            PollableDescriptor l2 = a.make_listener(100);
-            l2.localAddress(&bound);
-            const auto ss2 = testsupport::runProcess(
-                {"/usr/bin/ss", "-Hltn", "sport = :" + std::to_string(bound.port().value())});
-            _exit(ss.out.find(" 3 ") != std::string::npos &&
-                          ss2.out.find(" 3 ") != std::string::npos
+            a.make_listener(100).localAddress(&bound);
+            _exit(first.find(" 3 ") != std::string::npos &&
+                          listeners(bound).find(" 3 ") != std::string::npos
                       ? 0
                       : 1);
         },
@@ -315,12 +294,7 @@ TEST(SocketAddressDeathTest, TheEnvironmentSetsEveryBacklogOnce) {
 }
 
 TEST(SocketAddress, TextsAndLoopback) {
-    const struct {
-        const char* literal;
-        bool ok;
-        const char* uid;
-        bool loopback;
-    } cases[] = {
+    const std::tuple<const char*, bool, const char*, bool> cases[] = {
         {"10.1.2.3", true, "10.1.2.3:8080", false},
         {"127.200.0.1", true, "127.200.0.1:8080", true},
         {"::1", true, "[::1]:8080", true},
@@ -330,15 +304,14 @@ TEST(SocketAddress, TextsAndLoopback) {
         {"localhost", false, "", false},
         {"1.2.3", false, "", false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [literal, ok, uid, loopback] : cases) {
         IPv46SocketAddress a;
-        a.setPort(PortNumber(8080));
         a.setIpv4Localhost();
         a.setPort(PortNumber(8080));
-        EXPECT_EQ(a.setHostname(c.literal), c.ok) << c.literal;
-        EXPECT_EQ(isLoopBackAddress(Str(c.literal)), c.loopback) << c.literal;
-        if (c.ok) {
-            EXPECT_EQ(std::string(a.uid()), c.uid) << c.literal;
+        EXPECT_EQ(a.setHostname(literal), ok) << literal;
+        EXPECT_EQ(isLoopBackAddress(Str(literal)), loopback) << literal;
+        if (ok) {
+            EXPECT_EQ(std::string(a.uid()), uid) << literal;
         }
     }
 }
@@ -353,15 +326,10 @@ TEST(SocketAddress, ReverseLookupAgreesWithTheHostsDatabase) {
         return;
     }
     // The names follow the address on getent's line.
-    std::set<std::string> names;
-    const std::string line = r.out.substr(0, r.out.find('\n'));
-    size_t pos = line.find_first_of(" \t");
-    while (pos != std::string::npos) {
-        const size_t start = line.find_first_not_of(" \t", pos);
-        if (start == std::string::npos) break;
-        pos = line.find_first_of(" \t", start);
-        names.insert(line.substr(start, pos == std::string::npos ? pos : pos - start));
-    }
+    std::istringstream words(r.out.substr(0, r.out.find('\n')));
+    std::string address;
+    words >> address;
+    const std::set<std::string> names{std::istream_iterator<std::string>(words), {}};
     EXPECT_EQ(names.count(name), 1u) << r.out;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 
 #include <future>
@@ -34,23 +35,22 @@ struct Gate {
 
 // Whether a tcp_peer.py for `port` runs.
 bool peerRunning(const std::string& port) {
-    DIR* d = opendir("/proc");
-    if (d == nullptr) return false;
-    bool found = false;
-    while (dirent* e = readdir(d)) {
-        const std::string cmdline = readFile(std::string("/proc/") + e->d_name + "/cmdline");
+    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+        const std::string cmdline = readFile(e.path() / "cmdline");
         if (cmdline.find("tcp_peer.py") != std::string::npos &&
             cmdline.find(std::string(1, '\0') + port + '\0') != std::string::npos) {
-            found = true;
-            break;
+            return true;
         }
     }
-    closedir(d);
-    return found;
+    return false;
 }
 
 unsigned workerThreads(TcpServer& s) {
     return s.inLoop([&] { return s.loop.allWorkerThreads(); });
+}
+
+unsigned disabledReasons(TcpServer& s) {
+    return s.inLoop([&] { return s.acceptor().disabledReasons(); });
 }
 
 TEST(TcpChannelLoop, ServesManyShortConnectionsInEitherMode) {
@@ -87,12 +87,10 @@ TEST(TcpChannelLoop, CurlTelnetClientIsServed) {
     };
     TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
     server.start();
-    ScratchDir dir;
-    writeFile(dir / "in", "hello\n");
     const ProcessResult r =
         runProcess({"/bin/sh", "-c",
-                    "curl -s --max-time 10 telnet://127.0.0.1:" + std::to_string(server.port) +
-                        " < " + std::string(dir / "in")});
+                    "printf 'hello\\n' | curl -s --max-time 10 telnet://127.0.0.1:" +
+                        std::to_string(server.port)});
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_EQ(r.out, "you said: hello\n");
 }
@@ -105,19 +103,14 @@ TEST(TcpChannelLoop, ActiveLimitPausesTheListenerUntilAConnectionEnds) {
     // Two connections held for a while: the listener leaves the loop.
     auto holder = server.peerInBackground({"hold:1", "sleep:1500"});
     EXPECT_TRUE(waitUntil(
-        [&] {
-            return server.inLoop([&] { return server.acceptor().disabledReasons(); }) ==
-                   TcpChannelAcceptor::DISABLE_FOR_ACTIVE_LIMIT;
-        },
+        [&] { return disabledReasons(server) == TcpChannelAcceptor::DISABLE_FOR_ACTIVE_LIMIT; },
         10));
     // A third client is queued by the kernel, and served only once the holder leaves.
     auto third = server.peerInBackground({"send:x\\n", "recv:2"});
     EXPECT_EQ(third.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
     EXPECT_EQ(holder.get(), Strings{});
     EXPECT_EQ(third.get(), Strings{"recv b'x\\n'"});
-    EXPECT_TRUE(waitUntil(
-        [&] { return server.inLoop([&] { return server.acceptor().disabledReasons(); }) == 0; },
-        10));
+    EXPECT_TRUE(waitUntil([&] { return disabledReasons(server) == 0; }, 10));
 }
 
 TEST(TcpChannelLoop, PoolGrowsUnderLoadAndShrinksWhenIdle) {
@@ -137,22 +130,21 @@ TEST(TcpChannelLoop, PoolGrowsUnderLoadAndShrinksWhenIdle) {
 }
 
 TEST(TcpChannelLoop, TrimKeepsHalfOfTheIdleThreadsAboveTheHighWaterMark) {
-    struct Case {
-        unsigned idle, maxActive, left;
-    } cases[] = {{6, 2, 3}, {6, 6, 6}, {1, 0, 0}, {2, 1, 1}, {0, 0, 0}};
-    for (const Case& c : cases) {
+    const std::tuple<unsigned, unsigned, unsigned> cases[] = {
+        {6, 2, 3}, {6, 6, 6}, {1, 0, 0}, {2, 1, 1}, {0, 0, 0}};
+    for (const auto& [idle, maxActive, left] : cases) {
         TcpChannelLoop loop;
-        for (unsigned i = 0; i < c.idle; i++) {
+        for (unsigned i = 0; i < idle; i++) {
             auto* t = new TcpChannelThread();
             t->nextIdle = loop._idleThreads;
             loop._idleThreads = t;
             loop._idleThreadCount++;
             loop._allThreads++;
         }
-        loop._maxActiveThreadsInTimePeriod = c.maxActive;
+        loop._maxActiveThreadsInTimePeriod = maxActive;
         loop._trimIdleThreads();
-        EXPECT_EQ(loop.idleThreadCount(), c.left) << c.idle << "/" << c.maxActive;
-        EXPECT_EQ(loop.allWorkerThreads(), c.left);
+        EXPECT_EQ(loop.idleThreadCount(), left) << idle << "/" << maxActive;
+        EXPECT_EQ(loop.allWorkerThreads(), left);
         EXPECT_EQ(loop._maxActiveThreadsInTimePeriod, 0u) << "the active count";
     }
 }
@@ -235,11 +227,7 @@ TEST(TcpChannelLoop, OutOfDescriptorsPausesAcceptingForFourSeconds) {
     std::vector<int> fillers;
     for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
     const bool paused = waitUntil(
-        [&] {
-            return server.inLoop([&] { return server.acceptor().disabledReasons(); }) ==
-                   TcpChannelAcceptor::DISABLE_FOR_OUT_OF_FDS;
-        },
-        10);
+        [&] { return disabledReasons(server) == TcpChannelAcceptor::DISABLE_FOR_OUT_OF_FDS; }, 10);
     const MonotonicTime pausedAt = MonotonicTime::now();
     for (int fd : fillers) close(fd);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);

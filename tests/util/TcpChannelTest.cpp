@@ -15,6 +15,14 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
+// A started server whose channels all take `o`.
+std::unique_ptr<TcpServer> serve(Journal& journal, Options o) {
+    auto server = std::make_unique<TcpServer>(
+        [&journal, o] { return std::make_unique<TestChannel>(journal, o); });
+    server->start();
+    return server;
+}
+
 struct Mode {
     const char* name;
     bool worker;
@@ -27,10 +35,7 @@ protected:
     std::unique_ptr<TcpServer> serve(Options o = {}) {
         if (GetParam().worker && !o.worker) o.worker = echo;
         if (!GetParam().worker) o.worker = nullptr;
-        auto server = std::make_unique<TcpServer>(
-            [this, o] { return std::make_unique<TestChannel>(journal, o); });
-        server->start();
-        return server;
+        return ::serve(journal, o);
     }
 
     pid_t loopThread(TcpServer& s) {
@@ -45,9 +50,7 @@ INSTANTIATE_TEST_SUITE_P(, ChannelModes,
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_P(ChannelModes, EchoesWhateverArrivesHowever) {
-    struct Case {
-        Strings actions, expected;
-    } cases[] = {
+    const std::tuple<Strings, Strings> cases[] = {
         {{"send:hello\\n", "recv:6"}, {"recv b'hello\\n'"}},
         {{"echo:1"}, {"echo 1 ok"}},
         // Exactly a read buffer, then far beyond both buffers and the kernel's.
@@ -57,8 +60,8 @@ TEST_P(ChannelModes, EchoesWhateverArrivesHowever) {
     };
     auto server = serve();
     socketwitness::reset();
-    for (const Case& c : cases) {
-        EXPECT_EQ(server->peer(c.actions), c.expected) << c.actions[0];
+    for (const auto& [actions, expected] : cases) {
+        EXPECT_EQ(server->peer(actions), expected) << actions[0];
     }
     // Only the loop thread did socket I/O, whichever mode.
     EXPECT_EQ(socketwitness::threads(), std::set<pid_t>{loopThread(*server)});
@@ -67,12 +70,7 @@ TEST_P(ChannelModes, EchoesWhateverArrivesHowever) {
 
 TEST_P(ChannelModes, IdleAndStuckConnectionsTimeOut) {
     static const char big[1 << 16] = {};
-    struct Case {
-        const char* name;
-        Options options;
-        Strings actions;
-        std::string error;
-    } cases[] = {
+    const std::tuple<const char*, Options, Strings, std::string> cases[] = {
         {"silent peer", {nullptr, Interval(200)}, {"eof"}, "error Read Timeout"},
         {"peer gone quiet",
          {nullptr, Interval(200)},
@@ -87,12 +85,12 @@ TEST_P(ChannelModes, IdleAndStuckConnectionsTimeOut) {
          {"send:go", "sleep:1500"},
          "error Write Timeout"},
     };
-    for (const Case& c : cases) {
-        auto server = serve(c.options);
+    for (const auto& [name, options, actions, error] : cases) {
+        auto server = serve(options);
         const MonotonicTime start = MonotonicTime::now();
-        server->peer(c.actions);
-        EXPECT_TRUE(waitUntil([&] { return journal.has(c.error); }, 10)) << c.name;
-        EXPECT_GE((MonotonicTime::now() - start).ms(), 200u) << c.name;
+        server->peer(actions);
+        EXPECT_TRUE(waitUntil([&] { return journal.has(error); }, 10)) << name;
+        EXPECT_GE((MonotonicTime::now() - start).ms(), 200u) << name;
         journal.clear();
     }
 }
@@ -107,26 +105,23 @@ TEST_P(ChannelModes, GracefulShutdownHalfClosesThenWaitsForThePeer) {
 }
 
 TEST_P(ChannelModes, PeerThatVanishesIsReported) {
-    struct Case {
-        Strings actions;
-        std::set<std::string> errors;  // any of them
-    } cases[] = {
+    const std::tuple<Strings, std::set<std::string>> cases[] = {
         {{"send:x\\n", "recv:2", "reset"}, {"error Connection reset by peer"}},
         // Mid-transfer: the echo of megabytes is being written when the reset comes.
         {{"nbsend:8388608", "reset"}, {"error Connection reset by peer", "error Broken pipe"}},
     };
     auto server = serve();
-    for (const Case& c : cases) {
-        server->peer(c.actions);
+    for (const auto& [actions, errors] : cases) {
+        server->peer(actions);
         EXPECT_TRUE(waitUntil(
             [&] {
                 for (const std::string& line : journal.lines()) {
-                    if (c.errors.count(line) != 0) return true;
+                    if (errors.count(line) != 0) return true;
                 }
                 return false;
             },
             10))
-            << c.actions[0] << ": " << testing::PrintToString(journal.lines());
+            << actions[0] << ": " << testing::PrintToString(journal.lines());
         EXPECT_TRUE(waitUntil([&] { return server->activeChannels() == 0; }, 10));
         journal.clear();
     }
@@ -136,9 +131,7 @@ TEST(TcpChannelAsync, ReadingGoesOnWhenAWriteCompletionAsksForData) {
     Journal journal;
     Options o;
     o.moreAfterWrite = true;
-    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-    server.start();
-    EXPECT_EQ(server.peer({"send:a", "recv:1", "send:b", "recv:1"}),
+    EXPECT_EQ(serve(journal, o)->peer({"send:a", "recv:1", "send:b", "recv:1"}),
               (Strings{"recv b'a'", "recv b'b'"}));
 }
 
@@ -149,21 +142,19 @@ TEST(TcpChannelWorker, FullReadBufferStopsReadingUntilTheWorkerDrains) {
     std::shared_future<void> open = gate.get_future().share();
     std::atomic<size_t> drained{0};
     Journal journal;
-    Options o;
-    o.worker = [open, &drained](TcpSyncDataBuffer& b) {
+    const Worker worker = [open, &drained](TcpSyncDataBuffer& b) {
         open.wait();
         char buf[4096];
         for (ssize_t n; (n = b.read(buf, sizeof buf)) > 0;) drained += size_t(n);
         return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
     };
-    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-    server.start();
+    auto server = serve(journal, {worker});
     const size_t offered = size_t(256) << 20;
-    auto peer = server.peerInBackground({"nbsend:" + std::to_string(offered), "shutwr", "eof"});
+    auto peer = server->peerInBackground({"nbsend:" + std::to_string(offered), "shutwr", "eof"});
     // The worker is blocked: the loop must stop reading once the buffer is full.
     auto channelState = [&] {
-        return server.inLoop([&] {
-            TcpChannel* c = server.loop._activeList;
+        return server->inLoop([&] {
+            TcpChannel* c = server->loop._activeList;
             return c == nullptr                                               ? 0
                    : c->_data._rbuf.full() && (c->ourEvents() & EPOLLIN) == 0 ? 2
                                                                               : 1;
@@ -184,37 +175,32 @@ TEST(TcpChannelWorker, FullReadBufferStopsReadingUntilTheWorkerDrains) {
 
 TEST(TcpChannelWorker, ReadlineEndsWithAPartialLineAtEndOfInput) {
     Journal journal;
-    Options o;
-    o.worker = [&journal](TcpSyncDataBuffer& b) {
+    const Worker worker = [&journal](TcpSyncDataBuffer& b) {
         Str line;
         while (b.readline(line)) journal.add("line " + line);
         journal.add("end");
         return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
     };
-    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-    server.start();
-    EXPECT_EQ(server.peer({"send:a\\nb\\r\\n", "sleep:50", "send:\\r\\nc", "shutwr", "eof"}),
+    auto server = serve(journal, {worker});
+    EXPECT_EQ(server->peer({"send:a\\nb\\r\\n", "sleep:50", "send:\\r\\nc", "shutwr", "eof"}),
               Strings{"eof 0"});
     EXPECT_EQ(journal.lines(), (Strings{"line a", "line b", "line ", "line c", "end"}));
 }
 
 TEST(TcpChannelWorker, UncaughtExceptionClosesTheChannel) {
     Journal journal;
-    Options o;
-    o.worker = [](TcpSyncDataBuffer& b) -> atr {
+    const Worker worker = [](TcpSyncDataBuffer& b) -> atr {
         b.write("partial", 7);
         throw std::runtime_error("boom");
     };
-    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-    server.start();
-    EXPECT_EQ(server.peer({"send:x", "eof"}).back().substr(0, 4), "eof ");
+    auto server = serve(journal, {worker});
+    EXPECT_EQ(server->peer({"send:x", "eof"}).back().substr(0, 4), "eof ");
     EXPECT_TRUE(waitUntil([&] { return journal.has("error Uncaught exception"); }, 10));
 }
 
 TEST(TcpChannelWorker, CorkedWritesLeaveInOneGo) {
     Journal journal;
-    Options o;
-    o.worker = [](TcpSyncDataBuffer& b) {
+    const Worker worker = [](TcpSyncDataBuffer& b) {
         char c;
         b.read(&c, 1);
         {
@@ -226,10 +212,8 @@ TEST(TcpChannelWorker, CorkedWritesLeaveInOneGo) {
         b.flushWrite();
         return TcpChannelThreadedHandler::TCPSYNCDONE_CLOSE;
     };
-    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-    server.start();
-    const Strings out = server.peer({"send:x", "eof"});
-    EXPECT_EQ(out, Strings{"eof 1000"});
+    auto server = serve(journal, {worker});
+    EXPECT_EQ(server->peer({"send:x", "eof"}), Strings{"eof 1000"});
 }
 
 }  // namespace
