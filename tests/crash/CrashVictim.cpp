@@ -11,12 +11,14 @@
 // called on an alternate signal stack, which is where the crash handler runs.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,10 +85,7 @@ void* memalign(size_t alignment, size_t n) {
 }
 void* aligned_alloc(size_t alignment, size_t n) { return memalign(alignment, n); }
 int posix_memalign(void** out, size_t alignment, size_t n) {
-    void* p = memalign(alignment, n);
-    if (p == nullptr) return ENOMEM;
-    *out = p;
-    return 0;
+    return (*out = memalign(alignment, n)) == nullptr ? ENOMEM : 0;
 }
 void free(void* p) { guard("free"), __libc_free(p); }
 }
@@ -199,17 +198,11 @@ auto numbered(const char* who, int depth) {
 // ("A", "B" or "main") crashes while all of them stand.
 void crashAmongNotations(const char* crasher) {
     addGlobalCrashLogNotation("global notation of pid %d", static_cast<int>(getpid()));
-    ConditionMutex m;
-    PthreadConditionImpl changed;
-    int standing = 0;
+    std::atomic<int> standing{0};
     auto body = [&](const char* who) {
         Notation outer(numbered(who, 1));
         Notation inner(numbered(who, 2));
-        m.lock();
-        ++standing;
-        changed.wake_all();
-        while (standing < 3) changed.wait(m);
-        m.unlock();
+        for (++standing; standing.load() < 3;) sched_yield();
         if (strcmp(who, crasher) == 0) crash_victim_segv();
         pause();  // the crash ends the process
     };
@@ -243,8 +236,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     EmptyMainThread mainThread;
-    const std::string dir = argv[1];
-    const std::string scenario = argv[2];
+    const std::string dir = argv[1], scenario = argv[2];
     const bool worker = argc > 3 && strcmp(argv[3], "worker") == 0;
 
     if (scenario == "stderr-tail") {
@@ -267,11 +259,8 @@ int main(int argc, char** argv) {
         t.join();
     } else if (scenario.starts_with("notations-")) {
         crashAmongNotations(scenario.c_str() + strlen("notations-"));
-    } else if (scenario == "overflow") {
-        Notation flood(flooding(600 * 1000));
-        crash_victim_segv();
-    } else if (scenario == "loop") {
-        Notation flood(flooding(0));
+    } else if (scenario == "overflow" || scenario == "loop") {
+        Notation flood(flooding(scenario == "loop" ? 0 : 600 * 1000));
         crash_victim_segv();
     } else if (scenario == "fault-in-handler") {
         Notation faulting([](CrashLogWriteHandler& h) {

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,63 +15,30 @@
 
 namespace {
 
-// Python's ipaddress decides what is an address and how it is written.
-std::vector<std::string> pythonVerdicts(const std::vector<std::string>& texts) {
-    std::string script =
-        "import ipaddress, sys\n"
-        "for t in sys.argv[1:]:\n"
-        "    try:\n"
-        "        a = ipaddress.ip_address(t)\n"
-        "        print(a.version, a)\n"
-        "    except ValueError:\n"
-        "        print(0)\n";
-    std::vector<std::string> argv = {"/usr/bin/python3", "-c", script};
-    argv.insert(argv.end(), texts.begin(), texts.end());
-    const testsupport::ProcessResult r = testsupport::runProcess(argv);
-    EXPECT_EQ(r.exitStatus, 0) << r.err;
+std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t nl; (nl = r.out.find('\n', start)) != std::string::npos; start = nl + 1) {
-        lines.push_back(r.out.substr(start, nl - start));
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
+// Python's ipaddress decides what is an address and how it is written.
+std::vector<std::string> pythonVerdicts(const std::vector<std::string>& texts) {
+    std::vector<std::string> argv = {"/usr/bin/python3", "-c",
+                                     "import ipaddress, sys\n"
+                                     "for t in sys.argv[1:]:\n"
+                                     "    try: a = ipaddress.ip_address(t); print(a.version, a)\n"
+                                     "    except ValueError: print(0)\n"};
+    argv.insert(argv.end(), texts.begin(), texts.end());
+    const testsupport::ProcessResult r = testsupport::runProcess(argv);
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    return linesOf(r.out);
+}
+
 TEST(AddressCheck, LiteralsAreWhatPythonTakesForAddresses) {
-    const std::vector<std::string> texts = {"0.0.0.0",
-                                            "255.255.255.255",
-                                            "1.2.3.4",
-                                            "256.1.1.1",
-                                            "1.2.3",
-                                            "1.2.3.4.5",
-                                            "01.2.3.4",
-                                            "1.2.3.04",
-                                            "1..2.3",
-                                            ".1.2.3",
-                                            "1.2.3.",
-                                            "1.2.3.4 ",
-                                            "+1.2.3.4",
-                                            "1.2.3.a",
-                                            "",
-                                            "::",
-                                            "::1",
-                                            "::1%lo",
-                                            "fe80::1%eth0",
-                                            "fe80::1%",
-                                            "2001:db8::1",
-                                            "2001:DB8:0:0:0:0:0:1",
-                                            "1:2:3:4:5:6:7:8",
-                                            "1:2:3:4:5:6:7:8:9",
-                                            "1::2::3",
-                                            "::ffff:1.2.3.4",
-                                            "::ffff:01.2.3.4",
-                                            "::ffff:1.2.3",
-                                            "[::1]",
-                                            "12345::",
-                                            "1:2:3:4:5:6:7::",
-                                            "g::1",
-                                            "localhost",
-                                            "1"};
+    // One literal a line; the empty line and the trailing blank are cases too.
+    const std::vector<std::string> texts = linesOf(
+        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/AddressCheckTest/literals.txt"));
     const std::vector<std::string> verdicts = pythonVerdicts(texts);
     ASSERT_EQ(verdicts.size(), texts.size());
     for (size_t i = 0; i < texts.size(); i++) {
@@ -96,24 +64,12 @@ TEST(AddressCheck, Ipv6TextIsTheShortForm) {
 }
 
 TEST(AddressCheck, Ipv6LocalhostInAnySpelling) {
-    const struct {
-        const char* text;
-        bool localhost;
-    } cases[] = {{"::1", true},    {"::1%lo", true}, {"0:0:0:0:0:0:0:1", true},
-                 {"::0001", true}, {"1", false},     {"::", false},
-                 {"::2", false},   {"0:1", false},   {"::1%", true},
-                 {"1::1", false},  {"%lo", false},   {"::11", false},
-                 {"a::1", false},  {"::1x", false}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(looks_like_ipv6_localhost(c.text, strlen(c.text)), c.localhost) << c.text;
+    for (const char* t : {"::1", "::1%lo", "0:0:0:0:0:0:0:1", "::0001", "::1%"}) {
+        EXPECT_TRUE(looks_like_ipv6_localhost(t, strlen(t))) << t;
     }
-}
-
-int boundPort(int fd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
+    for (const char* t : {"1", "::", "::2", "0:1", "1::1", "%lo", "::11", "a::1", "::1x"}) {
+        EXPECT_FALSE(looks_like_ipv6_localhost(t, strlen(t))) << t;
+    }
 }
 
 TEST(PortCheck, AnswersFollowWhatBindSays) {
@@ -123,7 +79,9 @@ TEST(PortCheck, AnswersFollowWhatBindSays) {
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     ASSERT_EQ(listen(fd, 1), 0);
-    const unsigned port = unsigned(boundPort(fd));
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    const unsigned port = ntohs(a.sin_port);
     in_addr loopback{htonl(INADDR_LOOPBACK)};
     EXPECT_EQ(check_tcp_port_availability_on_ipv4_interface(&loopback, port), PORTAVL_IN_USE);
     EXPECT_EQ(errno, EADDRINUSE);

@@ -258,27 +258,28 @@ std::string notationLines(const std::string& report) {
 // tests show from a dying process; here, the forms and their ends.
 TEST(CrashLogNotations, NestInnermostLastEndInAnyOrderAndGlobalsComeFirst) {
     Thread::registerCrashlogHooks();
+    const std::string globals = notationLines(notationsHere());  // of earlier cases
     {
         Numbered outer(1);
         ASSERT_TRUE(outer.wasPushed());
         ScopedPerThreadCrashLogConstantStringNotation text("notation constant");
         ScopedPerThreadCrashLogConstantStrlikeNotation strlike(StrSegment("notation strlike"));
         const std::string here = notationsHere();
-        EXPECT_EQ(notationLines(here), "notation 1;notation constant;notation strlike;");
+        EXPECT_EQ(notationLines(here), globals + "notation 1;notation constant;notation strlike;");
         EXPECT_LT(here.find("Thread: \"MainThread\""), here.find("notation 1"));
     }
-    EXPECT_EQ(notationLines(notationsHere()), "");
+    EXPECT_EQ(notationLines(notationsHere()), globals);
 
     auto a = std::make_unique<Numbered>(1);
     auto b = std::make_unique<Numbered>(2);
     auto c = std::make_unique<Numbered>(3);
     b.reset();  // from the middle
-    EXPECT_EQ(notationLines(notationsHere()), "notation 1;notation 3;");
+    EXPECT_EQ(notationLines(notationsHere()), globals + "notation 1;notation 3;");
     a.reset();  // the first
-    EXPECT_EQ(notationLines(notationsHere()), "notation 3;");
+    EXPECT_EQ(notationLines(notationsHere()), globals + "notation 3;");
     Numbered d(4);
     c.reset();  // not the last
-    EXPECT_EQ(notationLines(notationsHere()), "notation 4;");
+    EXPECT_EQ(notationLines(notationsHere()), globals + "notation 4;");
 
     ASSERT_TRUE(addGlobalCrashLogNotation("notation global %d", 7));
     ASSERT_TRUE(addGlobalCrashLogNotationConstant("notation global constant"));
@@ -291,10 +292,12 @@ TEST(CrashLogNotations, StringFormsAndTheCountLimit) {
     std::string seen;
     ThreadFunction worker(
         [&] {
+            // Global notations of earlier cases in this process come first.
+            const std::string globals = notationLines(notationsHere());
             ASSERT_EQ(crashlog_notation_perthread_push("notation pushed", 15), 0);
-            EXPECT_EQ(notationLines(notationsHere()), "notation pushed;");
+            EXPECT_EQ(notationLines(notationsHere()), globals + "notation pushed;");
             crashlog_notation_perthread_pop();
-            EXPECT_EQ(notationLines(notationsHere()), "");
+            EXPECT_EQ(notationLines(notationsHere()), globals);
 
             // A list longer than any real one is cut, as a corrupt one would be.
             for (int i = 0; i < 1100; ++i) ASSERT_EQ(crashlog_notation_perthread_push("x", 1), 0);

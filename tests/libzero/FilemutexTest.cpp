@@ -43,6 +43,12 @@ Names listDir(const std::string& path) {
     return names;
 }
 
+// Makes paths under `prefix` look like a file system of `type` to this process.
+void fakeFs(const std::string& prefix, long type) {
+    fsfaults::fakeFsPrefix = prefix;
+    fsfaults::fakeFsType = type;
+}
+
 void setMtime(const std::string& path, time_t when) {
     struct timeval tv[2] = {{when, 0}, {when, 0}};
     ASSERT_EQ(utimes(path.c_str(), tv), 0);
@@ -57,8 +63,7 @@ protected:
         // The build tree may be on a file system the mutex refuses (tmpfs,
         // overlay): the scratch directory then passes for ext4.
         if (filemutex_classify_fs(dir.path().c_str()) != FILEMUTEX_FS_LOCAL) {
-            fsfaults::fakeFsPrefix = dir.path();
-            fsfaults::fakeFsType = 0xEF53;
+            fakeFs(dir.path(), 0xEF53);
             ASSERT_EQ(filemutex_classify_fs(dir.path().c_str()), FILEMUTEX_FS_LOCAL);
         }
         target = dir / "target";
@@ -71,11 +76,7 @@ protected:
         unsetenv("OPTIMISTIC_ABOUT_FILE_LOCKING");
     }
 
-    // Makes the scratch directory look like NFS to this process.
-    void pretendNfs() {
-        fsfaults::fakeFsPrefix = dir.path();
-        fsfaults::fakeFsType = fsfaults::NFS_SUPER_MAGIC;
-    }
+    void pretendNfs() { fakeFs(dir.path(), fsfaults::NFS_SUPER_MAGIC); }
 
     // Runs `body` as nobody with the scratch directory as the working
     // directory: its ancestors may be closed to others (a checkout under
@@ -97,12 +98,6 @@ TEST_F(FileMutex, LockFileContentsAreForPeople) {
     EXPECT_EQ(std::string(lockfile_text), expect) << "no line feed at the end";
     EXPECT_EQ(lockfile_text_len, expect.size());
 
-    ASSERT_EQ(filemutex_lock(target.c_str()), 0);
-    EXPECT_EQ(readFile(target + ".lock"), expect);
-    struct stat st;
-    ASSERT_EQ(stat((target + ".lock").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644 & ~umask(umask(0)));
-
     // Another thread may still be writing the earlier text into a lock file.
     const char* first = lockfile_text;
     filemutex_init_contents("filemutex_test");
@@ -123,8 +118,13 @@ TEST(FileMutexDeathTest, LockingBeforeInitIsAProgrammingError) {
 TEST_F(FileMutex, ExclusiveCreateOnALocalDisk) {
     EXPECT_EQ(filemutex_is_locked(target.c_str()), 0);
     EXPECT_EQ(filemutex_lock(target.c_str()), 0);
-    EXPECT_TRUE(fileExists(target + ".lock"))
-        << "a sibling of the directory, by plain concatenation";
+    // A sibling of the directory, by plain concatenation.
+    EXPECT_EQ(readFile(target + ".lock"), std::string(lockfile_text));
+    struct stat st;
+    ASSERT_EQ(stat((target + ".lock").c_str(), &st), 0);
+    const mode_t mask = umask(0);  // umask(umask(0)) would give 0, not the mask
+    umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0644 & ~mask);
     EXPECT_EQ(filemutex_is_locked(target.c_str()), 1);
     EXPECT_EQ(filemutex_lock(target.c_str()), 1) << "busy, also for the same process";
     EXPECT_EQ(filemutex_unlock(target.c_str()), 0);
@@ -143,8 +143,7 @@ TEST_F(FileMutex, TheFileSystemDecidesUnlessOptimistic) {
     EXPECT_EQ(filemutex_lock(missing.c_str()), -1) << "statfs of a missing path fails";
     EXPECT_FALSE(filemutex_path_supported(missing.c_str()));
 
-    fsfaults::fakeFsPrefix = dir.path();
-    fsfaults::fakeFsType = fsfaults::TMPFS_MAGIC;
+    fakeFs(dir.path(), fsfaults::TMPFS_MAGIC);
     EXPECT_EQ(filemutex_lock(target.c_str()), -1) << "tmpfs is not trusted";
     EXPECT_FALSE(filemutex_path_supported(target.c_str()));
 
@@ -186,8 +185,7 @@ TEST_F(FileMutex, PermissionAndPathErrors) {
     ASSERT_EQ(mkdir((dir / "closed").c_str(), 0755), 0);
     ASSERT_EQ(mkdir((dir / "closed/v").c_str(), 0777), 0);
     EXPECT_EQ(asNobody([] {
-                  fsfaults::fakeFsPrefix = "closed";
-                  fsfaults::fakeFsType = fsfaults::NFS_SUPER_MAGIC;
+                  fakeFs("closed", fsfaults::NFS_SUPER_MAGIC);
                   return filemutex_lock("closed/v") == -1 ? 0 : 1;
               }),
               0)
@@ -253,8 +251,7 @@ TEST_F(FileMutex, TestCapability) {
     ASSERT_EQ(mkdir((dir / "closed").c_str(), 0755), 0);
     EXPECT_EQ(asNobody([] { return filemutex_test_capability("closed"); }), 7);
 
-    fsfaults::fakeFsPrefix = target;
-    fsfaults::fakeFsType = fsfaults::TMPFS_MAGIC;
+    fakeFs(target, fsfaults::TMPFS_MAGIC);
     EXPECT_EQ(filemutex_test_capability(target.c_str()), 9);
     EXPECT_EQ(listDir(target).size(), 1u) << "the probe stays for whoever investigates";
 }
@@ -392,11 +389,8 @@ void runContention(const std::string& path, const std::string& counter, int proc
     EXPECT_FALSE(fileExists(path + ".lock"));
 }
 
-TEST_F(FileMutex, MutualExclusionByExclusiveCreate) {
+TEST_F(FileMutex, MutualExclusionByExclusiveCreateAndByLink) {
     runContention(target, dir / "counter", 4, 300);
-}
-
-TEST_F(FileMutex, MutualExclusionByLink) {
     pretendNfs();  // inherited by the children
     runContention(target, dir / "counter", 4, 60);
     EXPECT_EQ(listDir(dir.path()), (Names{"counter", "target"}));

@@ -28,34 +28,22 @@ using testsupport::readFile;
 using testsupport::ScratchDir;
 using testsupport::writeFile;
 
+const std::string kData = TARVEX_SOURCE_DIR "/tests/data/LoggerConfigTest/";
+
 Logger channelLog("Test.Channel");
 Logger otherLog("Other");
 LoggerSimple simpleLog("Simple");
 
-// Standard error into a file until text() or the end of the object.
-class StderrCapture {
-public:
-    StderrCapture() {
-        fflush(stderr);
-        _saved = dup(STDERR_FILENO);
-        const int fd = open(_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
-    }
+void logInfo(const std::string& text) { otherLog.infoSeg(text.data(), text.size()); }
+
+// Standard error captured until text() or the end of the object.
+struct StderrCapture {
+    StderrCapture() { testing::internal::CaptureStderr(); }
     ~StderrCapture() { text(); }
     std::string text() {
-        if (_saved >= 0) {
-            dup2(_saved, STDERR_FILENO);
-            close(_saved);
-            _saved = -1;
-        }
-        return readFile(_file);
+        return std::exchange(_on, false) ? testing::internal::GetCapturedStderr() : "";
     }
-
-private:
-    ScratchDir _dir;
-    std::string _file = _dir / "stderr";
-    int _saved;
+    bool _on = true;
 };
 
 class LoggerConfig : public testing::Test {
@@ -85,15 +73,7 @@ protected:
 // ---------------------------------------------------------------- configuration files
 
 TEST_F(LoggerConfig, CategoriesAppendersCommentsAndOrder) {
-    const std::string err = configure(
-        "# a comment line\n"
-        "log4cpp.rootCategory=WARN, A1   # applied after the file, so A1 may come later\n"
-        "appender.A1.fileName=@DIR@/a1.log\nappender.A1.layout=PatternLayout\n"
-        "appender.A1.layout.ConversionPattern=%p %c: %m%n\n"
-        "category.Test.Channel = DEBUG,A2\nappender.A2.fileName = @DIR@/a2.log\n"
-        "<!-- appender.A2.fileName=@DIR@/wrong.log\n     category.Other=DEBUG -->\n"
-        "appender.A3.fileName=@DIR@/a3.log <!-- inline --> # and a comment\n");
-    EXPECT_EQ(err, "");
+    EXPECT_EQ(configure(readFile(kData + "comments-and-order.cfg")), "");
 
     channelLog.debug("debug %d", 1);
     otherLog.info("info is below WARN");
@@ -107,19 +87,8 @@ TEST_F(LoggerConfig, CategoriesAppendersCommentsAndOrder) {
 }
 
 TEST_F(LoggerConfig, BadLinesAreReportedWithFileAndLine) {
-    const std::string err = configure(
-        "rootCategory=INFO\n"
-        "bogus line\n"
-        "appender.A1.maxFileSize=012\n"
-        "appender.A1.maxFileSize=0\n"
-        "appender.A1.noSuchAttribute=1\n"
-        "appender.A1.fileName\n"
-        "appender.A1.serialization=XML\n"
-        "appender.A1.escape=maybe\n"
-        "category.Other=NOTALEVEL\n"
-        "category.Fine=INFO, A1\n"
-        "<!-- never closed\n"
-        "category.Hidden=DEBUG\n");
+    // Numbered lines: the messages name them.
+    const std::string err = configure(readFile(kData + "bad-lines.cfg"));
     const std::string cfg = dir / "log.cfg";
     EXPECT_TRUE(testsupport::containsInOrder(
         err, {"Invalid serialization='XML'", "Invalid escape='maybe'",
@@ -243,7 +212,7 @@ TEST_F(LoggerConfig, EscapingOfMessages) {
         "rootCategory=INFO, FULL, LINES\nappender.FULL.fileName=@DIR@/full.log\n"
         "appender.LINES.fileName=@DIR@/lines.log\nappender.LINES.escape=false\n");
     const std::string msg = "tab\tnl\ncr\rctl\x01\x7f utf8 \xc3\xa9";
-    otherLog.infoSeg(msg.data(), msg.size());
+    logInfo(msg);
     // The first appender decides the escaped form for all of them.
     EXPECT_EQ(file("full.log"), "tab\tnl\\ncr\\rctl\\x01\\x7f utf8 \\xc3\\xa9\n");
     EXPECT_EQ(file("lines.log"), file("full.log"));
@@ -251,7 +220,7 @@ TEST_F(LoggerConfig, EscapingOfMessages) {
     configure(
         "rootCategory=INFO, LINES\nappender.LINES.fileName=@DIR@/lines2.log\n"
         "appender.LINES.escape=no\n");
-    otherLog.infoSeg(msg.data(), msg.size());
+    logInfo(msg);
     EXPECT_EQ(file("lines2.log"), "tab\tnl\\ncr\\rctl\x01\x7f utf8 \xc3\xa9\n");
 
     // Unlike Str::makeSafeForLogging, UTF-8 is escaped too.
@@ -262,39 +231,29 @@ TEST_F(LoggerConfig, EscapingOfMessages) {
 
 // ---------------------------------------------------------------- appenders
 
-TEST_F(LoggerConfig, RolloverAtTheLimit) {
-    configure(
-        "rootCategory=INFO, R\nappender.R.fileName=@DIR@/r.log\nappender.R.maxFileSize=1000\n"
-        "appender.R.maxBackupIndex=2\n");
-    const std::string line998(998, 'a');  // 999 bytes with its LF
-    otherLog.infoSeg(line998.data(), line998.size());
-    otherLog.infoSeg("", 0);  // to exactly 1000: not over the limit
-    EXPECT_EQ(file("r.log").size(), 1000u);
-    EXPECT_FALSE(fileExists(dir / "r.log.1"));
-    const std::string line100(99, 'b');
-    otherLog.infoSeg(line100.data(), line100.size());  // 1100: over
-    EXPECT_EQ(file("r.log.1").size(), 1100u);
-    EXPECT_EQ(file("r.log"), "");
-    otherLog.info("next");
-    EXPECT_EQ(file("r.log"), "next\n");
-    EXPECT_EQ(LogAppender::find("R", false)->fileSize(), 5u);
-}
-
-TEST_F(LoggerConfig, RotationShiftsUpToTheFirstGap) {
+TEST_F(LoggerConfig, RolloverPastTheLimitShiftsBackupsUpToTheFirstGap) {
     writeFile(dir / "f.1", "one\n");
     writeFile(dir / "f.2", "two\n");
     configure(
         "rootCategory=INFO, R\nappender.R.fileName=@DIR@/f\nappender.R.maxFileSize=10\n"
         "appender.R.maxBackupIndex=2\n");
-    otherLog.info("0123456789");
-    EXPECT_EQ(file("f.1"), "0123456789\n");
+    logInfo(std::string(8, 'a'));  // 9 bytes with its LF
+    logInfo("");                   // to exactly 10: not over the limit
+    EXPECT_EQ(file("f").size(), 10u);
+    EXPECT_EQ(file("f.1"), "one\n");
+    logInfo("b");  // 12: over
+    EXPECT_EQ(file("f.1"), std::string(8, 'a') + "\n\nb\n");
     EXPECT_EQ(file("f.2"), "one\n") << "the oldest went, the rest moved up";
     EXPECT_FALSE(fileExists(dir / "f.3"));
+    EXPECT_EQ(file("f"), "");
+    otherLog.info("next");
+    EXPECT_EQ(file("f"), "next\n");
+    EXPECT_EQ(LogAppender::find("R", false)->fileSize(), 5u);
 
     testsupport::removeTree(dir / "f.1");
     writeFile(dir / "f.2", "stays\n");
-    otherLog.info("abcdefghijk");
-    EXPECT_EQ(file("f.1"), "abcdefghijk\n");
+    otherLog.info("abcdef");
+    EXPECT_EQ(file("f.1"), "next\nabcdef\n");
     EXPECT_EQ(file("f.2"), "stays\n") << "a gap stops the shift";
 
     configure("rootCategory=INFO, Z\nappender.Z.fileName=@DIR@/z\nappender.Z.maxFileSize=5\n");
@@ -359,10 +318,10 @@ TEST_F(LoggerConfig, BufferedChannelsWriteByTheBufferful) {
     LogAppender* b = LogAppender::find("B", false);
     EXPECT_EQ(b->bufferSize(), 1024u);
     const std::string line(99, 'x');  // 100 bytes a line
-    for (int i = 0; i < 10; ++i) otherLog.infoSeg(line.data(), line.size());
+    for (int i = 0; i < 10; ++i) logInfo(line);
     EXPECT_EQ(file("b.log"), "");
     EXPECT_EQ(b->bufferedBytes(), 1000u);
-    otherLog.infoSeg(line.data(), line.size());
+    logInfo(line);
     EXPECT_EQ(file("b.log").size(), 1100u);
     otherLog.info("held");
     Logger::releaseLoggerFds();  // writes out, closes, back to defaults
@@ -422,11 +381,11 @@ TEST_F(LoggerConfig, RestrictedConfigurationsOnlyRaiseLimits) {
 TEST_F(LoggerConfig, StandardErrorCanBeForbidden) {
     Logger::configuration conf;
     conf.stderrAllowed = false;
-    StderrCapture capture;
     EXPECT_EQ(configure("rootCategory=INFO, S\nappender.S.layout=SimpleLayout\nbad line\n"
                         "category.Test.Channel=ERROR\n",
                         conf),
               "");
+    StderrCapture capture;
     otherLog.error("nowhere");
     Logger::redirectToStderr("Test.Channel");
     channelLog.error("not even through the root appender");
@@ -436,14 +395,16 @@ TEST_F(LoggerConfig, StandardErrorCanBeForbidden) {
 
 // ---------------------------------------------------------------- calls
 
+struct Seen : LogObserver {
+    std::vector<std::string> lines;
+    void observe(const Str& line) override { lines.push_back(line); }
+};
+
 TEST_F(LoggerConfig, ObserversSeeEachLineOnce) {
     configure(
         "rootCategory=INFO, O1, O2\nappender.O1.fileName=@DIR@/o1.log\n"
         "appender.O2.fileName=@DIR@/o2.log\nappender.O2.layout=SimpleLayout\n");
-    struct Seen : LogObserver {
-        std::vector<std::string> lines;
-        void observe(const Str& line) override { lines.push_back(line); }
-    } seen;
+    Seen seen;
     {
         ScopedLogObserverRegistration reg(&otherLog, &seen);
         ScopedLogObserverRegistration moved(std::move(reg));
@@ -549,17 +510,14 @@ TEST_F(LoggerConfig, FailingAppendersDoNotReportEachOtherForEver) {
     // An observer on the logging system's own channel: its reports must not
     // wait for the channel lock that the failing write was made under.
     Logger self("Logger");
-    struct Seen : LogObserver {
-        int lines = 0;
-        void observe(const Str&) override { ++lines; }
-    } seen;
+    Seen seen;
     ScopedLogObserverRegistration reg(&self, &seen);
     StderrCapture capture;
     otherLog.info("into a full disk");
     self.info("and from the logging system's channel");
     EXPECT_TRUE(
         contains(capture.text(), "Error writing to \"/dev/full\": No space left on device"));
-    EXPECT_GE(seen.lines, 1);
+    EXPECT_FALSE(seen.lines.empty());
 }
 
 TEST_F(LoggerConfig, RootAppenderGoesBackToStandardErrorWhenReconfigured) {

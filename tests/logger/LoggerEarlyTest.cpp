@@ -26,11 +26,7 @@ LoggerSimple simple("Simple");
 // Runs while this file's statics are being constructed: `late` still isn't.
 struct EarlyCaller {
     EarlyCaller() {
-        char path[] = "/tmp/tarvex-early-XXXXXX";
-        const int fd = mkstemp(path);
-        const int saved = dup(STDERR_FILENO);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
+        testing::internal::CaptureStderr();
         errno = 1234;
         early.warn("text %d", 1);
         early._stream_warn() << "stream " << 2;
@@ -40,10 +36,7 @@ struct EarlyCaller {
         early._stream_info();  // empty: nothing
         simple.info("a simple logger too");
         errno_after_early_calls = errno;
-        dup2(saved, STDERR_FILENO);
-        close(saved);
-        early_capture = testsupport::readFile(path);
-        unlink(path);
+        early_capture = testing::internal::GetCapturedStderr();
     }
 } early_caller;
 

@@ -26,26 +26,17 @@ std::string payload(int thread, int i) {
                        static_cast<char>('a' + thread));
 }
 
-class Writer : public Thread {
-public:
-    Writer(int id, std::atomic<int>& running)
-        : Thread("writer%d", id), _id(id), _running(running) {}
-    void main() override {
-        for (int i = 0; i < kLines; ++i) {
-            if (i % 2 == 0) {
-                busy.warn("w %d %d %s", _id, i, payload(_id, i).c_str());
-            } else {
-                busy._stream_warn() << "w " << _id << " " << i << " " << payload(_id, i);
-            }
-            busy.debug("d %d %d", _id, i);
+void write(int id, std::atomic<int>& running) {
+    for (int i = 0; i < kLines; ++i) {
+        if (i % 2 == 0) {
+            busy.warn("w %d %d %s", id, i, payload(id, i).c_str());
+        } else {
+            busy._stream_warn() << "w " << id << " " << i << " " << payload(id, i);
         }
-        _running.fetch_sub(1);
+        busy.debug("d %d %d", id, i);
     }
-
-private:
-    int _id;
-    std::atomic<int>& _running;
-};
+    running.fetch_sub(1);
+}
 
 struct Counter : LogObserver {
     std::atomic<int> lines{0};
@@ -69,8 +60,11 @@ TEST(LoggerThreads, NoInterleavedOrLostLinesWhileTheLevelChanges) {
     ScopedLogObserverRegistration reg(&busy, &counter);
 
     std::atomic<int> running{kThreads};
-    std::vector<std::unique_ptr<Writer>> writers;
-    for (int t = 0; t < kThreads; ++t) writers.push_back(std::make_unique<Writer>(t, running));
+    std::vector<std::unique_ptr<ThreadFunction>> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.push_back(
+            std::make_unique<ThreadFunction>([t, &running] { write(t, running); }, "writer%d", t));
+    }
     for (auto& w : writers) w->go();
     for (bool debug = true; running.load() > 0; debug = !debug) {
         Logger::setChannelLevel("Busy", debug ? "DEBUG" : "WARN", nullptr);
@@ -81,13 +75,10 @@ TEST(LoggerThreads, NoInterleavedOrLostLinesWhileTheLevelChanges) {
     std::vector<int> nextWarn(kThreads, 0);
     std::vector<int> lastDebug(kThreads, -1);
     int lines = 0;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        const size_t lf = text.find('\n', pos);
+    for (size_t pos = 0, lf; pos < text.size(); pos = lf + 1, ++lines) {
+        lf = text.find('\n', pos);
         ASSERT_NE(lf, std::string::npos) << "a line without its end";
         const std::string line = text.substr(pos, lf - pos);
-        pos = lf + 1;
-        ++lines;
         int id = -1, i = -1, used = 0;
         if (sscanf(line.c_str(), "w %d %d %n", &id, &i, &used) == 2) {
             ASSERT_TRUE(id >= 0 && id < kThreads) << line;

@@ -40,6 +40,18 @@ ProcessResult dirclasp(std::vector<std::string> args, std::vector<std::string> e
     return testsupport::runProcess(args, env);
 }
 
+// Runs dirclasp and checks its exit status and standard output; it says
+// everything there, nothing on standard error.
+void expectRun(const std::vector<std::string>& args, int status, const std::string& out,
+               const std::vector<std::string>& env = {}) {
+    const ProcessResult r = dirclasp(args, env);
+    std::string line;
+    for (const auto& a : args) line += " '" + a + "'";
+    EXPECT_EQ(r.exitStatus, status) << line;
+    EXPECT_EQ(r.out, out) << line;
+    EXPECT_EQ(r.err, "") << line;
+}
+
 class Dirclasp : public testing::Test {
 protected:
     void SetUp() override {
@@ -50,31 +62,17 @@ protected:
     std::string target;
 };
 
-TEST_F(Dirclasp, WrongArgumentCountsPrintUsage) {
+TEST_F(Dirclasp, WrongArgumentsPrintUsageAndAccessIsCheckedBeforeTheAction) {
+    expectRun({"-x", "/no/such/dir"}, 254, "Unable to access /no/such/dir\n");
     for (auto args :
          std::vector<std::vector<std::string>>{{}, {"-l"}, {"-l", target, "1", "extra"}}) {
-        ProcessResult r = dirclasp(args);
-        EXPECT_EQ(r.exitStatus, 255);
-        EXPECT_EQ(r.out, kUsage);
-        EXPECT_EQ(r.err, "");
+        expectRun(args, 255, kUsage);
     }
-}
-
-TEST_F(Dirclasp, AccessIsCheckedBeforeTheAction) {
-    ProcessResult r = dirclasp({"-x", "/no/such/dir"});
-    EXPECT_EQ(r.exitStatus, 254);
-    EXPECT_EQ(r.out, "Unable to access /no/such/dir\n");
-
-    r = dirclasp({"-x", target});
-    EXPECT_EQ(r.exitStatus, 255);
-    EXPECT_EQ(r.out, kUsage);
-
     // Actions match exactly.
-    for (const char* bad : {"-L", "-lock", "--lockx", "l", ""}) {
-        r = dirclasp({bad, target});
-        EXPECT_EQ(r.exitStatus, 255) << bad;
-        EXPECT_FALSE(fileExists(target + ".lock"));
+    for (const char* bad : {"-x", "-L", "-lock", "--lockx", "l", ""}) {
+        expectRun({bad, target}, 255, kUsage);
     }
+    EXPECT_FALSE(fileExists(target + ".lock"));
 }
 
 TEST_F(Dirclasp, ADirectoryTheUserCannotWriteIsNotAccessible) {
@@ -98,19 +96,13 @@ TEST_F(Dirclasp, ADirectoryTheUserCannotWriteIsNotAccessible) {
 }
 
 TEST_F(Dirclasp, LockUnlockRelock) {
-    ProcessResult r = dirclasp({"-u", target});
-    EXPECT_EQ(r.exitStatus, 0) << "unlocking an unlocked directory succeeds";
-    EXPECT_EQ(r.out, "");
-
-    r = dirclasp({"-l", target});
-    EXPECT_EQ(r.exitStatus, 0);
-    EXPECT_EQ(r.out, "") << "success prints nothing";
+    expectRun({"-u", target}, 0, "");  // unlocking an unlocked directory succeeds
+    expectRun({"-l", target}, 0, "");  // success prints nothing
     const std::string contents = testsupport::readFile(target + ".lock");
     EXPECT_NE(contents.find("\ndirclasp"), std::string::npos) << contents;
     EXPECT_EQ(contents.back(), 'p') << "no line feed at the end";
 
-    r = dirclasp({"--unlock", target});
-    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(dirclasp({"--unlock", target}).exitStatus, 0);
     EXPECT_FALSE(fileExists(target + ".lock"));
 
     EXPECT_EQ(dirclasp({"--lock", target, "5"}).exitStatus, 0);
@@ -140,7 +132,7 @@ TEST_F(Dirclasp, ANegativeTimeOutWaitsForEver) {
     // ...and done soon after the holder lets go.
     ASSERT_EQ(dirclasp({"-u", target}).exitStatus, 0);
     ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    ProcessResult r = waiter.get();
+    const ProcessResult r = waiter.get();
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_EQ(r.out, "");
     EXPECT_TRUE(fileExists(target + ".lock"));
@@ -149,13 +141,9 @@ TEST_F(Dirclasp, ANegativeTimeOutWaitsForEver) {
 TEST_F(Dirclasp, HardFailuresPrintAndReturnTheResult) {
     // The lock name taken by a directory: unlink fails with EISDIR.
     ASSERT_EQ(mkdir((target + ".lock").c_str(), 0755), 0);
-    ProcessResult r = dirclasp({"-u", target});
-    EXPECT_EQ(r.exitStatus, 255);
-    EXPECT_EQ(r.out, "Unable to release lock on " + target + "\n");
+    expectRun({"-u", target}, 255, "Unable to release lock on " + target + "\n");
     // While it stands there, locking is busy: a time-out, not a failure.
-    r = dirclasp({"-l", target, "0"});
-    EXPECT_EQ(r.exitStatus, 255);
-    EXPECT_EQ(r.out, "Timeout out acquiring lock on " + target + "\n");
+    expectRun({"-l", target, "0"}, 255, "Timeout out acquiring lock on " + target + "\n");
 }
 
 TEST_F(Dirclasp, UnusableFileSystemsFailUnlessOptimistic) {
@@ -167,15 +155,11 @@ TEST_F(Dirclasp, UnusableFileSystemsFailUnlessOptimistic) {
     ASSERT_NE(mkdtemp(shmTemplate), nullptr);
     const std::string shm = shmTemplate;
 
-    ProcessResult r = dirclasp({"-l", shm}, {"OPTIMISTIC_ABOUT_FILE_LOCKING="});
-    EXPECT_EQ(r.exitStatus, 255);
-    EXPECT_EQ(r.out, "Unable to acquire lock on " + shm + "\n");
-
-    r = dirclasp({"-l", shm}, {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
-    EXPECT_EQ(r.exitStatus, 0);
+    expectRun({"-l", shm}, 255, "Unable to acquire lock on " + shm + "\n",
+              {"OPTIMISTIC_ABOUT_FILE_LOCKING="});
+    expectRun({"-l", shm}, 0, "", {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
     EXPECT_TRUE(fileExists(shm + ".lock"));
-    r = dirclasp({"-u", shm}, {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
-    EXPECT_EQ(r.exitStatus, 0);
+    expectRun({"-u", shm}, 0, "", {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes"});
     testsupport::removeTree(shm);
 }
 

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
+#include "support/TextMatch.h"
 
 namespace {
 
@@ -59,42 +60,38 @@ TEST(Thread, NamesLoseTheirBlanksAndTheKernelKeepsFifteenBytes) {
     EXPECT_TRUE(spinUntil([&] { return comm(longName) == "TcpChannelThrea\n"; })) << comm(longName);
 }
 
-TEST(Thread, AnUnstartedThreadIsJoinedQuietlyAndNeverRuns) {
-    std::atomic<bool> ran{false};
-    auto flag = [&] { ran = true; };
-    const unsigned before = Thread::approximateThreadCount();
-    {
-        ThreadFunction t(flag, "unstarted");
-        EXPECT_EQ(Thread::approximateThreadCount(), before + 1) << "counted from construction";
-    }
-    ASSERT_TRUE(spinUntil([&] { return Thread::approximateThreadCount() == before; }));
-    ThreadFunction(flag, "unstarted").joinEvenIfUnstarted();
-    EXPECT_FALSE(ran.load());
-    ThreadFunction started(flag, "started");
-    started.go();
-    started.joinEvenIfUnstarted();
-    EXPECT_TRUE(ran.load());
-}
-
+// The crash report describes a thread from the thread itself: its scratch
+// is its own stack, gone once joined.
 TEST(Thread, TheCurrentThreadKnowsItselfAndATerminateExceptionEndsItQuietly) {
     EXPECT_TRUE(Thread::currentIsMainThread());
     EXPECT_STREQ(Thread::currentName(), "MainThread");
     EXPECT_EQ(Thread::currentId(), static_cast<pid_t>(syscall(SYS_gettid)));
     pid_t id = 0;
+    std::string running;
+    std::atomic<bool> rendered{false};
     ThreadFunction t(
         [&] {
             EXPECT_EQ(Thread::current(), &t);
             EXPECT_STREQ(Thread::currentName(), "self-aware");
             EXPECT_FALSE(Thread::currentIsMainThread());
             id = Thread::currentId();
+            running = crashText(*Thread::current());
+            rendered = true;
             throw Thread::TerminateException("enough");
             ADD_FAILURE() << "went on after the TerminateException";
         },
         "self-aware");
     t.go();
+    ASSERT_TRUE(spinUntil([&] { return rendered.load(); }));  // before join() changes did_join
     t.join();
     EXPECT_EQ(id, t.kernelId());
     EXPECT_NE(id, 0);
+    EXPECT_TRUE(testsupport::contains(running, "did_join=0, ready_to_run, token="));
+    EXPECT_TRUE(testsupport::contains(running, "\nMutexByte: MutexByte-waiting={none}\n"));
+    const std::string after = crashText(t);
+    EXPECT_TRUE(after.starts_with("Thread: \"self-aware\", did_join=1, ready_to_run, token=0x"))
+        << after;
+    EXPECT_EQ(after.find("MutexByte"), std::string::npos) << after;
 
     // A thread the library didn't make.
     std::thread([] {
@@ -130,7 +127,9 @@ TEST(ThreadDeathTest, MisuseIsAnAssertionAndAnyOtherExceptionEndsTheProcess) {
 
 // ---------------------------------------------------------------- the list
 
-TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
+// Threads are counted from construction; only started ones are listed, until
+// their main returns. One never started is joined, or destroyed, quietly.
+TEST(Thread, RunningThreadsAreListedUntilTheirMainReturnsAndUnstartedOnesNeverRun) {
     struct Collect : iterate_running_threads_callback {
         std::set<const Thread*> seen;
         void thread(Thread* t) override { seen.insert(t); }
@@ -141,23 +140,30 @@ TEST(Thread, RunningThreadsAreListedUntilTheirMainReturns) {
         running.fetch_add(1);
         spinUntil([&] { return !hold.load(); });
     };
-    ThreadFunction listed(body, "listed"), hidden(body, "hidden"), unstarted(body, "unstarted");
-    hidden.excludeFromGlobalThreadList();
-    listed.go();
-    hidden.go();
-    ASSERT_TRUE(spinUntil([&] { return running.load() == 2; }));
-    Thread::iterateEachRunning(c);
-    EXPECT_EQ(c.seen.count(&listed), 1u);
-    EXPECT_EQ(c.seen.count(&hidden) + c.seen.count(&unstarted), 0u);
-    EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "listed"; }), &listed);
-    EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "hidden"; }), nullptr);
+    const unsigned before = Thread::approximateThreadCount();
+    {
+        ThreadFunction listed(body, "listed"), hidden(body, "hidden"), unstarted(body, "unstarted"),
+            dropped(body, "dropped");
+        EXPECT_EQ(Thread::approximateThreadCount(), before + 4);
+        hidden.excludeFromGlobalThreadList();
+        listed.go();
+        hidden.go();
+        ASSERT_TRUE(spinUntil([&] { return running.load() == 2; }));
+        Thread::iterateEachRunning(c);
+        EXPECT_EQ(c.seen.count(&listed), 1u);
+        EXPECT_EQ(c.seen.count(&hidden) + c.seen.count(&unstarted), 0u);
+        EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "listed"; }), &listed);
+        EXPECT_EQ(Thread::find_if([](const Thread& t) { return t.name() == "hidden"; }), nullptr);
 
-    hold = false;
-    listed.join();
-    hidden.join();
-    unstarted.joinEvenIfUnstarted();
-    Thread::iterateEachRunning(after);
-    EXPECT_EQ(after.seen.count(&listed), 0u);
+        hold = false;
+        listed.joinEvenIfUnstarted();  // started: an ordinary join
+        hidden.join();
+        unstarted.joinEvenIfUnstarted();
+        EXPECT_EQ(running.load(), 2);
+        Thread::iterateEachRunning(after);
+        EXPECT_EQ(after.seen.count(&listed), 0u);
+    }
+    EXPECT_TRUE(spinUntil([&] { return Thread::approximateThreadCount() == before; }));
 }
 
 TEST(ThreadTokenSet, LookupsAfterInsertsSortAndErasesCloseGaps) {
@@ -235,30 +241,6 @@ TEST(Thread, RefusedSchedulingStillStarts) {
     }
 }
 
-// The description the crash report tests read.
-TEST(Thread, CrashLogDescribesTheThread) {
-    // The thread describes itself: its scratch is its own stack.
-    std::string running;
-    std::atomic<bool> rendered{false};
-    ThreadFunction t(
-        [&] {
-            running = crashText(*Thread::current());
-            rendered = true;
-        },
-        "described");
-    t.go();
-    ASSERT_TRUE(spinUntil([&] { return rendered.load(); }));  // before join() changes did_join
-    t.join();
-    EXPECT_NE(running.find("did_join=0, ready_to_run, token="), std::string::npos) << running;
-    EXPECT_NE(running.find("\nMutexByte: MutexByte-waiting={none}\n"), std::string::npos)
-        << running;
-    // Joined: the scratch is gone with the thread's stack.
-    const std::string after = crashText(t);
-    EXPECT_TRUE(after.starts_with("Thread: \"described\", did_join=1, ready_to_run, token=0x"))
-        << after;
-    EXPECT_EQ(after.find("MutexByte"), std::string::npos) << after;
-}
-
 // ---------------------------------------------------------------- signal context
 
 class Probe : public Thread::InSignalContextActor {
@@ -298,10 +280,8 @@ TEST(Thread, CodeRunsInsideTheTargetsSignalHandler) {
     Probe again;
     EXPECT_TRUE(target->runInUnixSignalContext(&again));
     EXPECT_EQ(again.ranOn.load(), target->kernelId());
-}
 
-TEST(Thread, RequestsFromSeveralThreadsRunOneAtATime) {
-    Held target("target");
+    // Requests from several threads run one at a time.
     std::atomic<int> done{0};
     auto request = [&] {
         for (int k = 0; k < 20; ++k) {
