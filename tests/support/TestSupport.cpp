@@ -149,6 +149,31 @@ std::string readFile(const std::string& path) {
     return s.str();
 }
 
+std::vector<std::vector<std::string>> dataRows(const std::string& name) {
+    const std::string path = TARVEX_SOURCE_DIR "/tests/data/" + name;
+    std::istringstream in(readFile(path));
+    std::vector<std::vector<std::string>> out;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        auto& row = out.emplace_back(1);
+        for (size_t i = 0; i < line.size(); ++i) {
+            char c = line[i];
+            if (c == '|') {
+                row.emplace_back();
+                continue;
+            }
+            if (c == '\\' && ++i < line.size()) {
+                c = line[i];
+                if (c == 'r' || c == 'n' || c == 't') c = c == 'r' ? '\r' : c == 'n' ? '\n' : '\t';
+                if (c == 'x') c = char(std::stoi(line.substr(i + 1, 2), nullptr, 16)), i += 2;
+            }
+            row.back() += c;
+        }
+    }
+    if (out.empty()) throw std::runtime_error("no rows in " + path);
+    return out;
+}
+
 void writeFile(const std::string& path, const std::string& contents) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << contents;

@@ -58,6 +58,12 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
 bool waitUntil(const std::function<bool()>& condition, double seconds);
 
 std::string readFile(const std::string& path);
+
+// The rows of the table tests/data/NAME: fields split at '|'; "\r", "\n",
+// "\t" and "\xHH" stand for those bytes, a backslash before any other
+// character for that character. Empty lines and '#' comments are skipped; a
+// table without rows throws.
+std::vector<std::vector<std::string>> dataRows(const std::string& name);
 void writeFile(const std::string& path, const std::string& contents);
 bool fileExists(const std::string& path);
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,19 +9,8 @@
 
 namespace {
 
-// The rows of tests/data/HttpAcceptLanguageTest/NAME, fields split at '|';
-// lines starting with '#' skipped.
 std::vector<std::vector<std::string>> rows(const std::string& name) {
-    std::istringstream in(
-        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/HttpAcceptLanguageTest/" + name));
-    std::vector<std::vector<std::string>> out;
-    for (std::string line; std::getline(in, line);) {
-        if (line[0] == '#') continue;
-        std::istringstream fields(line + "|");
-        auto& row = out.emplace_back();
-        for (std::string f; std::getline(fields, f, '|');) row.push_back(f);
-    }
-    return out;
+    return testsupport::dataRows("HttpAcceptLanguageTest/" + name);
 }
 
 TEST(HttpAcceptLanguage, ParsesSortsAndPrints) {

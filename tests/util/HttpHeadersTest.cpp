@@ -25,32 +25,9 @@ std::vector<std::string> splitLines(const std::string& text, const std::string& 
     return lines;
 }
 
-// The rows of tests/data/HttpHeadersTest/NAME: fields split at '|', lines
-// starting with '#' skipped, escapes \r \n \t \xHH, '\' before any other
-// character for itself.
 using Row = std::vector<std::string>;
 std::vector<Row> rows(const std::string& name) {
-    std::vector<Row> out;
-    const std::string path = TARVEX_SOURCE_DIR "/tests/data/HttpHeadersTest/" + name;
-    for (const std::string& line : splitLines(testsupport::readFile(path) + "\n")) {
-        if (line.empty() || line[0] == '#') continue;
-        Row& row = out.emplace_back(1);
-        for (size_t i = 0; i < line.size(); ++i) {
-            char c = line[i];
-            if (c == '|') {
-                row.emplace_back();
-                continue;
-            }
-            if (c == '\\' && ++i < line.size()) {
-                c = line[i];
-                if (c == 'r' || c == 'n' || c == 't') c = c == 'r' ? '\r' : c == 'n' ? '\n' : '\t';
-                if (c == 'x') c = char(std::stoi(line.substr(i + 1, 2), nullptr, 16)), i += 2;
-            }
-            row.back() += c;
-        }
-    }
-    EXPECT_FALSE(out.empty()) << path;
-    return out;
+    return testsupport::dataRows("HttpHeadersTest/" + name);
 }
 
 struct Parsed {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,23 +15,8 @@ public:
     void dispatch(HttpServerTransaction*) override {}
 };
 
-// The rows of tests/data/HttpListenerTest/NAME: fields split at '|', "\r\n"
-// written out for CRLF, lines starting with '#' skipped.
 std::vector<std::vector<std::string>> rows(const std::string& name) {
-    std::istringstream in(
-        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/HttpListenerTest/" + name));
-    std::vector<std::vector<std::string>> out;
-    for (std::string line; std::getline(in, line);) {
-        if (line[0] == '#') continue;
-        for (size_t at; (at = line.find("\\r\\n")) != std::string::npos;) {
-            line.replace(at, 4, "\r\n");
-        }
-        std::istringstream fields(line);
-        auto& row = out.emplace_back();
-        for (std::string f; std::getline(fields, f, '|');) row.push_back(f);
-    }
-    EXPECT_FALSE(out.empty()) << name;
-    return out;
+    return testsupport::dataRows("HttpListenerTest/" + name);
 }
 
 // A transaction on a connection from 10.1.2.3, fed a request head.

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -23,33 +22,9 @@ public:
     Str headers;
 };
 
-// The rows of tests/data/HttpReplyTest/NAME: fields split at '|', lines
-// starting with '#' skipped, escapes \r \n \t \xHH, '\' before any other
-// character for itself.
 using Row = std::vector<std::string>;
 std::vector<Row> rows(const std::string& name) {
-    std::vector<Row> out;
-    std::istringstream in(
-        testsupport::readFile(TARVEX_SOURCE_DIR "/tests/data/HttpReplyTest/" + name));
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        Row& row = out.emplace_back(1);
-        for (size_t i = 0; i < line.size(); ++i) {
-            char c = line[i];
-            if (c == '|') {
-                row.emplace_back();
-                continue;
-            }
-            if (c == '\\' && ++i < line.size()) {
-                c = line[i];
-                if (c == 'r' || c == 'n' || c == 't') c = c == 'r' ? '\r' : c == 'n' ? '\n' : '\t';
-                if (c == 'x') c = char(std::stoi(line.substr(i + 1, 2), nullptr, 16)), i += 2;
-            }
-            row.back() += c;
-        }
-    }
-    EXPECT_FALSE(out.empty()) << name;
-    return out;
+    return testsupport::dataRows("HttpReplyTest/" + name);
 }
 
 // The golden reply named `name`: the reply and what Python reads of it.
