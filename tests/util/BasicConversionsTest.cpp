@@ -25,8 +25,6 @@ TEST(Stringify, BasicTypesAndShortestFixedPointDoubles) {
         {Str::from(LLONG_MIN), "-9223372036854775808"},
         {Str::from(ULLONG_MAX), "18446744073709551615"},
         {Str::from(static_cast<const char*>(nullptr)), "(null)"},
-        {Str::from(StrSegment("seg")) + Str::from(std::string("std")) + Str::from(Str("str")),
-         "segstdstr"},
         {Str::from(static_cast<const void*>(nullptr)), "(nil)"},
     };
     for (const auto& [got, want] : cases) EXPECT_EQ(got, want);
@@ -83,12 +81,9 @@ TEST(ParseInto, EachTypeByItsOwnRules) {
     EXPECT_EQ(parsed<unsigned short>("65536"), "-");
     EXPECT_EQ(parsed<unsigned long long>("18446744073709551615"), "18446744073709551615");
     EXPECT_EQ(parsed<unsigned long long>("18446744073709551616"), "-");
-    for (const char* yes : {"1", "t", "T", "true", "TRUE", "yes", "YeS"}) {
-        EXPECT_EQ(parsed<bool>(yes), "1") << yes;
-    }
-    for (const char* bad : {"y", "n", "", "on", "2", (const char*)nullptr}) {
-        EXPECT_EQ(parsed<bool>(bad), "-") << testing::PrintToString(bad);
-    }
+    // bool is mem_tryToBool's accept set (StrNumbersTest) but for null.
+    EXPECT_EQ(parsed<bool>("YeS"), "1");
+    EXPECT_EQ(parsed<bool>(nullptr), "-");
     for (const char* bad : {"Infinity", "1e999", "1.5 "})
         EXPECT_EQ(parsed<double>(bad), "-") << bad;
     EXPECT_EQ(parsed<double>("-2.5e3"), "-2500");

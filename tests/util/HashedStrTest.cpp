@@ -52,25 +52,11 @@ TEST(HashedStrReference, KeyBlockHoldsHeaderThenText) {
     EXPECT_EQ(Str::from(a), x);
 }
 
-// Blocks released one at a time, from the head, the tail and between, then
-// the rest at once: a wrong link shows as a leak, a double free or a
-// use after free under ASan, and as a wrong count here.
-TEST(HashedStrMap_KeyPool, ReleasesSingleBlocksAndAll) {
-    std::mt19937_64 rng(3);
-    HashedStrMap_KeyPool pool;
-    std::vector<HashedStrReference> live;
-    for (int i = 0; i < 200; ++i) live.push_back(pool.create(std::to_string(i).c_str()));
-    while (live.size() > 50) {
-        const size_t pick = live.size() % 3 == 0   ? 0
-                            : live.size() % 3 == 1 ? live.size() - 1
-                                                   : rng() % live.size();
-        pool.destroy(live[pick].metadata());
-        live.erase(live.begin() + static_cast<ptrdiff_t>(pick));
-        ASSERT_EQ(pool.size(), live.size());
-    }
-    for (const HashedStrReference& r : live) EXPECT_EQ(r.hash(), referenceDjb2(r.data()));
-
-    HashedStrMap_KeyPool other;
+// Single blocks released from every place in the list are the map's
+// random test's (each erase releases its key block, under ASan).
+TEST(HashedStrMap_KeyPool, SwapAndFreeAll) {
+    HashedStrMap_KeyPool pool, other;
+    for (int i = 0; i < 50; ++i) pool.create(std::to_string(i).c_str());
     const HashedStrReference kept = other.create("kept");
     pool.swap(other);
     EXPECT_EQ(pool.size(), 1u);
@@ -93,9 +79,8 @@ TEST(HashedStrMapKeyGenerator, EqualTextsShareOneBlock) {
     EXPECT_EQ(generator.size(), family.size());
     for (size_t i = 0; i < family.size(); ++i) {
         const std::string& t = family[i];
+        // The other forms of get() hash and forward in a line.
         EXPECT_EQ(generator.get(t.c_str()).metadata(), first[i]);
-        EXPECT_EQ(generator.get(t.data(), t.size()).metadata(), first[i]);
-        EXPECT_EQ(generator.get(t.data(), t.size(), referenceDjb2(t)).metadata(), first[i]);
         EXPECT_TRUE(generator.get(t.c_str()).seg().equals(StrSegment(t)));
     }
     EXPECT_EQ(generator.size(), family.size());

@@ -105,12 +105,8 @@ TEST(MemNumbers, ErrnoIsLeftAsTheCallerHadIt) {
     EXPECT_EQ(errno, EINVAL);
 }
 
+// The other to-forms forward to their try-forms in one line each.
 TEST(MemNumbers, DefaultsOfTheToForms) {
-    EXPECT_EQ(mem_toSizet("x", 1, 3), 3u);
-    EXPECT_EQ(mem_toUnsigned("0x10", 4, 0, 0), 16u);
-    EXPECT_EQ(mem_toInt("010", 3, 0, 0), 8);
-    EXPECT_EQ(mem_toLong(nullptr, 0, 4), 4);
-    EXPECT_EQ(mem_toDouble("2.5x", 4, -1), -1);
     EXPECT_EQ(mem_toDouble("2.5x", 3, -1), 2.5) << "only the given bytes are read";
     EXPECT_FALSE(mem_tryToDouble(nullptr, 0, nullptr));
     EXPECT_TRUE(mem_toBool("", 0, true, false)) << "the empty default";

@@ -17,7 +17,6 @@ TEST(StrVector, ConstructionLookupAndText) {
     EXPECT_TRUE(v.contains("ab", 1));
     v.push_back("xyz", 2);
     EXPECT_EQ(v.back(), "xy");
-    EXPECT_TRUE(StrVector::EMPTY_STRVECTOR.empty());
 
     const StrVector t("a", "b c", "", nullptr);
     EXPECT_EQ(t.toString(), "{[0]='a' [1]='b c' [2]=''}");

@@ -141,7 +141,8 @@ TEST(UnicodeCase, TextsOfAllOfUnicodeMapAsTheirCharacters) {
 }
 
 // Characters whose other case is longer in UTF-8 make the output outgrow the
-// input; many of them in a row, behind ASCII, grow it again and again.
+// input; many of them in a row, behind ASCII, grow it again and again. In
+// place it maps as into another string: fuzz/unicode_case.cpp.
 TEST(UnicodeCase, OutputGrowsPastTheInputLength) {
     for (bool toUpper : {false, true}) {
         std::string text, expected;
@@ -157,8 +158,6 @@ TEST(UnicodeCase, OutputGrowsPastTheInputLength) {
         Str out;
         (toUpper ? Str::str_toupper : Str::str_tolower)(Str(text), &out);
         EXPECT_TRUE(out == expected) << "toUpper " << toUpper;
-        Str inPlace(text);
-        EXPECT_TRUE((toUpper ? inPlace.toUppercase() : inPlace.toLowercase()) == expected);
     }
 }
 
@@ -219,9 +218,6 @@ TEST(MemCompareCaseless, EdgesOfLengthAndBytes) {
             << testing::PrintToString(a) << " vs " << testing::PrintToString(b);
         EXPECT_EQ(mem_compare_caseless(b.data(), b.size(), a.data(), a.size()), -want);
     }
-    EXPECT_EQ(mem_compare_caseless("ABC", 3, "abc"), 0);
-    EXPECT_EQ(mem_compare_caseless("AB", 2, "abc"), -1);
-    EXPECT_EQ(mem_compare_caseless("ABC\xC3\x89", 5, "abc\xC3\xA8"), 1);
 }
 
 // For valid text the order is the byte order of the texts lower-cased by the
@@ -278,18 +274,9 @@ std::vector<uint32_t> expectedMarks() {
     return marks;
 }
 
-TEST(CombiningMarks, TableHoldsTheMarksOfCanonicalDecompositions) {
-    const std::vector<uint32_t> marks = expectedMarks();
-    ASSERT_EQ(utf8_combiner_marks_count, marks.size());
-    ASSERT_LE(marks.size(), 64u);
-    for (size_t i = 0; i < marks.size(); ++i) {
-        EXPECT_EQ(utf8_combiner_marks[i].utf8bytes, codepoint_to_utf8bytes(marks[i])) << i;
-        EXPECT_EQ(utf8_combiner_marks[i].bit, uint64_t{1} << i) << hexOf(marks[i]);
-    }
-}
-
 // Each composing character from its base and mark, and from its starter and
-// all its marks, in one text with neighbours on both sides.
+// all its marks, in one text with neighbours on both sides: a mark missing
+// from the table, or two sharing a bit, leaves some of them apart.
 TEST(CombiningMarks, ComposeWhatCanonicalDecompositionsSplit) {
     const std::vector<uint32_t> marks = expectedMarks();
     auto isMark = [&](uint32_t c) { return std::binary_search(marks.begin(), marks.end(), c); };
@@ -383,27 +370,25 @@ TEST(RemoveFirstCodepoint, AgreesWithPythonOnEveryLeadAndSecondByte) {
 // Python's decoder, dropping what is invalid, yields the same characters as
 // feeding the bytes one by one.
 TEST(AccumulateUtf8Byte, YieldsTheCharactersPythonDecodes) {
-    const std::vector<std::string> pieces = {
-        "a",
-        "\xC3\xA9",
-        "\xE2\x82\xAC",
-        "\xF0\x9F\x98\x80",
-        "\x80",
-        "\xBF",
-        "\xC2",
-        "\xE2\x82",
-        "\xF0\x9F\x98",
-        "\xED\xA0\x80",
-        "\xE0\x9F\xBF",
-        "\xC0",
-        "\xC1\xBF",
-        "\xF4\x90\x80\x80",
-        "\xF5",
-        "\xFF",
-        "\xE0\xA0\x80",
-        "\xF4\x8F\xBF\xBF",
-        "\xF0\x8F\xBF\xBF",
-    };
+    const std::vector<std::string> pieces = {"a",
+                                             "\xC3\xA9",
+                                             "\xE2\x82\xAC",
+                                             "\xF0\x9F\x98\x80",
+                                             "\x80",
+                                             "\xBF",
+                                             "\xC2",
+                                             "\xE2\x82",
+                                             "\xF0\x9F\x98",
+                                             "\xED\xA0\x80",
+                                             "\xE0\x9F\xBF",
+                                             "\xC0",
+                                             "\xC1\xBF",
+                                             "\xF4\x90\x80\x80",
+                                             "\xF5",
+                                             "\xFF",
+                                             "\xE0\xA0\x80",
+                                             "\xF4\x8F\xBF\xBF",
+                                             "\xF0\x8F\xBF\xBF"};
     std::mt19937 rng(9);
     std::vector<std::string> inputs;
     for (int i = 0; i < 3000; ++i) {
