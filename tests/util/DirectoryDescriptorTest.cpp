@@ -57,7 +57,6 @@ TEST(DirectoryIterator, AgreesWithFind) {
     }
     EXPECT_FALSE(it.getNext(name));  // finished stays finished
     EXPECT_EQ(ours, findListing(root));
-    EXPECT_EQ(ours.size(), 56u);
 
     // Sorted: the same names in byte order.
     std::vector<std::string> sorted;
@@ -80,8 +79,6 @@ TEST(DirectoryIterator, EmptyMissingAndRetried) {
     EXPECT_EQ(name, "a");
     EXPECT_FALSE(it.getNext(name));
 
-    SortedDirectoryIterator empty(Pathname(dir.path()) / "later/..");
-    EXPECT_TRUE(empty.getNext(name));  // "later" itself
     Pathname emptyDir = Pathname(dir.path()) / "empty";
     ASSERT_TRUE(emptyDir.mkdir(Pathname::MKDIR_NORMAL));
     SortedDirectoryIterator none(emptyDir);

@@ -190,30 +190,20 @@ TEST(GzipHeader, OptionalFieldsSplitAtEveryByte) {
             in.cut = cut;
             ASSERT_TRUE(readAll(in).text == data) << "split at " << cut;
         }
-        MemoryGzipReader byteByByte(gz, 1);
-        EXPECT_TRUE(readAll(byteByByte).text == data);
     }
 }
 
 TEST(GzipHeader, BytesThatCannotBeGzipAreENOEXEC) {
     const std::string good = gzipCommand("-cn", "payload");
-    const struct {
-        const char* what;
-        size_t at;
-        char byte;
-    } cases[] = {{"first magic", 0, 0x1E},
-                 {"second magic", 1, 0x00},
-                 {"method", 2, 7},
-                 {"reserved flag 0x20", 3, 0x20},
-                 {"reserved flag 0x40", 3, 0x40},
-                 {"reserved flag 0x80", 3, char(0x80)},
-                 {"reserved block type", 10, 0x07}};
-    for (const auto& c : cases) {
+    // The magic, the method, each reserved flag, a reserved block type.
+    const std::pair<size_t, char> cases[] = {{0, 0x1E}, {1, 0x00},       {2, 7},    {3, 0x20},
+                                             {3, 0x40}, {3, char(0x80)}, {10, 0x07}};
+    for (const auto& [at, byte] : cases) {
         std::string bad = good;
-        bad[c.at] = c.byte;
+        bad[at] = byte;
         const ReadResult r = readAll(bad);
-        EXPECT_EQ(r.last, -1) << c.what;
-        EXPECT_EQ(r.error, ENOEXEC) << c.what;
+        EXPECT_EQ(r.last, -1) << "byte " << at << " = " << int(byte);
+        EXPECT_EQ(r.error, ENOEXEC) << "byte " << at << " = " << int(byte);
     }
     // Anything after a member but another member is not gzip either. The
     // error comes at once, so the member is read in a call of its own.

