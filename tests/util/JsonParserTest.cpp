@@ -351,7 +351,8 @@ std::vector<std::string> filesIn(const std::string& dir, const char* prefix) {
     return names;
 }
 
-// parse -> print -> parse is a fixpoint, and jq reads the same values.
+// jq reads the same values (that printing and parsing again is a fixpoint is
+// the json fuzz target's work).
 TEST(JsonDocument, RoundTripsAgreeWithJq) {
     if (access("/usr/bin/jq", X_OK) != 0) GTEST_SKIP() << "jq not installed";
     std::vector<std::string> files = filesIn(kSuite, "y_");
@@ -362,10 +363,6 @@ TEST(JsonDocument, RoundTripsAgreeWithJq) {
         JsonDocument doc;
         const std::string text = testsupport::readFile(path);
         if (!mem_parse_into(text.data(), text.size(), &doc)) continue;  // a top-level scalar
-        const std::string once = compact(doc);
-        const JsonDocument again = parse(once);
-        EXPECT_EQ(compact(again), once) << path;
-        EXPECT_TRUE(sameTree(doc.root(), again.root())) << path;
         if (hasDuplicateKeys(doc.root())) continue;  // jq keeps the last of equal keys
         const testsupport::ProcessResult jq =
             testsupport::runProcess({"/usr/bin/jq", "-c", ".", path});

@@ -22,30 +22,6 @@ TEST(LoggerFormat, PercentMIsTheGivenErrorNumber) {
     Str s("stale");
     Logger::format(s, EACCES, "%s: %m", "x");
     EXPECT_EQ(s, "x: Permission denied") << "format replaces";
-    Logger::appendFormat(s, 0, " (%m)");
-    EXPECT_EQ(s, "x: Permission denied (Success)");
-    errno = ENOSPC;
-    Logger::appendFormat(s, " %m");
-    EXPECT_EQ(s, "x: Permission denied (Success) No space left on device");
-}
-
-TEST(LoggerFormat, CallbacksRunAroundTheMessage) {
-    struct Decorate : LogFormatCallback {
-        void beforeFormat(Str& m) override { m.append("[before] "); }
-        void afterFormat(Str& m) override { m.append(" [after]"); }
-    } decorate;
-    Str s;
-    auto format = [&](bool append, const char* fmt, ...) {
-        va_list args;
-        va_start(args, fmt);
-        append ? Logger::appendVformat(s, EBADF, &decorate, fmt, args)
-               : Logger::vformat(s, ENOENT, &decorate, fmt, args);
-        va_end(args);
-    };
-    format(true, "%d %m", 7);
-    EXPECT_EQ(s, "[before] 7 Bad file descriptor [after]");
-    format(false, "%s", "new");
-    EXPECT_EQ(s, "[before] new [after]") << "this form replaces";
 }
 
 class FileError : public BaseException {
@@ -56,20 +32,11 @@ public:
         vformat(errnum, "FileError: ", fmt, args);
         va_end(args);
     }
-    explicit FileError(const char* fmt, ...) {
-        va_list args;
-        va_start(args, fmt);
-        vformat(nullptr, fmt, args);
-        va_end(args);
-    }
 };
 
 TEST(BaseExceptionFormat, PrefixAndErrorNumber) {
     EXPECT_STREQ(FileError(ENOENT, "cannot open %s: %m", "/etc/x").what(),
                  "FileError: cannot open /etc/x: No such file or directory");
-    errno = EEXIST;
-    EXPECT_STREQ(FileError("exists? %m").what(), "exists? File exists")
-        << "without a number: errno at the call, and no prefix";
 }
 
 // ---------------------------------------------------------------- layouts

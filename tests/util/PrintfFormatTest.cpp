@@ -314,7 +314,6 @@ TEST(PrintfRules, OptionsOfTheParser) {
     EXPECT_EQ(parse("%m", 0).conversion, PrintfFormatAtom::CONV_CONSTANT_STRING);
     EXPECT_EQ(parse("%m", PRINTF_ALLOW_STRERROR).conversion, PrintfFormatAtom::CONV_STRERROR);
     EXPECT_EQ(parse("%p", 0).size, sizeof(void*)) << "%X of the pointer, all of it";
-    EXPECT_EQ(parse("%zu", 0).size, 8u);
     EXPECT_EQ(parse("%z", PRINTF_Z_IS_STRING).conversion, PrintfFormatAtom::CONV_STRING);
     EXPECT_EQ(parse("%z", 0).conversion, PrintfFormatAtom::CONV_CONSTANT_STRING);
     // Directives that turn into text take no argument, stars or not.
@@ -456,10 +455,6 @@ TEST(PrintfFormatString, EachConversionOnItsOwnPrintObjectsAndStrFormat) {
     EXPECT_EQ(Str::from(print_decimal_number_with_commas{"-123", 0}), "-123");
     EXPECT_EQ(Str::from(print_decimal_number_with_commas{"12", 4}), "120,000");
     EXPECT_EQ(Str::from(print_decimal_number_with_commas{"999", 0}), "999");
-    EXPECT_EQ(Str::from(print_pointer{reinterpret_cast<void*>(0xab)}), "0xab");
-    EXPECT_EQ(Str::from(print_strerror{EACCES}), "Permission denied");
-    EXPECT_EQ(Str::from(print_strerror{123456}), "Unknown error 123456");
-    EXPECT_EQ(Str::from(print_spaces{3}) + Str::from(print_zeros{2}), "   00");
     EXPECT_EQ(Str::from(print_lowercase_hex_bytes{bytes, 3}), "00ab7f");
     EXPECT_EQ(Str::from(print_uppercase_hex_bytes{bytes, 3}), "00AB7F");
 
@@ -468,9 +463,6 @@ TEST(PrintfFormatString, EachConversionOnItsOwnPrintObjectsAndStrFormat) {
     EXPECT_EQ(s, "1-a");
     s.appendFormat("+%x", 255);
     EXPECT_EQ(s, "1-a+ff");
-    Str many;
-    for (int i = 0; i < 100; ++i) many.appendFormat("%s%d", "item", i);
-    EXPECT_EQ(many.size(), 400u + 10 + 180);
 }
 
 }  // namespace

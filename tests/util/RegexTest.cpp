@@ -65,11 +65,7 @@ TEST(Regex, ModesAndRest) {
             << r.pattern << " " << r.text << " " << r.offset;
 }
 
-TEST(Regex, DescribesItself) {
-    EXPECT_EQ(Str::from(Regex("a/b+")), "/a/b+/");
-    EXPECT_EQ(testsupport::crashText(Regex("x\\d")), "/x\\d/");
-    EXPECT_EQ(testsupport::crashText(Regex()), "//");
-}
+TEST(Regex, AnEmptyOneDescribesItself) { EXPECT_EQ(testsupport::crashText(Regex()), "//"); }
 
 TEST(Regex, InvalidUtf8SubjectsNeverMatch) {
     const Regex any(".*");

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -181,25 +180,6 @@ TEST(ThreadTokenSet, LookupsAfterInsertsSortAndErasesCloseGaps) {
     EXPECT_EQ(crashText(set), "{0x5,0xa,0x1e,0x28,0x32}");
     set.clear();
     EXPECT_FALSE(set.contains(token(5)));
-}
-
-TEST(Thread, SchedulingPoliciesByName) {
-    for (auto [p, text] : {std::pair{Thread::SCHED_POLICY_OTHER, "other"},
-                           std::pair{Thread::SCHED_POLICY_FIFO, "fifo"},
-                           std::pair{Thread::SCHED_POLICY_ROUND_ROBIN, "round_robin"}}) {
-        EXPECT_EQ(Str::from(p), text);
-        Thread::SchedPolicy parsed = Thread::SCHED_POLICY_OTHER;
-        ASSERT_TRUE(mem_parse_into(text, strlen(text), &parsed));
-        EXPECT_EQ(parsed, p);
-    }
-    Str none;
-    append_stringified(&none, static_cast<Thread::SchedPolicy>(7));
-    EXPECT_EQ(none, "none");
-    Thread::SchedPolicy kept = Thread::SCHED_POLICY_FIFO;
-    for (const char* bad : {"FIFO", "fifo ", "", "rr"}) {
-        EXPECT_FALSE(mem_parse_into(bad, strlen(bad), &kept)) << bad;
-        EXPECT_EQ(kept, Thread::SCHED_POLICY_FIFO);
-    }
 }
 
 // A refused scheduling setting, by the attribute calls or by the kernel at
