@@ -14,9 +14,7 @@ std::vector<std::vector<std::string>> rows(const std::string& name) {
 }
 
 TEST(HttpAcceptLanguage, ParsesSortsAndPrints) {
-    const auto cases = rows("parse");
-    EXPECT_EQ(cases.size(), 15u);
-    for (const auto& c : cases) {
+    for (const auto& c : rows("parse")) {
         HttpAcceptLanguages langs;
         langs._accepted.resize(2);  // cleared by the parse
         const bool ok = mem_parse_into(c[0].data(), c[0].size(), &langs);
@@ -30,9 +28,7 @@ TEST(HttpAcceptLanguage, BestChoice) {
     HttpAcceptLanguageChoices choices;
     choices.setChoices(StrHashSet{"fr", "en-US", "de-DE", "en-GB", "*", "x-y"});
     ASSERT_EQ(choices.choices().size(), 4u);
-    const auto cases = rows("best-choice");
-    EXPECT_EQ(cases.size(), 14u);
-    for (const auto& c : cases) {
+    for (const auto& c : rows("best-choice")) {
         HttpAcceptLanguages langs;
         mem_parse_into(c[0].data(), c[0].size(), &langs);
         EXPECT_EQ(choices.bestFor(langs), c[1]) << c[0];

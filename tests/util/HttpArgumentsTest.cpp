@@ -23,52 +23,13 @@ Pairs pairs(const HttpArguments& args) {
     return out;
 }
 
-// The text pushed in pieces cut at `cuts`; the parse result, then the pairs.
-std::pair<bool, Pairs> parseInPieces(const std::string& text, const std::vector<size_t>& cuts) {
-    HttpArguments args;
-    bool ok = true;
-    {
-        HttpArguments::FillFromUrlEncodedParser parser(&args);
-        size_t from = 0;
-        for (size_t cut : cuts) {
-            ok &= parser.parse(StrSegment(text.data() + from, cut - from));
-            from = cut;
-        }
-        ok &= parser.parse(StrSegment(text.data() + from, text.size() - from));
-        ok &= parser.finish();
-    }
-    return {ok, pairs(args)};
-}
-
-// Whole, every cut in two, and byte by byte agree.
-void expectChunkingChangesNothing(const std::string& text) {
-    const auto whole = parseInPieces(text, {});
-    std::vector<size_t> bytes;
-    for (size_t cut = 0; cut <= text.size(); ++cut) {
-        EXPECT_EQ(parseInPieces(text, {cut}), whole) << text << " cut at " << cut;
-        if (cut > 0) bytes.push_back(cut);
-    }
-    EXPECT_EQ(parseInPieces(text, bytes), whole) << text << " byte by byte";
-}
-
-// Parses `text` over a stale argument and checks what every parse must
-// give: each key found by the hash a caller computes, the same pairs however
-// the text is cut, and the printed form parsing back to the same arguments.
-std::pair<bool, Pairs> parseAndCheck(const std::string& text) {
+// Parses `text` over a stale argument. Splits, the printed form and lookups
+// by hash are fuzz/http_arguments' checks.
+std::pair<bool, Pairs> parse(const std::string& text) {
     HttpArguments args;
     args.add("stale", 5, referenceDjb2("stale"), "x");
     const bool ok = mem_parse_into(text.data(), text.size(), &args);
-    const Pairs got = pairs(args);
-    for (const auto& [k, v] : got) {
-        EXPECT_NE(args.get(k.data(), k.size(), referenceDjb2(k)), nullptr) << text << " key " << k;
-    }
-    expectChunkingChangesNothing(text);
-    Str printed;
-    append_stringified(&printed, args);
-    HttpArguments again;
-    EXPECT_TRUE(mem_parse_into(printed.data(), printed.size(), &again)) << printed;
-    EXPECT_TRUE(again == args) << printed;
-    return {ok, got};
+    return {ok, pairs(args)};
 }
 
 // What the Python differential below cannot reach: ";" also ends a pair
@@ -84,8 +45,7 @@ TEST(HttpArguments, ParsesUrlEncodedText) {
         {"a=%4", false, {{"a", ""}}},
         {"a%", false, {{"a", ""}}},
     };
-    for (const auto& [text, ok, want] : cases)
-        EXPECT_EQ(parseAndCheck(text), std::pair(ok, want)) << text;
+    for (const auto& [text, ok, want] : cases) EXPECT_EQ(parse(text), std::pair(ok, want)) << text;
 }
 
 // Python's parse_qsl over texts of valid escapes, without ";".
@@ -106,7 +66,7 @@ TEST(HttpArguments, AgreesWithPythonParseQsl) {
         {"/usr/bin/env", "python3", TARVEX_SOURCE_DIR "/tests/data/HttpArgumentsTest/parse_qsl.py"},
         inputs);
     for (size_t i = 0; i < inputs.size(); ++i) {
-        const auto [ok, got] = parseAndCheck(inputs[i]);
+        const auto [ok, got] = parse(inputs[i]);
         EXPECT_TRUE(ok) << inputs[i];
         std::string mine;
         for (const auto& [k, v] : got) {
@@ -159,8 +119,6 @@ TEST(HttpArguments, MultimapKeepsCollidingKeysApart) {
     EXPECT_EQ(args.removeKey("z", 1, referenceDjb2("z")), 2u);
     EXPECT_EQ(pairs(args), (Pairs{{y, "y3"}}));
     EXPECT_EQ(args.size(), 1u);
-    ASSERT_TRUE(mem_parse_into("a", 1, &args));  // with removed nodes waiting for reuse
-    EXPECT_EQ(pairs(args), (Pairs{{"a", ""}}));
 }
 
 TEST(HttpArguments, CopyMoveAndSwapKeepTheLinks) {

@@ -214,9 +214,6 @@ TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
     IPv46SocketAddress bound;
     ASSERT_TRUE(listener.localAddress(&bound));
     ASSERT_NE(bound.port().value(), 0);
-    EXPECT_EQ(text(bound), "127.0.0.1");
-    EXPECT_TRUE(bound.isLoopBack());
-    EXPECT_EQ(std::string(bound.uid()), "127.0.0.1:" + std::to_string(bound.port().value()));
 
     ScopedPollableDescriptor client(bound.full_connect());
     ASSERT_TRUE(client.valid()) << strerror(errno);
@@ -231,14 +228,11 @@ TEST(SocketAddress, ListenersConnectAndNameTheirEnds) {
     // The backlog the kernel took is what ss reports as the listener's Send-Q.
     EXPECT_NE(listeners(bound).find(" 5 "), std::string::npos) << listeners(bound);
 
-    // Refused, and timed.
+    // Refused, and timed (streamConnect is connect() with a time limit).
     listener.close();
     ScopedPollableDescriptor refused(bound.full_connect());
     EXPECT_FALSE(refused.valid());
     EXPECT_EQ(errno, ECONNREFUSED);
-    ScopedPollableDescriptor s(PollableDescriptor(socket(AF_INET, SOCK_STREAM, 0)));
-    const SocketError e = s.connect(bound, Interval(1000));
-    EXPECT_TRUE(e.isErrno() && e.data() == ECONNREFUSED);
     SocketError err;
     testing::internal::CaptureStderr();
     EXPECT_FALSE(bound.streamConnect(Interval(1000), &err).valid());

@@ -53,25 +53,20 @@ unsigned disabledReasons(TcpServer& s) {
     return s.inLoop([&] { return s.acceptor().disabledReasons(); });
 }
 
-TEST(TcpChannelLoop, ServesManyShortConnectionsInEitherMode) {
-    for (bool worker : {false, true}) {
-        Journal journal;
-        Options o;
-        if (worker) o.worker = echo;
-        TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
-        server.start();
-        EXPECT_EQ(server.peer({"burst:300"}), Strings{"burst 300 ok"});
-        EXPECT_TRUE(waitUntil([&] { return server.activeChannels() == 0; }, 10));
-        EXPECT_EQ(server.inLoop([&] { return server.acceptor().activeCount(); }), 0u);
-        // One connection at a time: workers are reused, though the next
-        // client may come before the last worker is back.
-        if (worker) {
-            EXPECT_GE(workerThreads(server), 1u);
-            EXPECT_LT(workerThreads(server), 30u);
-        } else {
-            EXPECT_EQ(workerThreads(server), 0u);
-        }
-    }
+// Short connections without workers: SubordinatesShareTheConnections.
+TEST(TcpChannelLoop, ManyShortConnectionsReuseTheWorkers) {
+    Journal journal;
+    Options o;
+    o.worker = echo;
+    TcpServer server([&] { return std::make_unique<TestChannel>(journal, o); });
+    server.start();
+    EXPECT_EQ(server.peer({"burst:300"}), Strings{"burst 300 ok"});
+    EXPECT_TRUE(waitUntil([&] { return server.activeChannels() == 0; }, 10));
+    EXPECT_EQ(server.inLoop([&] { return server.acceptor().activeCount(); }), 0u);
+    // One connection at a time: workers are reused, though the next
+    // client may come before the last worker is back.
+    EXPECT_GE(workerThreads(server), 1u);
+    EXPECT_LT(workerThreads(server), 30u);
 }
 
 TEST(TcpChannelLoop, CurlTelnetClientIsServed) {

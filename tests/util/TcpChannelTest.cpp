@@ -38,10 +38,6 @@ protected:
         return ::serve(journal, o);
     }
 
-    pid_t loopThread(TcpServer& s) {
-        return s.inLoop([] { return pid_t(syscall(SYS_gettid)); });
-    }
-
     Journal journal;
 };
 
@@ -64,7 +60,8 @@ TEST_P(ChannelModes, EchoesWhateverArrivesHowever) {
         EXPECT_EQ(server->peer(actions), expected) << actions[0];
     }
     // Only the loop thread did socket I/O, whichever mode.
-    EXPECT_EQ(socketwitness::threads(), std::set<pid_t>{loopThread(*server)});
+    const pid_t loopThread = server->inLoop([] { return pid_t(syscall(SYS_gettid)); });
+    EXPECT_EQ(socketwitness::threads(), std::set<pid_t>{loopThread});
     EXPECT_TRUE(waitUntil([&] { return server->activeChannels() == 0; }, 10));
 }
 
