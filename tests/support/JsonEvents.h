@@ -115,9 +115,4 @@ inline std::string byteByByte(const std::string& text, const Options& o = Option
     return outcome(r, text, 0, 1);
 }
 
-inline std::string splitAt(const std::string& text, size_t at, const Options& o = Options()) {
-    Recorder r(o);
-    return outcome(r, text, at);
-}
-
 }  // namespace jsontest

@@ -73,21 +73,6 @@ inline std::string utf8(const std::vector<uint32_t>& cps) {
     return s;
 }
 
-// python3's decoding of each input as UTF-8, or nothing where it refuses it.
-inline std::vector<std::optional<std::string>> pythonDecode(const std::string& codec,
-                                                            const std::vector<std::string>& inputs,
-                                                            const std::string& errors = "strict") {
-    std::vector<std::optional<std::string>> out;
-    for (const std::string& line : python(codec, errors, inputs)) {
-        if (line == "-") {
-            out.emplace_back();
-        } else {
-            out.emplace_back(utf8(codepoints(line)));
-        }
-    }
-    return out;
-}
-
 // glibc's converter from one character set to another.
 class Iconv {
 public:
