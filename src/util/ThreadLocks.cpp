@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <link.h>
-#include <sched.h>
 #include <string.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -490,7 +489,7 @@ void MutexByte::_lock_slowpath(waiting_list* chain) {
     // clang-format on
     if (shortSpin() == 0) return;
     for (unsigned i = 0; i < QUEUE_AFTER_YIELDS; ++i) {
-        sched_yield();
+        Thread::yieldCpu();
         uint8_t cur = _state.load(std::memory_order_relaxed);
         if (cur == 0 && _state.compare_exchange_strong(cur, STATE_LOCKED, std::memory_order_acquire,
                                                        std::memory_order_relaxed)) {
